@@ -1,0 +1,238 @@
+// SPDX-License-Identifier: MIT
+#include "json_bridge.h"
+
+#include <picojson.h>
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cstddef>
+#include <iterator>
+#include <optional>
+#include <stdexcept>
+#include <type_traits>
+#include <utility>
+
+#include "text.h"
+
+namespace velta::detail {
+
+namespace {
+
+using picojson::array;
+using picojson::object;
+using picojson::value;
+
+void Assign(std::string& text, float number) { AssignFixed(text, number); }
+
+/// "%d", "%u" and "%lu": the plain decimal of every integer field.
+template <typename Integer, typename = std::enable_if_t<std::is_integral_v<Integer>>>
+void Assign(std::string& text, Integer number) {
+  char digits[24];
+  const auto end = std::to_chars(digits, digits + sizeof digits, number).ptr;
+  text.assign(digits, end);
+}
+
+/// Adds a string member. The reference stays good while the object lives, whatever is added to it.
+std::string& AddText(object& members, const std::string& key) {
+  return members.emplace(key, value(std::string())).first->second.get<std::string>();
+}
+
+/// One joint's members, built once and overwritten for every packet.
+class JointDocument {
+ public:
+  explicit JointDocument(object& members) {
+    for (std::size_t i = 0; i < kKeys.size(); ++i) texts_[i] = &AddText(members, kKeys[i]);
+  }
+
+  void Set(std::size_t joint_id, const rxJoint_t& joint) {
+    std::string** text = texts_.data();
+    const auto put = [&text](auto number) { Assign(**text++, number); };  // in the order of kKeys
+    put(joint_id);
+    put(joint.type);
+    put(joint.comStatus);
+    put(joint.systemMode);
+    put(joint.ctrlMode);
+    put(joint.ewStatus);
+    put(joint.trjStatus);
+    put(joint.trjViaRemain);
+    put(joint.refCurrent);
+    put(joint.refPosition);
+    put(joint.refVelocity);
+    put(joint.refAcceleration);
+    put(joint.refEffort);
+    put(joint.current);
+    put(joint.position);
+    put(joint.velocity);
+    put(joint.outConvInVelocity);
+    put(joint.acceleration);
+    put(joint.outConvInAcceleration);
+    put(joint.effort);
+    put(joint.temperature);
+    for (int i = 0; i < 4; ++i) put(joint.general[i]);
+  }
+
+ private:
+  static constexpr std::array<const char*, 25> kKeys = {"joint_id",
+                                                        "type",
+                                                        "comStatus",
+                                                        "systemMode",
+                                                        "ctrlMode",
+                                                        "ewStatus",
+                                                        "trjStatus",
+                                                        "trjViaRemain",
+                                                        "refCurrent",
+                                                        "refPosition",
+                                                        "refVelocity",
+                                                        "refAcceleration",
+                                                        "refEffort",
+                                                        "current",
+                                                        "position",
+                                                        "velocity",
+                                                        "outConvInVelocity",
+                                                        "acceleration",
+                                                        "outConvInAcceleration",
+                                                        "effort",
+                                                        "temperature",
+                                                        "general_0",
+                                                        "general_1",
+                                                        "general_2",
+                                                        "general_3"};
+  std::array<std::string*, kKeys.size()> texts_;
+};
+
+/// A whole document, built once and overwritten for every packet.
+class StateDocument {
+ public:
+  explicit StateDocument(std::size_t joints) : root_(object()) {
+    object& members = root_.get<object>();
+    duration_ = &AddText(members, "duration");
+    host_timestamp_ = &AddText(members, "hostTimestamp");
+    timestamp_ = &AddText(members, "timestamp");
+    array& states = members.emplace("jointState", value(array())).first->second.get<array>();
+    states.reserve(joints);
+    joints_.reserve(joints);
+    for (std::size_t i = 0; i < joints; ++i) {
+      states.emplace_back(object());
+      joints_.emplace_back(states.back().get<object>());
+    }
+  }
+
+  std::size_t Joints() const { return joints_.size(); }
+
+  std::string Text(const RecvPacket& packet) {
+    Assign(*timestamp_, +packet.header.timestamp);
+    Assign(*host_timestamp_, +packet.header.hostTimestamp);
+    Assign(*duration_, +packet.header.duration);
+    for (std::size_t i = 0; i < joints_.size(); ++i) joints_[i].Set(i + 1, packet.joints[i]);
+    constexpr std::size_t kHeaderText = 128;
+    constexpr std::size_t kJointText = 640;
+    std::string text;
+    text.reserve(kHeaderText + joints_.size() * kJointText);
+    root_.serialize(std::back_inserter(text));
+    return text;
+  }
+
+ private:
+  value root_;
+  std::string* duration_;
+  std::string* host_timestamp_;
+  std::string* timestamp_;
+  std::vector<JointDocument> joints_;
+};
+
+/// The JSON library parses nested values by recursion without a bound of its own on objects.
+/// @return whether the text's first value nests deeper than a thread's stack is sure to bear
+bool NestsTooDeep(const std::string& json) {
+  constexpr int kMaxDepth = 512;
+  int depth = 0;
+  bool in_string = false;
+  for (auto c = json.begin(); c != json.end(); ++c) {
+    if (in_string) {
+      if (*c == '"') in_string = false;
+      if (*c == '\\' && ++c == json.end()) return false;
+    } else if (*c == '"') {
+      in_string = true;
+    } else if (*c == '{' || *c == '[') {
+      if (++depth > kMaxDepth) return true;
+    } else if (*c == '}' || *c == ']') {
+      if (--depth <= 0) return false;  // the first value ends; what follows is not examined
+    }
+  }
+  return false;
+}
+
+/// Members of an object by key; everything unexpected throws.
+const object& AsObject(const value& json) {
+  if (!json.is<object>()) throw std::invalid_argument("object expected");
+  return json.get<object>();
+}
+
+const value& Member(const object& members, const char* key) {
+  const auto found = members.find(key);
+  if (found == members.end()) throw std::invalid_argument("member missing");
+  return found->second;
+}
+
+const std::string& TextMember(const object& members, const char* key) {
+  const value& member = Member(members, key);
+  if (!member.is<std::string>()) throw std::invalid_argument("string expected");
+  return member.get<std::string>();
+}
+
+template <typename Number>
+Number Checked(std::optional<Number> number) {
+  if (!number) throw std::invalid_argument("number expected");
+  return *number;
+}
+
+int IntMember(const object& members, const char* key) { return Checked(ParseInt32(TextMember(members, key))); }
+float FloatMember(const object& members, const char* key) { return Checked(ParseFloat(TextMember(members, key))); }
+
+/// The low 8 bits, deliberately unchecked against the known codes.
+std::uint8_t CodeMember(const object& members, const char* key) {
+  return static_cast<std::uint8_t>(IntMember(members, key));
+}
+
+void ApplyJointCommand(const object& members, SendPacket& packet) {
+  const std::int64_t i = std::int64_t{IntMember(members, "jointName")} - 1;
+  if (i < 0 || i >= packet.jointNum) return;
+  txJoint_t& joint = packet.joints[static_cast<std::size_t>(i)];
+  joint.id = static_cast<std::uint8_t>(i);
+  joint.order = CodeMember(members, "jointOrder");
+  joint.value1 = FloatMember(members, "value1");
+  joint.value2 = FloatMember(members, "value2");
+  joint.value3 = FloatMember(members, "value3");
+  joint.value4 = FloatMember(members, "value4");
+}
+
+}  // namespace
+
+std::vector<std::string> StatesToJson(const std::vector<RecvPacket>& packets, int joint_num) {
+  std::vector<std::string> documents;
+  documents.reserve(packets.size());
+  std::optional<StateDocument> document;
+  for (const RecvPacket& packet : packets) {
+    const std::size_t joints = std::min(packet.joints.size(), static_cast<std::size_t>(std::max(joint_num, 0)));
+    if (!document || document->Joints() != joints) document.emplace(joints);
+    documents.push_back(document->Text(packet));
+  }
+  return documents;
+}
+
+SendPacket CommandFromJson(const std::string& json, int joint_num) {
+  if (NestsTooDeep(json)) throw std::invalid_argument("nested too deep");
+  value root;
+  std::string error;
+  picojson::parse(root, json.begin(), json.end(), &error);
+  if (!error.empty()) throw std::invalid_argument(error);
+  const object& members = AsObject(root);
+  SendPacket packet(joint_num);
+  packet.header.armOrder = CodeMember(members, "armOrder");
+  const value& commands = Member(members, "jointCommand");
+  if (!commands.is<array>()) throw std::invalid_argument("array expected");
+  for (const value& command : commands.get<array>()) ApplyJointCommand(AsObject(command), packet);
+  return packet;
+}
+
+}  // namespace velta::detail

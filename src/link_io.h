@@ -1,0 +1,55 @@
+// SPDX-License-Identifier: MIT
+#ifndef VELTA_SRC_LINK_IO_H_
+#define VELTA_SRC_LINK_IO_H_
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+struct sockaddr_in;
+
+/// What the links share: the one body behind the TCP and the UDP link, and the rule for what a read delivers.
+namespace velta::detail {
+
+/// Bytes that one read may fetch.
+inline constexpr std::size_t kMaxRead = 65535;
+
+/// The rule of all links: 1 to 65,534 bytes are delivered; 65,535 count as an overflow and are dropped with a line;
+/// anything else (closed, failed) empties data.
+/// @param where  the reading operation as its log lines name it, e.g. "[Read]"
+/// @return bytes delivered, or 0
+int DeliverRead(ssize_t count, const char* bytes, std::vector<char>& data, const char* where);
+
+/// All in which the socket links differ.
+struct SocketKind {
+  const char* tag;        ///< class name, as log lines show it
+  const char* read_tag;   ///< its reading operation, as log lines show it
+  const char* link;       ///< "TCP" or "UDP"
+  int type;               ///< SOCK_STREAM or SOCK_DGRAM
+  int connect_timeout_s;  ///< how long Connect() waits
+};
+
+/// "[tag::operation]"
+std::string Where(const SocketKind& kind, const char* operation);
+
+/// Prints message, ": " and the text of the current errno on standard error. Keeps errno.
+void PrintErrno(const std::string& message);
+
+/// Prints "[tag::operation] text" through PrintErrno. Building the message does not disturb errno.
+void ReportFailure(const SocketKind& kind, const char* operation, const std::string& text);
+
+/// @return a new IPv4 socket; -1 with a message
+int OpenSocket(const SocketKind& kind);
+
+/// Connects fd and waits for the outcome, which is reported. fd stays non-blocking.
+bool ConnectSocket(const SocketKind& kind, int fd, const sockaddr_in& address, const std::string& ip);
+
+/// The socket links' Read and Write: polled, one system call, results as AbstractClient tells.
+int ReadSocket(const SocketKind& kind, bool is_init, int fd, char* buffer, std::vector<char>& data);
+int WriteSocket(const SocketKind& kind, bool is_init, int fd, const std::vector<char>& data);
+
+}  // namespace velta::detail
+
+#endif  // VELTA_SRC_LINK_IO_H_

@@ -1,0 +1,38 @@
+// SPDX-License-Identifier: MIT
+#include "unique_send_packet_map.h"
+
+#include <utility>
+
+UniqueSendPacketMap::UniqueSendPacketMap() : mutex_(std::make_unique<std::mutex>()) {}
+
+UniqueSendPacketMap::~UniqueSendPacketMap() { mutex_.reset(); }
+
+void UniqueSendPacketMap::Insert(const std::string& key, const SendPacket& packet) {
+  SendPacket copy = packet;
+  const std::lock_guard<std::mutex> lock(*mutex_);
+  bool& sent = sent_map_.try_emplace(key, true).first->second;
+  packet_map_.insert_or_assign(key, std::move(copy));
+  if (sent) ++waiting_;
+  sent = false;
+}
+
+SendPacket UniqueSendPacketMap::GetSendPacket(const std::string& key) {
+  const std::lock_guard<std::mutex> lock(*mutex_);
+  const auto found = packet_map_.find(key);
+  if (found == packet_map_.end()) return SendPacket(0);
+  SendPacket packet = found->second;
+  bool& sent = sent_map_.at(key);
+  if (!sent) --waiting_;
+  sent = true;
+  return packet;
+}
+
+// No lock, deliberately: the send step asks once per cycle and takes the packets one by one, each under the lock.
+std::vector<std::string> UniqueSendPacketMap::GetNotSentKeys() const {
+  std::vector<std::string> keys;
+  if (waiting_ == 0) return keys;
+  for (const auto& entry : packet_map_) {
+    if (!sent_map_.at(entry.first)) keys.push_back(entry.first);
+  }
+  return keys;
+}
