@@ -69,6 +69,30 @@ TEST(ClientWithoutLink, RefusesEverythingQuietly) {
   EXPECT_EQ(client.GetLastRecvPacket().joints.size(), 2u);
 }
 
+TEST(ClientInit, OpensTheLinkAtOnceAndNeverReleasesAnEarlierOne) {
+  struct Exposed : MasterControllerClient {
+    using MasterControllerClient::client_;
+    using MasterControllerClient::MasterControllerClient;
+  } client(1);
+  EXPECT_EQ(Printed([&] { EXPECT_TRUE(client.InitAsUdpClient("127.0.0.1", 9)); }),
+            "Success to open UDP Connection to 127.0.0.1\n");
+  EXPECT_TRUE(client.IsInit());
+  EXPECT_TRUE(client.IsConnected());
+  const std::unique_ptr<AbstractClient> first(client.client_);
+  client.PushRecvBuffer(RecvPacket(1));
+  EXPECT_EQ(Printed([&] { EXPECT_FALSE(client.InitAsSerialClient("/no/such/device", 9600)); }), "");
+  EXPECT_EQ(client.GetRecvBufferSize(), 0u);
+  EXPECT_FALSE(client.IsInit());
+  EXPECT_TRUE(client.IsConnected());  // as it was
+  EXPECT_NE(client.client_, first.get());
+  EXPECT_EQ(first->Write({'x'}), 1);  // still open
+  EXPECT_FALSE(client.ReConnect(1));
+
+  MasterControllerClient refused(1);
+  velta::test::PrintedError([&] { EXPECT_FALSE(refused.InitAsTcpClient("127.0.0.1", 1)); });
+  EXPECT_FALSE(refused.IsConnected());
+}
+
 TEST_F(Client, ReConnectPrintsItsAttemptsAndKeepsTheConnectedFlag) {
   struct Row {
     int tries;
@@ -187,7 +211,7 @@ TEST_F(Client, SendsTheQueueInOrderThenTheUniqueKeys) {
 }
 
 TEST_F(Client, TwoFramesInARowNeverCarryTheSameStamp) {
-  for (const unsigned long stamp : {7, 7, 8, 9, 9}) Queue(stamp);
+  for (const unsigned long stamp : {7UL, 7UL, 8UL, 9UL, 9UL}) Queue(stamp);
   Steps(5);
   EXPECT_EQ(Sent(), (Stamps{7, 8, 9, 10, 9}));  // only the frame before counts
   SendPacket again = Stamped(9);

@@ -95,7 +95,7 @@ TEST(PacketParser, AnySplitOfAStreamGivesTheSamePackets) {
       const bool bad = random() % 4 == 0;
       const auto garbage = random() % 3 == 0 ? random() % 6000 : 0;
       stream.insert(stream.end(), garbage, 'x');
-      const std::vector<char>& sent = bad ? Bad(frame) : frame;
+      const std::vector<char> sent = bad ? Bad(frame) : frame;
       stream.insert(stream.end(), sent.begin(), sent.end());
       if (!bad) expected.push_back(stamp);
     }

@@ -101,7 +101,13 @@ class SocketLink : public testing::Test {
 };
 
 using Links = testing::Types<TcpClient, UdpClient>;
-TYPED_TEST_SUITE(SocketLink, Links);
+struct LinkName {
+  template <typename Link>
+  static std::string GetName(int) {
+    return Kind<Link>::kLink;
+  }
+};
+TYPED_TEST_SUITE(SocketLink, Links, LinkName);
 
 TYPED_TEST(SocketLink, CarriesBytesBothWaysWithoutWaiting) {
   auto link = this->Open();
@@ -269,6 +275,11 @@ TEST_F(Tcp, AClosedPeerShowsOnWriteAlone) {
     }
   });
   EXPECT_EQ(result, -1);
+}
+
+TEST_F(Udp, ABadAddressTextIsNotNoticed) {
+  UdpClient link("nonsense", port_);
+  EXPECT_EQ(Printed([&] { EXPECT_TRUE(link.Init()); }), "Success to open UDP Connection to nonsense\n");
 }
 
 TEST_F(Udp, AMissingPeerIsNoLostConnection) {
