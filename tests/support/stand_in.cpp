@@ -31,7 +31,7 @@ float ReadF32(const std::vector<char>& bytes, std::size_t offset) {
 StandIn::StandIn(Link link, int joints, int drop_every)
     : link_(link), drop_every_(drop_every), joints_(static_cast<std::size_t>(joints)) {
   if (link == Link::Pty) {
-    fd_ = posix_openpt(O_RDWR | O_NOCTTY);
+    fd_ = posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK);  // a host that is gone must not hold us
     if (fd_ < 0 || grantpt(fd_) != 0 || unlockpt(fd_) != 0) throw std::runtime_error("no pseudo terminal");
     address_ = ptsname(fd_);
     termios raw{};  // until the host opens the device, nothing may be echoed back
