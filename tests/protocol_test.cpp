@@ -3,10 +3,12 @@
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <ctime>
 #include <random>
-#include <string>
+#include <vector>
 
+#include "crc16.h"
 #include "support/bytes.h"
 
 namespace {
@@ -17,18 +19,27 @@ TEST(CalcCrc16, HasThePublishedCheckValue) { EXPECT_EQ(CalcCrc16(Raw("123456789"
 
 TEST(CalcCrc16, OfNothingIsZero) { EXPECT_EQ(CalcCrc16(nullptr, 0), 0); }
 
-TEST(CalcCrc16, AgreesWithTheBitwiseDefinitionAtEveryLengthAndAlignment) {
+TEST(CalcCrc16, AgreesWithTheBitwiseDefinitionInEveryWayAtEveryLengthAndAlignment) {
+  using namespace velta::detail;
   std::mt19937 random(1);
   std::vector<char> bytes(65535 + 16);
   for (char& b : bytes) b = static_cast<char>(random());
-  for (std::size_t length = 1; length <= 700; ++length) {
-    const std::size_t at = length % 16;
-    const std::vector<char> part(bytes.begin() + static_cast<std::ptrdiff_t>(at), bytes.end());
-    ASSERT_EQ(CalcCrc16(Raw(bytes.data() + at), static_cast<unsigned short>(length)),
-              velta::test::BitwiseCrc16(part, length))
-        << "length " << length;
+  const auto check = [&](std::size_t length, std::size_t at) {
+    const std::vector<char> part(bytes.begin() + static_cast<std::ptrdiff_t>(at),
+                                 bytes.begin() + static_cast<std::ptrdiff_t>(at + length));
+    const unsigned char* const data = Raw(bytes.data() + at);
+    const unsigned expected = velta::test::BitwiseCrc16(part, length);
+    ASSERT_EQ(Crc16ByteWise(data, length), expected) << length;
+    ASSERT_EQ(Crc16Sliced(data, length), expected) << length;
+    ASSERT_EQ(CalcCrc16(data, static_cast<unsigned short>(length)), expected) << length;
+    if (length < kCrc16FoldFrom || !Crc16CanFold()) return;
+    ASSERT_EQ(Crc16Folded(data, length), expected) << length;
+  };
+  for (std::size_t length = 0; length <= 4096; ++length) check(length, length * 7 % 16);
+  for (std::size_t length = 0; length <= 200; ++length) {
+    for (std::size_t at = 0; at < 16; ++at) check(length, at);
   }
-  EXPECT_EQ(CalcCrc16(Raw(bytes.data()), 65535), velta::test::BitwiseCrc16(bytes, 65535));
+  check(65535, 3);
 }
 
 TEST(GetNowTimeStamp, CountsNanosecondsSinceTheEpoch) {
