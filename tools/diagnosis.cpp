@@ -68,7 +68,8 @@ std::vector<std::string> HoldersOf(const fs::path& proc, const fs::path& device)
     const std::string pid = process->path().filename();
     if (pid == self || pid.find_first_not_of("0123456789") != std::string::npos) continue;
     std::error_code ignored;  // processes end while they are looked at, and others are not ours to look at
-    for (fs::directory_iterator file(process->path() / "fd", ignored); !ignored && file != end; file.increment(ignored)) {
+    for (fs::directory_iterator file(process->path() / "fd", ignored); !ignored && file != end;
+         file.increment(ignored)) {
       std::error_code gone;
       if (fs::read_symlink(file->path(), gone) != target) continue;
       std::string name;
@@ -105,10 +106,10 @@ std::vector<std::string> WhyNothingMoves(const RecvPacket& status) {
   add(Joints(status, [](const rxJoint_t& j) { return j.systemMode == 0 && !HasFault(j); }), "have their servo off",
       "velta send LINK servo-on");
   add(Joints(status, [](const rxJoint_t& j) { return j.trjStatus == 'm'; }),
-      "refused a trajectory because their servo was off", "switch it on, then velta send LINK trajectory-control-start");
+      "refused a trajectory because their servo was off",
+      "switch it on, then velta send LINK trajectory-control-start");
   add(Joints(status, [](const rxJoint_t& j) { return j.trjStatus == 'f'; }),
-      "refused a trajectory because it had no points",
-      "send points, then velta send LINK trajectory-control-start");
+      "refused a trajectory because it had no points", "send points, then velta send LINK trajectory-control-start");
   add(Joints(status, [](const rxJoint_t& j) { return j.trjStatus == 'o'; }),
       "stopped because their servo went off while they moved", "velta send LINK servo-on");
   return causes;

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -40,7 +41,7 @@ constexpr int kMostJoints = 64;  // joint counts that are tried when the given o
 
 struct DoctorOptions {
   std::string link;
-  int joints = 6;
+  int joints = 0;
   double connect_s = 5;
 };
 
@@ -81,16 +82,14 @@ std::string GroupOf(const std::string& path) {
 
 class Doctor {
  public:
-  explicit Doctor(const DoctorOptions& options) : options_(options), link_(ParseLink(options.link)) {}
+  explicit Doctor(const DoctorOptions& options) : options_(options) {}
 
   /// @return 0 when nothing failed
   int Run() {
+    InstallStopHandler();
     try {
-      if (link_.kind == Link::Kind::Serial) {
-        ExamineDevice();
-      } else {
-        ExamineHost();
-      }
+      ReadLink();
+      if (link_.kind == Link::Kind::Serial) ExamineDevice();
       const std::unique_ptr<Wire> wire = Open();
       try {
         Exchange(*wire);
@@ -133,16 +132,28 @@ class Doctor {
     throw Hopeless();
   }
 
-  void ExamineHost() {
-    in_addr address{};
-    if (inet_pton(AF_INET, link_.host.c_str(), &address) == 1) return;
-    const std::string resolved = Resolve(link_.host);
-    if (StopRequested()) throw Hopeless();
-    if (resolved.empty()) {
-      GiveUp("cannot resolve '" + link_.host + "': check the name, or give the controller's IPv4 address");
+  /// Reads the link; a host name, which the library does not take, is looked up first.
+  void ReadLink() {
+    std::string text = options_.link;
+    const std::size_t from = text.find("://") + 3;
+    const std::size_t colon = text.rfind(':');
+    if ((text.rfind("tcp://", 0) != 0 && text.rfind("udp://", 0) != 0) || colon <= from) {
+      link_ = ParseLink(text);
+      return;
     }
-    Warn("'" + link_.host + "' is a name, which the library does not resolve: use " + resolved + " in your program");
-    link_.host = resolved;
+    const std::string host = text.substr(from, colon - from);
+    in_addr address{};
+    if (inet_pton(AF_INET, host.c_str(), &address) != 1) {
+      static_cast<void>(ParseLink(text.replace(from, host.size(), "0.0.0.0")));  // refuses what else is wrong
+      const std::string resolved = Resolve(host);
+      if (StopRequested()) throw Hopeless();
+      if (resolved.empty())
+        GiveUp("cannot resolve '" + host + "': check the name, or give the controller's IPv4 address");
+      Warn("'" + host + "' is a name, which the library does not resolve: use " + resolved + " in your program");
+      text = options_.link;
+      text.replace(from, host.size(), resolved);
+    }
+    link_ = ParseLink(text);
   }
 
   void ExamineDevice() {
@@ -259,7 +270,8 @@ class Doctor {
       const std::string bytes = std::to_string(bytes_.size()) + " bytes arrived, but no good frame of " +
                                 std::to_string(options_.joints) + " joints";
       if (const std::optional<int> fit = FitJointCount(bytes_, kMostJoints)) {
-        GiveUp(bytes + ": the controller is set to " + std::to_string(*fit) + " joints; use -n " + std::to_string(*fit));
+        GiveUp(bytes + ": the controller is set to " + std::to_string(*fit) + " joints; use -n " +
+               std::to_string(*fit));
       }
       GiveUp(bytes + ", nor of 0 to " + std::to_string(kMostJoints) + " joints: " +
              (link_.kind == Link::Kind::Serial ? "check the baud rate and the wiring"
@@ -267,8 +279,9 @@ class Doctor {
     }
     const auto frame = static_cast<std::size_t>(statuses_.front().packetSize);
     const std::size_t discarded = bytes_.size() - statuses_.size() * frame;
-    const std::string count = std::to_string(statuses_.size()) + " good statuses of " + std::to_string(options_.joints) +
-                              " joints" + (unasked_ == 0 ? ", only in answer to commands" : "");
+    const std::string count = std::to_string(statuses_.size()) + " good statuses of " +
+                              std::to_string(options_.joints) + " joints" +
+                              (unasked_ == 0 ? ", only in answer to commands" : "");
     if (discarded >= frame) {
       Warn(count + ", but " + std::to_string(discarded) + " bytes belong to none: look for noise or lost bytes");
     } else {
@@ -299,7 +312,9 @@ class Doctor {
       return;
     }
     Bad("statuses arrive, but the echo never comes: the controller accepts no command from here; check that it is in "
-        "remote mode, is set to " + std::to_string(options_.joints) + " joints for commands too, and that the line to it "
+        "remote mode, is set to " +
+        std::to_string(options_.joints) +
+        " joints for commands too, and that the line to it "
         "is connected");
   }
 
@@ -342,13 +357,18 @@ class Doctor {
 }  // namespace
 
 void AddDoctor(CLI::App& app, Action& action) {
-  CLI::App* command = app.add_subcommand("doctor", "Find out why nothing moves");
+  CLI::App& command = *app.add_subcommand("doctor", "Find out why nothing moves");
   static DoctorOptions options;
-  command->add_option("link", options.link, "tcp://IP:PORT, udp://IP:PORT or serial://DEVICE?baud=RATE")->required();
-  command->add_option("-n,--joints", options.joints, "joints of the arm, as the controller is set")->check(CLI::Range(1, 3640));
-  command->add_option("--connect-timeout", options.connect_s, "seconds to wait for a connection")->check(CLI::Range(0.1, 60.0));
-  command->footer("It sends commands that command nothing; the arm does not move.\nExample: velta doctor -n 6 tcp://192.168.0.10:5000");
-  command->callback([&action] { action = [] { return Doctor(options).Run(); }; });
+  command.add_option("LINK", options.link, "tcp://HOST:PORT, udp://HOST:PORT or serial:///dev/ttyX?baud=115200")
+      ->required()
+      ->option_text(" ");
+  AddJointsOption(command, options.joints);
+  command.add_option("--connect-timeout", options.connect_s, "Seconds to wait for a connection")
+      ->check(CLI::Range(0.1, 60.0));
+  command.footer(
+      "It sends commands that command nothing; the arm does not move.\nExample: velta doctor -n 6 "
+      "tcp://192.168.0.10:5000");
+  command.callback([&action] { action = [] { return Doctor(options).Run(); }; });
 }
 
 }  // namespace velta::tools

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdint>
 #include <ostream>
@@ -22,8 +23,8 @@ namespace {
 constexpr int kAttempts = 5;  // the first and four resends, as the client does
 
 struct PingOptions {
-  std::string link;
-  int joints = 6;
+  Link link;
+  int joints = 0;
   int count = 1000;
   double interval_ms = 2;
   double timeout_ms = 100;
@@ -45,8 +46,7 @@ struct Report {
 
 class Pinger {
  public:
-  explicit Pinger(const PingOptions& options)
-      : options_(options), wire_(ParseLink(options.link)), parser_(options.joints) {}
+  explicit Pinger(const PingOptions& options) : options_(options), wire_(options.link), parser_(options.joints) {}
 
   Report Run() {
     try {
@@ -96,7 +96,8 @@ class Pinger {
     const int confirmed = report_.confirmed;
     while (to_the_end || confirmed == report_.confirmed) {
       if (!wire_.WaitReadable(deadline)) {
-        if (to_the_end && !StopRequested()) report_.wakeups.push_back(std::max<std::int64_t>(0, MonotonicNs() - deadline));
+        if (to_the_end && !StopRequested())
+          report_.wakeups.push_back(std::max<std::int64_t>(0, MonotonicNs() - deadline));
         return;
       }
       const std::int64_t now = MonotonicNs();
@@ -144,10 +145,11 @@ std::vector<std::string> Verdict(const Report& report, int joints) {
   const bool silent = report.received == 0;
   if (report.sent == 0) return {"nothing was measured"};
   if (report.confirmed == 0) {
-    verdict.emplace_back(silent ? "no answer at all: look at the link and the controller with velta doctor"
-                         : report.good == 0
-                             ? "bytes arrive, but no status of this joint count: look at -n, with velta doctor"
-                             : "the controller reports, but echoes no command: look at the controller, with velta doctor");
+    verdict.emplace_back(
+        silent ? "no answer at all: look at the link and the controller with velta doctor"
+        : report.good == 0
+            ? "bytes arrive, but no status of this joint count: look at -n, with velta doctor"
+            : "the controller reports, but echoes no command: look at the controller, with velta doctor");
     return verdict;
   }
   const std::int64_t p50 = Percentile(report.round_trips, 0.5);
@@ -168,12 +170,12 @@ std::vector<std::string> Verdict(const Report& report, int joints) {
                       " late (busy processors, power saving, no real-time priority)");
   } else if (worst > 10 * p50 && worst > 5'000'000) {
     verdict.push_back("look at the controller or the link: this machine wakes in time, but the slowest echo took " +
-                      Duration(static_cast<double>(worst)) + ", " + std::to_string(worst / std::max<std::int64_t>(p50, 1)) +
-                      " times the median");
+                      Duration(static_cast<double>(worst)) + ", " +
+                      std::to_string(worst / std::max<std::int64_t>(p50, 1)) + " times the median");
   }
   if (report.statuses.Count() > 10 && rhythm.jitter_ns > rhythm.period_ns && rhythm.jitter_ns > 1e6) {
-    verdict.push_back("look at the controller: its statuses come every " + Duration(rhythm.period_ns) + ", give or take " +
-                      Duration(rhythm.jitter_ns));
+    verdict.push_back("look at the controller: its statuses come every " + Duration(rhythm.period_ns) +
+                      ", give or take " + Duration(rhythm.jitter_ns));
   }
   if (verdict.empty()) {
     verdict.push_back("good: every command was echoed, 99 % of them within " + Duration(static_cast<double>(p99)));
@@ -195,8 +197,9 @@ void PrintJson(std::ostream& out, const Report& report, int joints) {
         << ",\"max\":" << at(1) << "}";
   }
   out << ",\"status\":{\"count\":" << report.statuses.Count() << ",\"rate_hz\":" << Fixed(rhythm.rate_hz, 1)
-      << ",\"jitter_us\":" << Us(rhythm.jitter_ns) << ",\"longest_silence_us\":" << Us(static_cast<double>(rhythm.longest))
-      << ",\"gaps\":" << report.statuses.Gaps() << "},\"discarded_bytes\":" << Discarded(report, joints)
+      << ",\"jitter_us\":" << Us(rhythm.jitter_ns)
+      << ",\"longest_silence_us\":" << Us(static_cast<double>(rhythm.longest)) << ",\"gaps\":" << report.statuses.Gaps()
+      << "},\"discarded_bytes\":" << Discarded(report, joints)
       << ",\"late_wakeup_p99_us\":" << Us(static_cast<double>(Percentile(report.wakeups, 0.99))) << ",\"verdict\":[";
   const char* separator = "";
   for (const std::string& line : Verdict(report, joints)) {
@@ -217,12 +220,13 @@ void PrintText(std::ostream& out, const Report& report, int joints) {
     for (const std::string& line : Histogram(report.round_trips, 40)) out << "  " << line << "\n";
   }
   out << "statuses    " << report.statuses.Count() << " at " << Fixed(rhythm.rate_hz, 0) << " Hz  jitter "
-      << Duration(rhythm.jitter_ns) << "  longest silence " << Duration(static_cast<double>(rhythm.longest)) << "  gaps "
-      << report.statuses.Gaps() << "\n";
+      << Duration(rhythm.jitter_ns) << "  longest silence " << Duration(static_cast<double>(rhythm.longest))
+      << "  gaps " << report.statuses.Gaps() << "\n";
   for (const std::string& line : Verdict(report, joints)) out << "verdict     " << line << "\n";
 }
 
 int Ping(const PingOptions& options) {
+  InstallStopHandler();
   const Report report = Pinger(options).Run();
   (options.json ? PrintJson : PrintText)(Out(), report, options.joints);
   Out().flush();
@@ -233,16 +237,20 @@ int Ping(const PingOptions& options) {
 }  // namespace
 
 void AddPing(CLI::App& app, Action& action) {
-  CLI::App* command = app.add_subcommand("ping", "Measure the round trip of commands and the rhythm of statuses");
+  CLI::App& command = *app.add_subcommand("ping", "Measure the round trip of commands and the rhythm of statuses");
   static PingOptions options;
-  command->add_option("link", options.link, "tcp://IP:PORT, udp://IP:PORT or serial://DEVICE?baud=RATE")->required();
-  command->add_option("-n,--joints", options.joints, "joints of the arm, as the controller is set")->check(CLI::Range(1, 3640));
-  command->add_option("-c,--count", options.count, "commands to send")->check(CLI::Range(1, 100'000'000));
-  command->add_option("-i,--interval-ms", options.interval_ms, "time between an echo and the next command")->check(CLI::Range(0.0, 60'000.0));
-  command->add_option("-t,--timeout-ms", options.timeout_ms, "wait for an echo before the command is sent again")->check(CLI::Range(0.1, 60'000.0));
-  command->add_flag("--json", options.json, "print one JSON object");
-  command->footer("It sends commands that command nothing; the arm does not move.\nExample: velta ping -n 6 tcp://192.168.0.10:5000");
-  command->callback([&action] { action = [] { return Ping(options); }; });
+  AddLinkArgument(command, options.link);
+  AddJointsOption(command, options.joints);
+  command.add_option("-c,--count", options.count, "Commands to send")->check(CLI::Range(1, 100'000'000));
+  command.add_option("-i,--interval-ms", options.interval_ms, "Time between an echo and the next command")
+      ->check(CLI::Range(0.0, 60'000.0));
+  command.add_option("-t,--timeout-ms", options.timeout_ms, "Wait for an echo before the command is sent again")
+      ->check(CLI::Range(0.1, 60'000.0));
+  command.add_flag("--json", options.json, "Print one JSON object");
+  command.footer(
+      "It sends commands that command nothing; the arm does not move.\nExample: velta ping -n 6 "
+      "tcp://192.168.0.10:5000");
+  command.callback([&action] { action = [] { return Ping(options); }; });
 }
 
 }  // namespace velta::tools

@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: MIT
 #include <poll.h>
+#include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
-#include <array>
+#include <cerrno>
 #include <cstdint>
 #include <iostream>
-#include <iterator>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "MasterControllerClient.h"
@@ -23,7 +25,7 @@ namespace {
 
 struct SendOptions {
   std::string link;
-  int joint_num = 6;
+  int joint_num = 0;
   std::vector<std::string> words;  ///< the command's word and its arguments
   std::string joints;
   std::string json;
@@ -42,10 +44,23 @@ class Sender : public MasterControllerClient {
   int Timeouts() const { return timeout_count_; }
 };
 
+std::string ReadStandardInput() {
+  std::string text;
+  for (;;) {
+    pollfd polled[] = {{STDIN_FILENO, POLLIN, 0}, {StopFd(), POLLIN, 0}};
+    poll(polled, 2, -1);
+    if (StopRequested()) throw Failure("interrupted; nothing was sent");
+    char buffer[4096];
+    const ssize_t count = read(STDIN_FILENO, buffer, sizeof buffer);
+    if (count == 0) return text;
+    if (count > 0) text.append(buffer, static_cast<std::size_t>(count));
+    if (count == -1 && errno != EINTR && errno != EAGAIN) throw Failure("cannot read standard input; nothing was sent");
+  }
+}
+
 /// @return the packet of a command document, read by the library itself
 SendPacket ReadDocument(const SendOptions& options) {
-  std::string text = options.json;
-  if (text == "-") text.assign(std::istreambuf_iterator<char>(std::cin), {});
+  const std::string text = options.json == "-" ? ReadStandardInput() : options.json;
   MasterControllerClient client(options.joint_num);
   if (!client.PushSendQueueJson(text, false)) throw Failure("--json: not a command document; nothing was sent");
   return client.PopSendQueue();
@@ -72,13 +87,16 @@ bool Pause(double seconds) {
 
 /// @return whether the bytes of packet command anything
 bool Commands(const SendPacket& packet) {
-  return packet.header.armOrder != 0 ||
-         std::any_of(packet.joints.begin(), packet.joints.end(), [](const txJoint_t& joint) { return joint.order != 0; });
+  return packet.header.armOrder != 0 || std::any_of(packet.joints.begin(), packet.joints.end(),
+                                                    [](const txJoint_t& joint) { return joint.order != 0; });
 }
 
 int Deliver(const SendOptions& options, const Link& link, SendPacket& packet) {
   Sender client(options.joint_num);
-  if (!OpenLink(client, link)) throw Failure("cannot open " + ToString(link) + "; velta doctor tells why");
+  if (!OpenLink(client, link)) {
+    throw Failure("cannot open " + ToString(link) + ": " + std::generic_category().message(errno) +
+                  "; velta doctor tells more");
+  };
   client.PushSendQueue(packet, options.confirm);
   const std::int64_t start = MonotonicNs();
   client.SendPacketInBuffer();
@@ -109,7 +127,8 @@ int Deliver(const SendOptions& options, const Link& link, SendPacket& packet) {
   }
   const auto took = static_cast<double>(MonotonicNs() - start);
   if (!client.Confirmed()) {
-    throw Failure("no echo from " + ToString(link) + " within " + Duration(took) + " and four resends; velta doctor tells why");
+    throw Failure("no echo from " + ToString(link) + " within " + Duration(took) +
+                  " and four resends; velta doctor tells why");
   }
   Out() << "sent " << packet.GetPacketSize() << " bytes to " << ToString(link) << ", confirmed after " << Duration(took)
         << " and " << resends << " resends" << std::endl;
@@ -117,15 +136,18 @@ int Deliver(const SendOptions& options, const Link& link, SendPacket& packet) {
 }
 
 int Send(const SendOptions& options) {
+  InstallStopHandler();
   if (options.list) {
     for (const std::string& line : ListCommandWords()) Out() << line << "\n";
     Out().flush();
     return 0;
   }
-  if (options.link.empty()) throw UsageError("send needs a link; velta send --help shows how");
+  if (options.link.empty()) throw UsageError("send needs a LINK and a command; velta send --help shows how");
+  if (options.joint_num == 0) throw UsageError("-n is required, the joints of the arm (--joints are those to command)");
   const Link link = ParseLink(options.link);
   if (options.json.empty() == options.words.empty()) throw UsageError("send takes either a command or --json DOCUMENT");
-  if (!options.json.empty() && !options.joints.empty()) throw UsageError("--json names its joints itself; leave --joints out");
+  if (!options.json.empty() && !options.joints.empty())
+    throw UsageError("--json names its joints itself; leave --joints out");
   SendPacket packet = options.json.empty()
                           ? MakeCommand(options.joint_num, options.words.front(),
                                         {options.words.begin() + 1, options.words.end()}, options.joints)
@@ -141,21 +163,28 @@ int Send(const SendOptions& options) {
 }  // namespace
 
 void AddSend(CLI::App& app, Action& action) {
-  CLI::App* command = app.add_subcommand("send", "Send one command, in words or as a document");
+  CLI::App& command = *app.add_subcommand("send", "Send one command, in words or as a document");
   static SendOptions options;
-  command->add_option("link", options.link, "tcp://IP:PORT, udp://IP:PORT or serial://DEVICE?baud=RATE");
-  command->add_option("command", options.words, "the command's word and its arguments; --list shows all");
-  command->add_option("-n,--joint-count", options.joint_num, "joints of the arm, as the controller is set")
-      ->check(CLI::Range(1, 3640));
-  command->add_option("-j,--joints", options.joints, "joints to command: all, or indices from 0 as in 0/2/5");
-  command->add_option("--json", options.json, "send this command document; - reads it from standard input");
-  command->add_flag("--confirm", options.confirm, "wait until the controller echoes the command, sending it again if need be");
-  command->add_option("--timeout", options.timeout_s, "seconds that --confirm waits, all resends included")->check(CLI::Range(0.01, 3600.0));
-  command->add_flag("--dry-run", options.dry_run, "print the frame's bytes instead of sending them");
-  command->add_flag("--list", options.list, "list all commands");
-  command->footer("Here --joints names the joints that the command is for, and -n alone is the joint count.\n"
-                  "Example: velta send -n 6 tcp://192.168.0.10:5000 ref-position 30 --joints 0/2 --confirm");
-  command->callback([&action] { action = [] { return Send(options); }; });
+  command.add_option("LINK", options.link, "tcp://IP:PORT, udp://IP:PORT or serial:///dev/ttyX?baud=115200")
+      ->option_text(" ");
+  command.add_option("COMMAND", options.words, "The command's word and its arguments; --list shows all")
+      ->option_text(" ");
+  command.add_option("-n,--joint-count", options.joint_num, "Joints of the arm, the same at both ends of the link")
+      ->check(CLI::Range(1, kMaxJoints))
+      ->option_text("N");
+  command.add_option("--joints", options.joints, "Joints to command: all, or indices from 0 as in 0/2/5")
+      ->option_text("IDS");
+  command.add_option("--json", options.json, "Send this command document; - reads it from standard input");
+  command.add_flag("--confirm", options.confirm,
+                   "Wait until the controller echoes the command, sending it again if need be");
+  command.add_option("--timeout", options.timeout_s, "Seconds that --confirm waits, all resends included")
+      ->check(CLI::Range(0.01, 3600.0));
+  command.add_flag("--dry-run", options.dry_run, "Print the frame's bytes instead of sending them");
+  command.add_flag("--list", options.list, "List all commands");
+  command.footer(
+      "Here --joints names the joints that the command is for, and -n alone is the joint count.\n"
+      "Example: velta send -n 6 tcp://192.168.0.10:5000 ref-position 30 --joints 0/2 --confirm");
+  command.callback([&action] { action = [] { return Send(options); }; });
 }
 
 }  // namespace velta::tools
