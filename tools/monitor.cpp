@@ -103,20 +103,20 @@ class Screen {
     } else {
       Put(1, 0, trouble, Colour(kFault));
     }
-    // The joints get what the history leaves, and scroll so that the chosen one is seen.
+    // With many joints or few lines the joints scroll, so that the chosen one is seen and a history remains.
     constexpr int kFirstRow = 4;
-    constexpr int kHistory = 6;
     const int joints = static_cast<int>(model.Joints());
-    const int rows = std::clamp(height - kFirstRow - kHistory - 2, 1, joints);
+    const int rows = std::min(joints, std::max({height - 12, std::min(3, height - 5), 1}));
     const int first = std::clamp(static_cast<int>(joint_) - rows / 2, 0, joints - rows);
-    DrawTitles(3);
+    DrawTitles(kFirstRow - 1);
     for (int i = 0; i < rows; ++i) {
       DrawJoint(kFirstRow + i, static_cast<std::size_t>(first + i),
                 model.Row(static_cast<std::size_t>(first + i), now));
     }
-    const int width = std::max(getmaxx(stdscr), 1);
     int line = kFirstRow + rows + 1;
-    for (const std::string& text : model.History(joint_, static_cast<std::size_t>(width), kHistory - 1)) {
+    const auto width = static_cast<std::size_t>(std::max(getmaxx(stdscr), 1));
+    const auto lines = static_cast<std::size_t>(std::clamp(height - line - 2, 1, 16));
+    for (const std::string& text : model.History(joint_, width, lines)) {
       if (line < height - 1) Put(line++, 0, text, 0);
     }
     Put(height - 1, 0, "q quit  p pause  1-9 columns  up/down joint  * changed  ! fault", A_REVERSE);
@@ -184,6 +184,7 @@ class Monitor {
 
   int Run() {
     const std::int64_t start = MonotonicNs();
+    heard_at_ = start;
     end_ = options_.seconds > 0 ? start + static_cast<std::int64_t>(options_.seconds * 1e9)
                                 : std::numeric_limits<std::int64_t>::max();
     std::string lost;
