@@ -19,7 +19,7 @@ constexpr std::int64_t kMs = 1'000'000;
 TEST(MonitorModel, ShowsStatesInWordsAndMarksWhatChanged) {
   MonitorModel model(2);
   EXPECT_EQ(model.Traffic(0), "no status yet  discarded 0 bytes");
-  EXPECT_EQ(model.Take(Chars(StatusBytes(1, 0, {{0}, {2, 'm'}})), 1000 * kMs).size(), 1U);
+  model.Take(Chars(StatusBytes(1, 0, {{0}, {2, 'm'}})), 1000 * kMs);
   for (const auto& cell : model.Row(0, 1000 * kMs)) EXPECT_FALSE(cell.changed || cell.fault) << cell.text;
   EXPECT_EQ(model.Row(1, 1000 * kMs)[8].text, "servo off!");
 

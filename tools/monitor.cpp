@@ -23,6 +23,7 @@
 #include "command.h"
 #include "link.h"
 #include "monitor_model.h"
+#include "relay.h"
 #include "stop.h"
 #include "timing.h"
 #include "wire.h"
@@ -36,6 +37,7 @@ constexpr std::int64_t kSecond = 1000 * kMs;
 
 struct MonitorOptions {
   Link link;
+  std::string via;
   int joints = 0;
   int poll_ms = 100;
   double seconds = 0;
@@ -108,10 +110,11 @@ class Screen {
     const int joints = static_cast<int>(model.Joints());
     const int rows = std::min(joints, std::max({height - 12, std::min(3, height - 5), 1}));
     const int first = std::clamp(static_cast<int>(joint_) - rows / 2, 0, joints - rows);
-    DrawTitles(kFirstRow - 1);
+    const Columns columns = Fitting();
+    DrawTitles(kFirstRow - 1, columns);
     for (int i = 0; i < rows; ++i) {
-      DrawJoint(kFirstRow + i, static_cast<std::size_t>(first + i),
-                model.Row(static_cast<std::size_t>(first + i), now));
+      const auto joint = static_cast<std::size_t>(first + i);
+      DrawJoint(kFirstRow + i, joint, model.Row(joint, now), columns);
     }
     int line = kFirstRow + rows + 1;
     const auto width = static_cast<std::size_t>(std::max(getmaxx(stdscr), 1));
@@ -124,6 +127,10 @@ class Screen {
   }
 
  private:
+  using Columns = std::vector<std::size_t>;
+
+  static constexpr int kFirstColumn = 6;
+
   enum Pair : short { kFault = 1, kChanged = 2 };
 
   static attr_t Colour(Pair pair) { return A_BOLD | (has_colors() ? static_cast<attr_t>(COLOR_PAIR(pair)) : 0); }
@@ -136,23 +143,39 @@ class Screen {
     attrset(A_NORMAL);
   }
 
-  void DrawTitles(int y) const {
-    int x = 6;
+  /// @return the columns that are not hidden; on a narrow screen the ones that tell least give way
+  Columns Fitting() const {
+    auto hidden = hidden_;
+    const auto width = [&hidden] {
+      int sum = kFirstColumn;
+      for (std::size_t i = 0; i < hidden.size(); ++i) sum += hidden[i] ? 0 : MonitorModel::kColumns[i].width + 1;
+      return sum;
+    };
+    for (const std::size_t least : {3, 2, 4, 1, 6}) {
+      if (width() > getmaxx(stdscr)) hidden[least] = true;
+    }
+    Columns columns;
+    for (std::size_t i = 0; i < hidden.size(); ++i) {
+      if (!hidden[i]) columns.push_back(i);
+    }
+    return columns;
+  }
+
+  static void DrawTitles(int y, const Columns& columns) {
+    int x = kFirstColumn;
     Put(y, 0, "joint", A_UNDERLINE);
-    for (std::size_t column = 0; column < hidden_.size(); ++column) {
-      if (hidden_[column]) continue;
+    for (const std::size_t column : columns) {
       const MonitorModel::Column& shape = MonitorModel::kColumns[column];
       Put(y, x, Padded(shape.title, shape.width), A_UNDERLINE);
       x += shape.width + 1;
     }
   }
 
-  void DrawJoint(int y, std::size_t joint, const std::vector<MonitorModel::Cell>& row) const {
+  void DrawJoint(int y, std::size_t joint, const std::vector<MonitorModel::Cell>& row, const Columns& columns) const {
     const bool fault = std::any_of(row.begin(), row.end(), [](const MonitorModel::Cell& cell) { return cell.fault; });
     Put(y, 0, (joint == joint_ ? ">" : " ") + std::to_string(joint) + (fault ? "!" : ""), fault ? Colour(kFault) : 0);
-    int x = 6;
-    for (std::size_t column = 0; column < hidden_.size(); ++column) {
-      if (hidden_[column]) continue;
+    int x = kFirstColumn;
+    for (const std::size_t column : columns) {
       const MonitorModel::Cell& cell = row[column];
       const int width = MonitorModel::kColumns[column].width;
       Put(y, x, Padded(cell.text, width) + (cell.changed ? "*" : " "),
@@ -174,22 +197,138 @@ class Screen {
   std::int64_t frozen_at_ = 0;
 };
 
+/// Where statuses come from: the controller's own link, or what passes between it and its host.
+class Source {
+ public:
+  virtual ~Source() = default;
+
+  /// Waits until something came, at the latest until the deadline or until `wake` is readable, and gives it to the
+  /// model.
+  virtual void Step(std::int64_t deadline_ns, int wake) = 0;
+
+  /// @return what is wrong now; empty when nothing is
+  virtual std::string Trouble() const = 0;
+};
+
+class OwnLink : public Source {
+ public:
+  /// @param keep_trying  whether a lost link is opened again, else it is a WireError
+  OwnLink(const MonitorOptions& options, MonitorModel& model, bool keep_trying)
+      : options_(options), model_(model), keep_trying_(keep_trying), wire_(std::make_unique<Wire>(options.link)) {}
+
+  void Step(std::int64_t deadline_ns, int wake) override {
+    if (options_.poll_ms > 0) deadline_ns = std::min(deadline_ns, NextQuestion());
+    Wait(deadline_ns, wake);
+    try {
+      if (!wire_) Reopen();
+      if (wire_) Receive();
+    } catch (const WireError& error) {
+      if (!keep_trying_) throw;
+      wire_.reset();
+      trouble_ = std::string(error.what()) + "; trying again";
+      next_try_ = MonotonicNs() + kSecond;
+    }
+  }
+
+  std::string Trouble() const override { return trouble_; }
+
+ private:
+  std::int64_t NextQuestion() const { return std::max(heard_at_, asked_at_) + options_.poll_ms * kMs; }
+
+  void Wait(std::int64_t deadline_ns, int wake) const {
+    const std::int64_t left = std::max<std::int64_t>(deadline_ns - MonotonicNs(), 0);
+    const timespec timeout{left / kSecond, left % kSecond};
+    pollfd polled[] = {{wire_ ? wire_->Fd() : -1, POLLIN, 0}, {StopFd(), POLLIN, 0}, {wake, POLLIN, 0}};
+    ppoll(polled, 3, &timeout, nullptr);
+  }
+
+  void Reopen() {
+    asked_at_ = MonotonicNs();
+    if (asked_at_ < next_try_) return;
+    wire_ = std::make_unique<Wire>(options_.link, 50);  // shortly: the keys wait meanwhile
+    model_.Restart();
+    trouble_.clear();
+  }
+
+  /// Takes in what has arrived; asks with a command that commands nothing when the controller is silent.
+  void Receive() {
+    std::vector<char> bytes;
+    wire_->Read(bytes);
+    const std::int64_t now = MonotonicNs();
+    if (!bytes.empty()) heard_at_ = now;
+    model_.Take(std::move(bytes), now);
+    if (options_.poll_ms == 0 || now < NextQuestion()) return;
+    asked_at_ = now;
+    wire_->Write(SendPacket(options_.joints).GetCharVector());
+  }
+
+  const MonitorOptions& options_;
+  MonitorModel& model_;
+  bool keep_trying_;
+  std::unique_ptr<Wire> wire_;  ///< none while the link is lost
+  std::string trouble_;
+  std::int64_t heard_at_ = MonotonicNs();
+  std::int64_t asked_at_ = 0;
+  std::int64_t next_try_ = 0;
+};
+
+class Listener : public Source {
+ public:
+  Listener(const MonitorOptions& options, MonitorModel& model)
+      : model_(model),
+        relay_(
+            ParseLink(options.via), options.link,
+            {[this](const Passage& passage) { Take(passage); }, [this](const std::string& why) { trouble_ = why; }}) {}
+
+  const Link& Address() const { return relay_.Address(); }
+
+  void Step(std::int64_t deadline_ns, int wake) override {
+    const std::int64_t left = std::max<std::int64_t>(deadline_ns - MonotonicNs(), 0);
+    relay_.Step(static_cast<int>((left + kMs - 1) / kMs), {StopFd(), wake});
+  }
+
+  std::string Trouble() const override {
+    if (!trouble_.empty()) return trouble_;
+    return relay_.Connected() ? "" : "waiting for the host on " + ToString(relay_.Address());
+  }
+
+ private:
+  void Take(const Passage& passage) {
+    if (passage.event == LinkEvent::kOpened) {
+      model_.Restart();
+      trouble_.clear();
+    }
+    if (passage.event != LinkEvent::kToHost) return;
+    model_.Take({passage.bytes, passage.bytes + passage.size}, static_cast<std::int64_t>(passage.monotonic_ns));
+  }
+
+  MonitorModel& model_;
+  std::string trouble_;
+  Relay relay_;
+};
+
 class Monitor {
  public:
   explicit Monitor(const MonitorOptions& options)
-      : options_(options),
-        model_(options.joints),
-        documents_(options.joints),
-        wire_(std::make_unique<Wire>(options.link)) {}
+      : options_(options), model_(options.joints), documents_(options.joints) {
+    if (options_.json) model_.OnStatus([this](const RecvPacket& status) { documents_.PushRecvBuffer(status); });
+  }
 
   int Run() {
+    const bool on_screen = !options_.json && isatty(STDOUT_FILENO) == 1 && isatty(STDIN_FILENO) == 1;
+    if (options_.via.empty()) {
+      source_ = std::make_unique<OwnLink>(options_, model_, on_screen);
+    } else {
+      auto listener = std::make_unique<Listener>(options_, model_);
+      if (!on_screen) std::cerr << "listening on " << ToString(listener->Address()) << std::endl;
+      source_ = std::move(listener);
+    }
     const std::int64_t start = MonotonicNs();
-    heard_at_ = start;
     end_ = options_.seconds > 0 ? start + static_cast<std::int64_t>(options_.seconds * 1e9)
                                 : std::numeric_limits<std::int64_t>::max();
     std::string lost;
     try {
-      if (!options_.json && isatty(STDOUT_FILENO) == 1 && isatty(STDIN_FILENO) == 1) {
+      if (on_screen) {
         RunScreen();
       } else {
         RunLines();
@@ -201,7 +340,7 @@ class Monitor {
     (options_.json ? std::cerr : Out()) << "watched for " << Fixed(seconds, 1)
                                         << " s: " << model_.Traffic(MonotonicNs()) << std::endl;
     if (!lost.empty()) throw Failure(lost);
-    return model_.HasStatus() || StopRequested() ? 0 : 1;
+    return model_.HasStatus() || StopRequested() || left_ ? 0 : 1;
   }
 
  private:
@@ -209,34 +348,14 @@ class Monitor {
     return StopRequested() || MonotonicNs() >= end_ || (options_.count > 0 && model_.Statuses() >= options_.count);
   }
 
-  /// Takes in what has arrived; asks with a command that commands nothing when the controller is silent.
-  void Receive() {
-    std::vector<char> bytes;
-    wire_->Read(bytes);
-    const std::int64_t now = MonotonicNs();
-    if (!bytes.empty()) heard_at_ = now;
-    for (const RecvPacket& status : model_.Take(std::move(bytes), now)) {
-      if (options_.json) documents_.PushRecvBuffer(status);
-    }
-    if (options_.poll_ms == 0 || now - std::max(heard_at_, asked_at_) < options_.poll_ms * kMs) return;
-    asked_at_ = now;
-    wire_->Write(SendPacket(options_.joints).GetCharVector());
-  }
-
-  std::int64_t Until(std::int64_t next) const {
-    std::int64_t until = std::min(next, end_);
-    if (options_.poll_ms > 0) until = std::min(until, std::max(heard_at_, asked_at_) + options_.poll_ms * kMs);
-    return until;
-  }
-
   void RunLines() {
     std::int64_t next = MonotonicNs() + kSecond;
     while (!Done()) {
-      wire_->WaitReadable(Until(next));
-      Receive();
+      source_->Step(std::min(next, end_), -1);
       PrintDocuments();
       if (options_.json || MonotonicNs() < next) continue;
-      Out() << model_.Line(MonotonicNs()) << std::endl;
+      const std::string trouble = source_->Trouble();
+      Out() << (trouble.empty() ? model_.Line(MonotonicNs()) : trouble) << std::endl;
       next += kSecond;
     }
   }
@@ -253,46 +372,26 @@ class Monitor {
 
   void RunScreen() {
     Screen screen("velta monitor  " + ToString(options_.link) + "  " + std::to_string(options_.joints) + " joints");
-    std::string trouble;
     std::int64_t next_draw = 0;
-    std::int64_t next_try = 0;
-    while (!Done()) {
+    while (!Done() && !left_) {
       if (MonotonicNs() >= next_draw) {
-        screen.Draw(model_, trouble);
+        screen.Draw(model_, source_->Trouble());
         next_draw = MonotonicNs() + 100 * kMs;
       }
-      if (!WaitForBytesOrKeys(std::min(Until(next_draw), next_draw))) return;
-      try {
-        if (!wire_ && MonotonicNs() >= next_try) {
-          wire_ = std::make_unique<Wire>(options_.link, 50);  // shortly: the keys wait meanwhile
-          trouble.clear();
-        }
-        if (wire_) Receive();
-      } catch (const WireError& error) {
-        wire_.reset();
-        trouble = std::string(error.what()) + "; trying again";
-        next_try = MonotonicNs() + kSecond;
-      }
-      if (!screen.TakeKeys(model_)) return;
+      source_->Step(std::min(next_draw, end_), STDIN_FILENO);
+      pollfd terminal{STDIN_FILENO, POLLIN, 0};
+      const bool gone = poll(&terminal, 1, 0) > 0 && (terminal.revents & (POLLHUP | POLLERR)) != 0;
+      left_ = gone || !screen.TakeKeys(model_);
     }
-  }
-
-  /// @return false when the terminal is gone
-  bool WaitForBytesOrKeys(std::int64_t deadline) const {
-    const std::int64_t left = std::max<std::int64_t>(deadline - MonotonicNs(), 0);
-    const timespec timeout{left / kSecond, left % kSecond};
-    pollfd polled[] = {{STDIN_FILENO, POLLIN, 0}, {StopFd(), POLLIN, 0}, {wire_ ? wire_->Fd() : -1, POLLIN, 0}};
-    return ppoll(polled, 3, &timeout, nullptr) <= 0 || (polled[0].revents & (POLLHUP | POLLERR)) == 0;
   }
 
   const MonitorOptions& options_;
   MonitorModel model_;
   MasterControllerClient documents_;  ///< never opened: it turns statuses into documents
-  std::unique_ptr<Wire> wire_;        ///< none while the link is lost
+  std::unique_ptr<Source> source_;
   std::int64_t end_ = 0;
-  std::int64_t heard_at_ = 0;
-  std::int64_t asked_at_ = 0;
   std::int64_t printed_ = 0;
+  bool left_ = false;  ///< by the key, or with the terminal
 };
 
 }  // namespace
@@ -310,7 +409,8 @@ void AddMonitor(CLI::App& app, Action& action) {
   command.add_flag("--json", options.json, "Print each status as one JSON document in a line");
   command.footer(
       "On a terminal it draws a screen; its last line names the keys. Otherwise it prints a line per second.\n"
-      "Example: velta monitor -n 6 tcp://192.168.0.10:5000");
+      "Examples: velta monitor -n 6 tcp://192.168.0.10:5000\n"
+      "          velta monitor -n 6 tcp://192.168.0.10:5000 --via tcp://0.0.0.0:5000   (and point the host here)");
   command.callback([&action] {
     action = [] {
       InstallStopHandler();

@@ -30,23 +30,28 @@ bool Differ(float a, float b) { return std::memcmp(&a, &b, sizeof a) != 0; }
 
 MonitorModel::MonitorModel(int joints) : parser_(joints), last_(joints), joints_(last_.joints.size()) {}
 
-std::vector<RecvPacket> MonitorModel::Take(std::vector<char> bytes, std::int64_t now_ns) {
+void MonitorModel::Take(std::vector<char> bytes, std::int64_t now_ns) {
   received_ += bytes.size();
   parser_.Push(std::move(bytes));
-  std::vector<RecvPacket> statuses = parser_.Parse();
+  const std::vector<RecvPacket> statuses = parser_.Parse();
   for (const RecvPacket& status : statuses) {
     good_ += static_cast<std::uint64_t>(status.packetSize);
     if (HasStatus()) Compare(status, now_ns);
     arrivals_.Add(now_ns);
     last_ = status;
+    if (on_status_) on_status_(status);
   }
-  if (statuses.empty() || now_ns < next_sample_) return statuses;
+  if (statuses.empty() || now_ns < next_sample_) return;
   next_sample_ = now_ns + kSampleNs;
   for (std::size_t i = 0; i < joints_.size(); ++i) {
     joints_[i].positions.push_back(last_.joints[i].position);
     if (joints_[i].positions.size() > kMostSamples) joints_[i].positions.pop_front();
   }
-  return statuses;
+}
+
+void MonitorModel::Restart() {
+  good_ += parser_.buffer.size();  // cut off, not damaged
+  parser_ = PacketParser(parser_.jointNum);
 }
 
 void MonitorModel::Compare(const RecvPacket& status, std::int64_t now_ns) {

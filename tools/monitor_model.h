@@ -6,7 +6,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "PacketParser.h"
@@ -44,9 +46,14 @@ class MonitorModel {
   /// @param joints joints of the arm (n)
   explicit MonitorModel(int joints);
 
+  /// @param take called with every status, in order
+  void OnStatus(std::function<void(const RecvPacket&)> take) { on_status_ = std::move(take); }
+
   /// Takes bytes that arrived in one piece.
-  /// @return the statuses in them, oldest first
-  std::vector<RecvPacket> Take(std::vector<char> bytes, std::int64_t now_ns);
+  void Take(std::vector<char> bytes, std::int64_t now_ns);
+
+  /// Forgets an incomplete frame: a new connection starts at a frame's first byte.
+  void Restart();
 
   bool HasStatus() const { return arrivals_.Count() > 0; }
   std::int64_t Statuses() const { return arrivals_.Count(); }
@@ -78,6 +85,7 @@ class MonitorModel {
   void Compare(const RecvPacket& status, std::int64_t now_ns);
   std::uint64_t Discarded() const;
 
+  std::function<void(const RecvPacket&)> on_status_;
   PacketParser parser_;
   RecvPacket last_;
   std::vector<Joint> joints_;
