@@ -392,8 +392,9 @@ void AddDoctor(CLI::App& app, Action& action) {
       ->required()
       ->option_text(" ");
   AddJointsOption(command, options.joints);
-  command.add_option("--connect-timeout", options.connect_s, "Seconds to wait for a connection")
-      ->check(CLI::Range(0.1, 60.0));
+  command.add_option("--connect-timeout", options.connect_s, "Seconds to wait for a connection (5)")
+      ->check(CLI::Range(0.1, 60.0))
+      ->option_text("S");
   command.footer(
       "It sends commands that command nothing; the arm does not move.\nExample: velta doctor -n 6 "
       "tcp://192.168.0.10:5000");

@@ -257,11 +257,15 @@ void AddPing(CLI::App& app, Action& action) {
   static PingOptions options;
   AddLinkArgument(command, options.link);
   AddJointsOption(command, options.joints);
-  command.add_option("-c,--count", options.count, "Commands to send")->check(CLI::Range(1, 100'000'000));
-  command.add_option("-i,--interval-ms", options.interval_ms, "Time between an echo and the next command")
-      ->check(CLI::Range(0.0, 60'000.0));
-  command.add_option("-t,--timeout-ms", options.timeout_ms, "Wait for an echo before the command is sent again")
-      ->check(CLI::Range(0.1, 60'000.0));
+  command.add_option("-c,--count", options.count, "Commands to send (1000)")
+      ->check(CLI::Range(1, 100'000'000))
+      ->option_text("N");
+  command.add_option("-i,--interval-ms", options.interval_ms, "Time between an echo and the next command (2)")
+      ->check(CLI::Range(0.0, 60'000.0))
+      ->option_text("MS");
+  command.add_option("-t,--timeout-ms", options.timeout_ms, "Wait for an echo before the command is sent again (100)")
+      ->check(CLI::Range(0.1, 60'000.0))
+      ->option_text("MS");
   command.add_flag("--json", options.json, "Print one JSON object");
   command.footer(
       "It sends commands that command nothing; the arm does not move.\nExample: velta ping -n 6 "

@@ -175,11 +175,13 @@ void AddSend(CLI::App& app, Action& action) {
       ->option_text("N");
   command.add_option("--joints", options.joints, "Joints to command: all, or indices from 0 as in 0/2/5")
       ->option_text("IDS");
-  command.add_option("--json", options.json, "Send this command document; - reads it from standard input");
+  command.add_option("--json", options.json, "Send this command document; - reads it from standard input")
+      ->option_text("DOCUMENT|-");
   command.add_flag("--confirm", options.confirm,
                    "Wait until the controller echoes the command, sending it again if need be");
-  command.add_option("--timeout", options.timeout_s, "Seconds that --confirm waits, all resends included")
-      ->check(CLI::Range(0.01, 3600.0));
+  command.add_option("--timeout", options.timeout_s, "Seconds that --confirm waits, all resends included (0.5)")
+      ->check(CLI::Range(0.01, 3600.0))
+      ->option_text("S");
   command.add_flag("--dry-run", options.dry_run, "Print the frame's bytes instead of sending them");
   command.add_flag("--list", options.list, "List all commands");
   command.footer(
