@@ -86,7 +86,8 @@ std::optional<int> LatencyTimerMs(const fs::path& sysfs, const fs::path& device)
   const fs::path name = fs::weakly_canonical(device, error).filename();
   std::ifstream file(sysfs / "bus/usb-serial/devices" / name / "latency_timer");
   int ms = 0;
-  return file >> ms ? std::optional(ms) : std::nullopt;
+  if (!(file >> ms)) return std::nullopt;
+  return ms;
 }
 
 void ClockWatch::Add(std::int64_t system_ns, std::int64_t monotonic_ns) {
