@@ -22,6 +22,9 @@
 #include <vector>
 
 #include "MasterControllerClient.h"
+#include "PacketParser.h"
+#include "SerialClient.h"
+#include "TcpClient.h"
 #include "frames.h"
 #include "link.h"
 #include "server.h"
@@ -329,6 +332,48 @@ INSTANTIATE_TEST_SUITE_P(, FaultMatrix,
                          testing::Combine(testing::ValuesIn(kRows), testing::Values(Kind::Tcp, Kind::Udp, Kind::Pty),
                                           testing::Values(Work::Idle, Work::Unconfirmed, Work::Confirmed, Work::Json)),
                          [](const auto& cell) { return Name(cell.param); });
+
+/// Commands by the thousand at a controller that does not read for a while. The link's writes come back, at once from a
+/// full TCP window and when the device has taken all from a pty, and afterwards the controller executes commands again.
+class FullWindow : public testing::TestWithParam<Kind> {};
+
+TEST_P(FullWindow, EndsWhenTheControllerReadsAgain) {
+  const std::size_t descriptors = OpenDescriptors();
+  {
+    ServedController controller(GetParam(), "stop-reading=300");
+    const tools::Link& where = controller.Link();
+    std::unique_ptr<AbstractClient> link;
+    if (GetParam() == Kind::Tcp) link = std::make_unique<TcpClient>(where.host, where.port);
+    if (GetParam() == Kind::Pty) link = std::make_unique<SerialClient>(where.device, where.baud);
+    ASSERT_TRUE(link->Init());
+
+    SendPacket command(kJoints);
+    command.SetParamKp("1", 3);
+    const std::vector<char> frame = command.GetCharVector();
+    std::vector<char> flood;
+    while (flood.size() < 65000) flood.insert(flood.end(), frame.begin(), frame.end());
+    const auto deadline = Clock::now() + std::chrono::seconds(20);
+    bool was_full = GetParam() == Kind::Pty;
+    for (int i = 0; i < 2 || (!was_full && Clock::now() < deadline); ++i) was_full |= link->Write(flood) == 0;
+    EXPECT_TRUE(was_full);
+
+    PacketParser parser(kJoints);
+    float kp = 0;
+    for (std::vector<char> bytes; kp != 5 && Clock::now() < deadline;) {
+      command.SetParamKp("1", 5);
+      link->Write(command.GetCharVector());
+      link->Read(bytes);
+      parser.Push(bytes);
+      for (const RecvPacket& packet : parser.Parse()) kp = packet.joints[1].general[0];
+      std::this_thread::sleep_for(milliseconds(1));
+    }
+    EXPECT_EQ(kp, 5);
+  }
+  EXPECT_EQ(OpenDescriptors(), descriptors);
+}
+
+INSTANTIATE_TEST_SUITE_P(, FullWindow, testing::Values(Kind::Tcp, Kind::Pty),
+                         [](const auto& kind) { return kind.param == Kind::Tcp ? "Tcp" : "Pty"; });
 
 }  // namespace
 }  // namespace velta::sim
