@@ -16,7 +16,7 @@ namespace {
 
 TEST(Link, ReadsEveryForm) {
   for (const char* text :
-       {"tcp://127.0.0.1:43210", "udp://10.0.0.7:0", "serial:///dev/ttyUSB0?baud=921600", "pty:/tmp/arm", "pty:"}) {
+       {"tcp://127.0.0.1:43210", "udp://10.0.0.7:0", "serial:///dev/ttyUSB0?baud=921600", "pty:/run/arm", "pty:"}) {
     EXPECT_EQ(ToString(ParseLink(text)), text);
   }
   EXPECT_EQ(ToString(ParseLink("serial:///dev/ttyS0")), "serial:///dev/ttyS0?baud=115200");

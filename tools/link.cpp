@@ -38,30 +38,6 @@ bool Consume(std::string_view& text, std::string_view prefix) {
   return true;
 }
 
-/// Sends standard error nowhere while it lives: the library reports failed system calls there, and the tool tells the
-/// user itself, in one line. Keeps errno.
-class SilencedErrors {
- public:
-  SilencedErrors() : saved_(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3)) {
-    const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    if (null < 0) return;
-    if (saved_ >= 0) dup2(null, STDERR_FILENO);
-    close(null);
-  }
-  SilencedErrors(const SilencedErrors&) = delete;
-  SilencedErrors& operator=(const SilencedErrors&) = delete;
-  ~SilencedErrors() {
-    if (saved_ < 0) return;
-    const int error = errno;
-    dup2(saved_, STDERR_FILENO);
-    close(saved_);
-    errno = error;
-  }
-
- private:
-  int saved_;
-};
-
 }  // namespace
 
 Link ParseLink(const std::string& text) {
@@ -114,6 +90,21 @@ std::string ToString(const Link& link) {
       break;
   }
   return "pty:" + link.device;
+}
+
+SilencedErrors::SilencedErrors() : saved_(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3)) {
+  const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+  if (null < 0) return;
+  if (saved_ >= 0) dup2(null, STDERR_FILENO);
+  close(null);
+}
+
+SilencedErrors::~SilencedErrors() {
+  if (saved_ < 0) return;
+  const int error = errno;
+  dup2(saved_, STDERR_FILENO);
+  close(saved_);
+  errno = error;
 }
 
 bool OpenLink(MasterControllerClient& client, const Link& link) {

@@ -30,6 +30,19 @@ std::string ToString(const Link& link);
 /// @return false when it cannot be opened (or is a pty endpoint); errno tells why
 bool OpenLink(MasterControllerClient& client, const Link& link);
 
+/// Sends standard error nowhere while it lives: the library reports failed system calls there, and a tool tells the
+/// user itself, in one line. Keeps errno.
+class SilencedErrors {
+ public:
+  SilencedErrors();
+  SilencedErrors(const SilencedErrors&) = delete;
+  SilencedErrors& operator=(const SilencedErrors&) = delete;
+  ~SilencedErrors();
+
+ private:
+  int saved_;
+};
+
 }  // namespace velta::tools
 
 #endif  // VELTA_TOOLS_LINK_H_
