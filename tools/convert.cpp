@@ -138,10 +138,9 @@ void AddConvert(CLI::App& app, Action& action) {
   options->excerpt.AddOptions(*command);
   command->add_option("-f,--format", options->format, "csv: a row per status frame; jsonl: a line per frame and event")
       ->check(CLI::IsMember({"csv", "jsonl"}))
-      ->capture_default_str();
+      ->option_text("FORMAT [csv]");
   command->add_option("-o,--output", options->output, "Where to write to; - is standard output")
-      ->capture_default_str()
-      ->option_text("FILE");
+      ->option_text("FILE [-]");
   command->footer("Example:\n  velta convert run.vrec --from 2 --to 5 -o run.csv");
   command->callback([options, &action] { action = [options] { return Run(*options); }; });
 }
