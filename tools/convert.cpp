@@ -105,11 +105,11 @@ void WriteAll(Timeline& timeline, std::ostream& out) {
   Writer writer(out, timeline.Joints());
   Progress progress;
   while (const std::optional<Moment> moment = timeline.Next()) {
-    if (StopRequested()) throw Failure("stopped before the end of the recording");
     writer.Write(*moment);
     if (!out) throw Failure("cannot write the output");
     if (progress.IsDue()) progress.Show("converted " + std::to_string(moment->since_start_ns / 1'000'000'000) + " s");
   }
+  if (StopRequested()) throw Failure("stopped before the end of the recording");
 }
 
 int Run(const Options& options) {

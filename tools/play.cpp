@@ -40,10 +40,10 @@ class Schedule {
   Schedule(const Options& options, LinkEvent direction)
       : timeline_(options.excerpt), direction_(direction), speed_(options.speed), loop_(options.loop) {
     Advance();
-    if (!next_) {
+    if (!next_ && !StopRequested()) {
       throw Failure(options.excerpt.file + ": no good " +
-                    (direction == LinkEvent::kToController ? "command" : "status") + " frame to play" +
-                    (options.excerpt.joints == 0 ? " for " + std::to_string(Joints()) + " joints" : ""));
+                    (direction == LinkEvent::kToController ? "command" : "status") + " frame to play for " +
+                    std::to_string(Joints()) + " joints");
     }
   }
 
@@ -55,6 +55,7 @@ class Schedule {
       timeline_.Rewind();
       Advance();
     }
+    if (!next_) return;  // stopped meanwhile
     frames_ = 0;
     start_ns_ = now_ns;
     first_ns_ = next_->since_start_ns;

@@ -309,11 +309,11 @@ class Plot {
     std::size_t statuses = 0;
     Progress progress;
     while (const std::optional<Moment> moment = timeline.Next()) {
-      if (StopRequested()) throw Failure("stopped before the end of the recording");
       if (moment->Status() != nullptr) ++statuses;
       take(*moment, static_cast<double>(moment->since_start_ns) / 1e9);
       if (progress.IsDue()) progress.Show("read " + std::to_string(moment->since_start_ns / 1'000'000'000) + " s");
     }
+    if (StopRequested()) throw Failure("stopped before the end of the recording");
     return statuses;
   }
 

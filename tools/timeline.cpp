@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "protocol.h"
+#include "stop.h"
 
 namespace velta::tools {
 
@@ -51,7 +52,7 @@ std::optional<Moment> Timeline::Next() {
       ready_.pop_front();
       return moment;
     }
-    if (!reader_.Next(record)) return std::nullopt;
+    if (StopRequested() || !reader_.Next(record)) return std::nullopt;
     if (!start_ns_) start_ns_ = record.monotonic_ns;
     // The clock begins anew when the machine does; a recording ends before that.
     const std::uint64_t since_start_ns = record.monotonic_ns < *start_ns_ ? 0 : record.monotonic_ns - *start_ns_;

@@ -55,7 +55,7 @@ class Timeline {
   int Joints() const { return joints_; }  ///< joints per frame (n)
   const std::string& RecordedLink() const { return reader_.Header().link; }
 
-  /// @return the next moment of the excerpt; nothing at its end
+  /// @return the next moment of the excerpt; nothing at its end, or when a stop was requested
   std::optional<Moment> Next();
 
   void Rewind();
