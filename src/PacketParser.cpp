@@ -45,9 +45,8 @@ void PacketParser::SearchHeader() {
 
 std::vector<RecvPacket> PacketParser::Parse() {
   std::vector<RecvPacket> packets;
-  const int size = velta::StatusFrameSizes(jointNum).packet;
-  if (size < 0) return packets;
-  const auto frame_size = static_cast<std::size_t>(size);
+  // A negative size becomes one that no buffer reaches.
+  const auto frame_size = static_cast<std::size_t>(velta::StatusFrameSizes(jointNum).packet);
   std::vector<char> frame;
   while (buffer.size() >= frame_size) {
     SearchHeader();

@@ -33,7 +33,7 @@ std::optional<speed_t> SetCustomRate(int fd, unsigned int baud_rate) {
   serial_struct settings{};
   if (ioctl(fd, TIOCGSERIAL, &settings) == -1) return std::nullopt;
   const std::int64_t divisor = (std::int64_t{settings.baud_base} + baud_rate / 2) / baud_rate;
-  settings.flags = (settings.flags & ~ASYNC_SPD_MASK) | ASYNC_SPD_CUST;
+  settings.flags = (settings.flags & ~static_cast<int>(ASYNC_SPD_MASK)) | static_cast<int>(ASYNC_SPD_CUST);
   settings.custom_divisor = static_cast<int>(std::clamp<std::int64_t>(divisor, 1, std::numeric_limits<int>::max()));
   if (ioctl(fd, TIOCSSERIAL, &settings) == -1 || ioctl(fd, TIOCGSERIAL, &settings) == -1) return std::nullopt;
   return B38400;

@@ -70,4 +70,6 @@ int TcpClient::Write(const std::vector<char>& data) {
   return velta::detail::WriteSocket(kKind, is_init_, sockfd_, data);
 }
 
-void TcpClient::PrintError(std::string message) { velta::detail::PrintErrno(message); }
+void TcpClient::PrintError(std::string message) {  // NOLINT(performance-unnecessary-value-param): published signature
+  velta::detail::PrintErrno(message);
+}

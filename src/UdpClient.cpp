@@ -56,4 +56,6 @@ int UdpClient::Write(const std::vector<char>& data) {
   return velta::detail::WriteSocket(kKind, is_init_, sockfd_, data);
 }
 
-void UdpClient::PrintError(std::string message) { velta::detail::PrintErrno(message); }
+void UdpClient::PrintError(std::string message) {  // NOLINT(performance-unnecessary-value-param): published signature
+  velta::detail::PrintErrno(message);
+}

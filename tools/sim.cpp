@@ -5,7 +5,6 @@
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <chrono>
-#include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <fstream>
@@ -55,9 +54,7 @@ void PrintJson(picojson::object document) {
   Out() << text << std::endl;
 }
 
-/// Times with three decimals.
-picojson::value Rounded(double number) { return picojson::value(std::round(number * 1000) / 1000); }
-
+/// A whole number; the JSON library writes fractions with 17 digits.
 picojson::value Count(std::uint64_t number) { return picojson::value(static_cast<double>(number)); }
 
 EndpointConfig ParseEndpoint(const std::string& text) {
@@ -110,7 +107,7 @@ void PrintSummary(const sim::Summary& summary, bool json) {
       {"garbage_bytes", summary.garbage},   {"status_frames", summary.status_frames},
       {"overruns", summary.overruns}};
   if (json) {
-    picojson::object document{{"event", picojson::value("summary")}, {"seconds", Rounded(summary.seconds)}};
+    picojson::object document{{"event", picojson::value("summary")}, {"ms", Count(static_cast<std::uint64_t>(summary.seconds * 1e3))}};
     for (const auto& [name, count] : counts) document[name] = Count(count);
     picojson::object faults;
     for (const auto& [name, count] : summary.faults) faults[name] = Count(count);
@@ -214,7 +211,7 @@ int Check(const Options& options) {
       const double ms = MsSince(start);
       if (options.json) {
         PrintJson(
-            {{"event", picojson::value("check")}, {"link", picojson::value(ToString(link))}, {"ms", Rounded(ms)}});
+            {{"event", picojson::value("check")}, {"link", picojson::value(ToString(link))}, {"us", Count(static_cast<std::uint64_t>(ms * 1e3))}});
       } else {
         Out() << ToString(link) << " answers, after " << std::fixed << std::setprecision(1) << ms << " ms" << std::endl;
       }

@@ -1,0 +1,43 @@
+# SPDX-License-Identifier: MIT
+# Shared by the scripts; sourced, with the repository's top as the current folder.
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+build_packages=(g++ make cmake picojson-dev libcli11-dev)
+test_packages=(libgtest-dev nlohmann-json3-dev)
+check_packages=(clang clang-format clang-tidy cppcheck)
+bench_packages=(libbenchmark-dev)
+
+# need PACKAGE... installs the Debian packages that are missing, and nothing else.
+need() {
+  local missing=() package
+  for package in "$@"; do
+    dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q '^install ok installed$' || missing+=("$package")
+  done
+  [ "${#missing[@]}" -eq 0 ] && return
+  local as_root=()
+  if [ "$(id -u)" -ne 0 ]; then
+    command -v sudo >/dev/null || { echo "missing packages, and neither root nor sudo to install them: ${missing[*]}" >&2; exit 1; }
+    as_root=(sudo)
+  fi
+  echo "installing ${missing[*]}"
+  "${as_root[@]}" apt-get update -qq
+  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+}
+
+# quietly COMMAND... shows the command's output only if it fails.
+quietly() {
+  local log
+  log=$(mktemp)
+  "$@" >"$log" 2>&1 || { cat "$log" >&2; rm -f "$log"; exit 1; }
+  rm -f "$log"
+}
+
+# build PRESET [cmake --build arguments]
+build() {
+  local preset=$1
+  shift
+  echo "building ($preset)"
+  quietly cmake --preset "$preset"
+  quietly cmake --build --preset "$preset" "$@"
+}

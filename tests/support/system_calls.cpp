@@ -1,0 +1,122 @@
+// SPDX-License-Identifier: MIT
+#include "support/system_calls.h"
+
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstdarg>
+
+namespace velta::test {
+
+SystemCalls& Calls() {
+  static SystemCalls calls;
+  return calls;
+}
+
+namespace {
+
+/// The scripted answer of this call, if there is one; sets errno.
+std::optional<long> Scripted(const char* name) {
+  auto& answers = Calls().answers[name];
+  if (answers.empty()) return std::nullopt;
+  const std::optional<SystemCalls::Answer> answer = answers.front();
+  answers.pop_front();
+  if (!answer) return std::nullopt;
+  errno = answer->error;
+  return answer->result;
+}
+
+}  // namespace
+}  // namespace velta::test
+
+using velta::test::Calls;
+using velta::test::Scripted;
+
+// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
+extern "C" {
+
+int __real_socket(int, int, int);
+int __wrap_socket(int domain, int type, int protocol) {
+  if (const auto answer = Scripted("socket")) return static_cast<int>(*answer);
+  return __real_socket(domain, type, protocol);
+}
+
+int __real_connect(int, const sockaddr*, socklen_t);
+int __wrap_connect(int fd, const sockaddr* address, socklen_t size) {
+  if (const auto answer = Scripted("connect")) return static_cast<int>(*answer);
+  return __real_connect(fd, address, size);
+}
+
+int __real_poll(pollfd*, nfds_t, int);
+int __wrap_poll(pollfd* fds, nfds_t count, int timeout) {
+  Calls().poll_timeout_ms = timeout;
+  if (const auto answer = Scripted("poll")) return static_cast<int>(*answer);
+  return __real_poll(fds, count, timeout);
+}
+
+int __real_getsockopt(int, int, int, void*, socklen_t*);
+int __wrap_getsockopt(int fd, int level, int name, void* value, socklen_t* size) {
+  if (const auto answer = Scripted("getsockopt")) return static_cast<int>(*answer);
+  return __real_getsockopt(fd, level, name, value, size);
+}
+
+int __real_setsockopt(int, int, int, const void*, socklen_t);
+int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t size) {
+  if (const auto answer = Scripted("setsockopt")) return static_cast<int>(*answer);
+  return __real_setsockopt(fd, level, name, value, size);
+}
+
+ssize_t __real_send(int, const void*, size_t, int);
+ssize_t __wrap_send(int fd, const void* data, size_t size, int flags) {
+  if (const auto answer = Scripted("send")) return *answer;
+  return __real_send(fd, data, size, flags);
+}
+
+ssize_t __real_recv(int, void*, size_t, int);
+ssize_t __wrap_recv(int fd, void* data, size_t size, int flags) {
+  if (const auto answer = Scripted("recv")) return *answer;
+  return __real_recv(fd, data, size, flags);
+}
+
+ssize_t __real_read(int, void*, size_t);
+ssize_t __wrap_read(int fd, void* data, size_t size) {
+  if (const auto answer = Scripted("read")) return *answer;
+  return __real_read(fd, data, size);
+}
+
+ssize_t __real_write(int, const void*, size_t);
+ssize_t __wrap_write(int fd, const void* data, size_t size) {
+  if (Calls().capture_writes) {
+    Calls().written.emplace_back(static_cast<const char*>(data), size);
+    if (const auto answer = Scripted("write")) return *answer;
+    return static_cast<ssize_t>(size);
+  }
+  return __real_write(fd, data, size);
+}
+
+int __real_tcsetattr(int, int, const termios*);
+int __wrap_tcsetattr(int fd, int when, const termios* settings) {
+  Calls().applied.push_back(*settings);
+  if (const auto answer = Scripted("tcsetattr")) return static_cast<int>(*answer);
+  return __real_tcsetattr(fd, when, settings);
+}
+
+int __real_ioctl(int, unsigned long, void*);
+int __wrap_ioctl(int fd, unsigned long request, ...) {
+  va_list arguments;
+  va_start(arguments, request);
+  void* argument = va_arg(arguments, void*);
+  va_end(arguments);
+  if (request != TIOCGSERIAL && request != TIOCSSERIAL) return __real_ioctl(fd, request, argument);
+  if (const auto answer = Scripted("ioctl")) return static_cast<int>(*answer);
+  if (!Calls().serial) return __real_ioctl(fd, request, argument);
+  auto& settings = *static_cast<serial_struct*>(argument);
+  if (request == TIOCGSERIAL) settings = *Calls().serial;
+  if (request == TIOCSSERIAL) Calls().serial = settings;
+  return 0;
+}
+
+}  // extern "C"
+// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
