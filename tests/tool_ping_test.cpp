@@ -1,11 +1,22 @@
 // SPDX-License-Identifier: MIT
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <csignal>
 #include <cstdint>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
+#include "support/listener.h"
+#include "support/process.h"
+#include "support/simulated_arm.h"
+#include "support/wire_bytes.h"
 #include "timing.h"
+
+using velta::test::Process;
+using velta::test::RunProgram;
+using velta::test::SimulatedArm;
 
 using velta::tools::Arrivals;
 using velta::tools::Duration;
@@ -60,6 +71,89 @@ TEST(Timing, ArrivalsTellRhythmAndGaps) {
   EXPECT_EQ(arrivals.Measure().longest, 2 * kMs);
   EXPECT_EQ(arrivals.Gaps(), 1);
   EXPECT_EQ(arrivals.Count(), 702);
+}
+
+TEST(Ping, MeasuresEveryKindOfLink) {
+  for (const char* endpoint : {"tcp://127.0.0.1:0", "udp://127.0.0.1:0", "pty:"}) {
+    SimulatedArm arm(endpoint);
+    const auto run = RunProgram({VELTA_PROGRAM, "ping", "-n", "3", arm.Link(), "-c", "50", "--json"});
+    ASSERT_EQ(run.status, 0) << endpoint << run.err;
+    const auto report = nlohmann::json::parse(run.out);
+    EXPECT_EQ(report["sent"], 50);
+    EXPECT_EQ(report["confirmed"], 50);
+    EXPECT_EQ(report["resends"], 0);
+    EXPECT_EQ(report["discarded_bytes"], 0);
+    EXPECT_GE(report["status"]["count"], 50);
+    const auto& times = report["round_trip_us"];
+    EXPECT_GT(times["min"], 0);
+    EXPECT_LE(times["min"], times["p50"]);
+    EXPECT_LE(times["p50"], times["p99"]);
+    EXPECT_LE(times["p99"], times["p99_9"]);
+    EXPECT_LE(times["p99_9"], times["max"]);
+    EXPECT_LT(times["max"], 5e5);
+  }
+}
+
+TEST(Ping, JudgesWhatItMeasured) {
+  struct Case {
+    std::vector<std::string> faults;
+    int status;
+    const char* head;     ///< begin of the first line
+    const char* verdict;  ///< begin of a verdict
+  };
+  for (const Case& c : {
+           Case{{"--fault", "late-echo=30"}, 0, "12 commands, 12 echoed, 0.0 % lost, 0 resends", "verdict     "},
+           Case{{"--fault", "stale-echo"},
+                0,
+                "12 commands, 12 echoed, 0.0 % lost, 12 resends",
+                "verdict     look at the link or the controller: 12 commands had to be sent again, 0.0 % were never"},
+           Case{{"--fault", "garbage=1:40"}, 0, "12 commands, 12 echoed", "verdict     look at the link: "},
+           Case{{"--fault", "no-echo"},
+                1,
+                "10 commands, 0 echoed, 100.0 % lost, 40 resends",
+                "verdict     the controller reports, but echoes no command"},
+           Case{{"--fault", "drop-status"}, 1, "10 commands, 0 echoed", "verdict     no answer at all"},
+           Case{{"--fault", "wrong-joints"}, 1, "10 commands, 0 echoed", "verdict     bytes arrive, but no status of"},
+           Case{{"--fault", "close=30"}, 1, "", "verdict     look at the link: it was lost"},
+       }) {
+    SimulatedArm arm("tcp://127.0.0.1:0", c.faults);
+    const auto run = RunProgram({VELTA_PROGRAM, "ping", "-n", "3", arm.Link(), "-c", "12", "-i", "5", "-t", "60"});
+    EXPECT_EQ(run.status, c.status) << c.faults.back();
+    EXPECT_EQ(run.out.rfind(c.head, 0), 0U) << c.faults.back() << "\n" << run.out;
+    EXPECT_NE(run.out.find(c.verdict), std::string::npos) << c.faults.back() << "\n" << run.out;
+  }
+}
+
+TEST(Ping, TimesFromTheFrameThatWasEchoed) {
+  // The echo of each command comes with its resend; the time must not start at the resend.
+  SimulatedArm arm("tcp://127.0.0.1:0", {"--fault", "stale-echo"});
+  const auto run = RunProgram({VELTA_PROGRAM, "ping", "-n", "3", arm.Link(), "-c", "5", "-t", "40", "--json"});
+  EXPECT_GE(nlohmann::json::parse(run.out)["round_trip_us"]["min"], 39e3) << run.out;
+}
+
+TEST(Ping, EndsWithItsSummaryWhenStopped) {
+  for (const int signal : {SIGINT, SIGTERM}) {
+    velta::test::Listener listener;
+    Process ping({VELTA_PROGRAM, "ping", "-n", "3", listener.Link(), "-t", "10000"});
+    ASSERT_EQ(listener.Read(67).size(), 67U);
+    const auto start = std::chrono::steady_clock::now();
+    ping.Signal(signal);
+    EXPECT_EQ(ping.Wait(), 0) << ping.Errors();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
+    EXPECT_EQ(ping.Output().rfind("0 commands, 0 echoed, 0.0 % lost, 0 resends\n", 0), 0U) << ping.Output();
+    EXPECT_EQ(ping.Errors(), "");
+  }
+}
+
+TEST(Ping, SendsWhatCommandsNothing) {
+  for (const char* tool : {"ping", "doctor", "monitor"}) {
+    velta::test::Listener listener;
+    Process process({VELTA_PROGRAM, tool, "-n", "2", listener.Link()});
+    const std::string frame = listener.Read(49);
+    std::string expected = "\xAB\xCD" + frame.substr(2, 8) + std::string(19, '\0') + "\x01" + std::string(17, '\0');
+    velta::test::AppendCrc(expected);
+    EXPECT_EQ(frame, expected) << tool;
+  }
 }
 
 }  // namespace

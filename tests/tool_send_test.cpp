@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "support/listener.h"
 #include "support/process.h"
 #include "support/simulated_arm.h"
 #include "support/wire_bytes.h"
@@ -195,6 +196,52 @@ TEST(SendDocuments, WaitedForEndAtOnceWhenAskedToStop) {
   send.Signal(SIGTERM);
   EXPECT_EQ(send.Wait(std::chrono::milliseconds(1000)), 1);
   EXPECT_EQ(send.Errors(), "velta: interrupted; nothing was sent\n");
+}
+
+TEST(SendLink, CarriesTheFrameWhole) {
+  velta::test::Listener listener;
+  Process send({VELTA_PROGRAM, "send", listener.Link(), "-n", "1", "ref-position", "0.5", "--joints", "0"});
+  const std::string frame = listener.Read(31);
+  EXPECT_EQ(send.Wait(), 0) << send.Errors();
+  EXPECT_EQ(send.Output(), "sent 31 bytes to " + listener.Link() + "\n");
+  EXPECT_EQ(listener.Read(1), "");
+  std::string expected = "\xAB\xCD" + frame.substr(2, 8) + std::string(2, '\0') + "\x11" + std::string(3, '\0') +
+                         "\x3F" + std::string(12, '\0');
+  velta::test::AppendCrc(expected);
+  EXPECT_EQ(frame, expected);
+}
+
+TEST(SendLink, ConfirmsOnEveryKindOfLinkAndFailsWithoutTheEcho) {
+  struct Case {
+    const char* endpoint;
+    std::vector<std::string> options;
+    int status;
+    const char* said;
+  };
+  for (const Case& c :
+       {Case{"tcp://127.0.0.1:0", {}, 0, ", confirmed after "}, Case{"udp://127.0.0.1:0", {}, 0, ", confirmed after "},
+        Case{"pty:", {}, 0, ", confirmed after "}, Case{"tcp://127.0.0.1:0", {"--on-command"}, 0, "and 0 resends"},
+        Case{"tcp://127.0.0.1:0", {"--fault", "no-echo"}, 1, "no echo from "},
+        Case{"udp://127.0.0.1:0", {"--fault", "drop-status"}, 1, "no echo from "},
+        Case{"pty:", {"--fault", "stale-echo"}, 1, "no echo from "},
+        Case{"tcp://127.0.0.1:0", {"--fault", "reset"}, 1, "velta: "},
+        Case{"tcp://127.0.0.1:0", {"--fault", "refuse"}, 1, "Connection refused; velta doctor"}}) {
+    velta::test::SimulatedArm arm(c.endpoint, c.options);
+    const RunResult run = Send(arm.Link() + " -n 3 servo-on --joints all --confirm");
+    EXPECT_EQ(run.status, c.status) << c.endpoint << run.err;
+    EXPECT_NE((c.status == 0 ? run.out : run.err).find(c.said), std::string::npos) << run.out << run.err;
+    EXPECT_EQ((c.status == 0 ? run.err : run.out), "");
+  }
+}
+
+TEST(SendLink, SendsALostCommandAgain) {
+  velta::test::SimulatedArm arm("tcp://127.0.0.1:0", {"--fault", "drop-command=0.7", "--seed", "4"});
+  int resends = 0;
+  for (int i = 0; i < 5; ++i) {
+    const RunResult run = Send(arm.Link() + " -n 3 servo-on --joints all --confirm --timeout 0.3");
+    if (run.status == 0 && run.out.find("and 0 resends") == std::string::npos) ++resends;
+  }
+  EXPECT_GT(resends, 0);
 }
 
 }  // namespace

@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <future>
+#include <map>
 #include <memory>
 #include <ostream>
 #include <set>
@@ -82,7 +83,7 @@ std::string GroupOf(const std::string& path) {
 
 class Doctor {
  public:
-  explicit Doctor(const DoctorOptions& options) : options_(options) {}
+  explicit Doctor(const DoctorOptions& options) : options_(options), parser_(options.joints) {}
 
   /// @return 0 when nothing failed
   int Run() {
@@ -107,7 +108,8 @@ class Doctor {
       Out() << "interrupted: the examination is not complete" << std::endl;
       return 1;
     }
-    Out() << (failures_ > 0   ? "verdict: " + first_failure_
+    Out() << (failures_ > 1   ? "verdict: begin with the first failure"
+              : failures_ > 0 ? "verdict: this keeps the link from working"
               : warnings_ > 0 ? "verdict: the link works; mind the warnings"
                               : "verdict: healthy")
           << std::endl;
@@ -123,7 +125,7 @@ class Doctor {
   }
 
   void Bad(const std::string& text) {
-    if (failures_++ == 0) first_failure_ = text;
+    ++failures_;
     Out() << "[FAIL] " << text << std::endl;
   }
 
@@ -231,16 +233,20 @@ class Doctor {
     if (bytes_.empty()) throw Hopeless();
   }
 
-  /// Listens, then asks, with commands that command nothing.
+  /// Listens, then asks, with commands that command nothing, and waits for the echo of the last.
   void Exchange(Wire& wire) {
     Receive(wire, MonotonicNs() + Ms(300));
-    unasked_ = bytes_.size();
-    for (int i = 0; i < 30 && !StopRequested(); ++i) {
+    for (int i = 0; i < kCommands && !StopRequested(); ++i) {
       SendPacket packet(options_.joints);
-      packet.SetTimeStamp(std::max<std::uint64_t>(packet.GetTimeStamp(), stamps_.empty() ? 0 : *stamps_.rbegin() + 1));
-      stamps_.insert(packet.GetTimeStamp());
+      const std::uint64_t last = commands_.empty() ? 0 : commands_.rbegin()->first;
+      packet.SetTimeStamp(std::max<std::uint64_t>(packet.GetTimeStamp(), last + 1));
+      commands_[packet.GetTimeStamp()] = {MonotonicNs(), kNoEcho};
       wire.Write(packet.GetCharVector());
       Receive(wire, MonotonicNs() + Ms(40));
+    }
+    const std::int64_t deadline = MonotonicNs() + Ms(500);
+    while (!StopRequested() && commands_.rbegin()->second.delay == kNoEcho && MonotonicNs() < deadline) {
+      Receive(wire, std::min(deadline, MonotonicNs() + Ms(40)));
     }
   }
 
@@ -248,7 +254,20 @@ class Doctor {
     do {
       clock_.Add(static_cast<std::int64_t>(GetNowTimeStamp()), MonotonicNs());
       if (!wire.WaitReadable(deadline)) return;
+      const std::size_t before = bytes_.size();
       wire.Read(bytes_);
+      if (commands_.empty()) unasked_ = bytes_.size();
+      parser_.Push({bytes_.begin() + static_cast<std::ptrdiff_t>(before), bytes_.end()});
+      for (RecvPacket& status : parser_.Parse()) {
+        const auto command = commands_.find(status.header.hostTimestamp);
+        if (command != commands_.end() && command->second.delay == kNoEcho) {
+          command->second.delay = MonotonicNs() - command->second.sent_at;
+        }
+        if (command == commands_.end() && status.header.hostTimestamp != 0) {
+          foreign_echoes_.insert(status.header.hostTimestamp);
+        }
+        statuses_.push_back(std::move(status));
+      }
     } while (MonotonicNs() < deadline);
   }
 
@@ -263,9 +282,6 @@ class Doctor {
                          : ": is this the controller's port, is it running, and is -n " +
                                std::to_string(options_.joints) + " its joint count?"));
     }
-    PacketParser parser(options_.joints);
-    parser.Push(bytes_);
-    statuses_ = parser.Parse();
     if (statuses_.empty()) {
       const std::string bytes = std::to_string(bytes_.size()) + " bytes arrived, but no good frame of " +
                                 std::to_string(options_.joints) + " joints";
@@ -294,28 +310,33 @@ class Doctor {
   }
 
   void JudgeEcho() {
-    std::size_t echoed = 0;
-    std::set<std::uint64_t> others;
-    std::uint64_t last = 0;
-    for (const RecvPacket& status : statuses_) {
-      const std::uint64_t echo = status.header.hostTimestamp;
-      const bool ours = stamps_.count(echo) != 0;
-      if (echo != last && ours) ++echoed;
-      if (!ours && echo != 0) others.insert(echo);
-      last = echo;
-    }
-    if (others.size() > 1) {
+    if (foreign_echoes_.size() > 1) {
       Warn("the controller also echoes commands that are not from here: another host drives it");
     }
-    if (echoed > 0) {
-      Good("the controller echoes commands (" + std::to_string(echoed) + " of " + std::to_string(stamps_.size()) + ")");
+    if (commands_.empty()) return;  // the link was lost before
+    std::vector<std::int64_t> delays;
+    for (const auto& [stamp, command] : commands_) {
+      if (command.delay != kNoEcho) delays.push_back(command.delay);
+    }
+    const std::size_t echoed = delays.size();
+    std::sort(delays.begin(), delays.end());
+    if (delays.empty()) {
+      Bad("statuses arrive, but the echo never comes: the controller accepts no command from here; check that it is in "
+          "remote mode, is set to " +
+          std::to_string(options_.joints) + " joints for commands too, and that the line to it is connected");
       return;
     }
-    Bad("statuses arrive, but the echo never comes: the controller accepts no command from here; check that it is in "
-        "remote mode, is set to " +
-        std::to_string(options_.joints) +
-        " joints for commands too, and that the line to it "
-        "is connected");
+    const std::string count = std::to_string(echoed) + " of " + std::to_string(commands_.size()) + " commands";
+    const auto usual = static_cast<double>(Percentile(delays, 0.5));
+    if (commands_.rbegin()->second.delay == kNoEcho && Percentile(delays, 0) > Ms(35)) {
+      Bad("the echo is stale: a command is echoed only after the next one, so no confirmation ever comes");
+    } else if (commands_.rbegin()->second.delay == kNoEcho || echoed + 1 < commands_.size()) {
+      Warn("the controller echoes only " + count + ": the others are lost on the way");
+    } else if (usual > 20e6) {
+      Warn("the echo comes late, usually after " + Duration(usual) + ": confirmed commands wait that long");
+    } else {
+      Good("the controller echoes " + count + ", usually after " + Duration(usual));
+    }
   }
 
   void JudgeClock() {
@@ -341,17 +362,25 @@ class Doctor {
     if (causes.empty()) Good("no joint reports anything that keeps it from moving");
   }
 
+  struct Command {
+    std::int64_t sent_at;
+    std::int64_t delay;  ///< until the first status that echoes it, ns
+  };
+  static constexpr std::int64_t kNoEcho = -1;
+  static constexpr int kCommands = 30;
+
   const DoctorOptions& options_;
   Link link_;
   std::vector<std::string> holders_;
   std::vector<char> bytes_;
   std::size_t unasked_ = 0;  ///< bytes that came before the first command
-  std::set<std::uint64_t> stamps_;
+  PacketParser parser_;
   std::vector<RecvPacket> statuses_;
+  std::map<std::uint64_t, Command> commands_;  ///< by time stamp
+  std::set<std::uint64_t> foreign_echoes_;
   ClockWatch clock_;
   int warnings_ = 0;
   int failures_ = 0;
-  std::string first_failure_;
 };
 
 }  // namespace
@@ -363,8 +392,9 @@ void AddDoctor(CLI::App& app, Action& action) {
       ->required()
       ->option_text(" ");
   AddJointsOption(command, options.joints);
-  command.add_option("--connect-timeout", options.connect_s, "Seconds to wait for a connection")
-      ->check(CLI::Range(0.1, 60.0));
+  command.add_option("--connect-timeout", options.connect_s, "Seconds to wait for a connection (5)")
+      ->check(CLI::Range(0.1, 60.0))
+      ->option_text("S");
   command.footer(
       "It sends commands that command nothing; the arm does not move.\nExample: velta doctor -n 6 "
       "tcp://192.168.0.10:5000");

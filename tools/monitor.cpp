@@ -402,10 +402,20 @@ void AddMonitor(CLI::App& app, Action& action) {
   AddLinkArgument(command, options.link);
   AddJointsOption(command, options.joints);
   command
-      .add_option("--poll-ms", options.poll_ms, "Silence after which an idle command asks for a status; 0 never asks")
-      ->check(CLI::Range(0, 60'000));
-  command.add_option("--seconds", options.seconds, "End after this time")->check(CLI::Range(0.001, 1e9));
-  command.add_option("-c,--count", options.count, "End after this many statuses")->check(CLI::PositiveNumber);
+      .add_option("--via", options.via,
+                  "Listen here for the host and pass everything on, instead of asking the controller")
+      ->option_text("ENDPOINT");
+  command
+      .add_option("--poll-ms", options.poll_ms,
+                  "Silence after which an idle command asks for a status (100); 0 never asks")
+      ->check(CLI::Range(0, 60'000))
+      ->option_text("MS");
+  command.add_option("--seconds", options.seconds, "End after this time")
+      ->check(CLI::Range(0.001, 1e9))
+      ->option_text("S");
+  command.add_option("-c,--count", options.count, "End after this many statuses")
+      ->check(CLI::PositiveNumber)
+      ->option_text("N");
   command.add_flag("--json", options.json, "Print each status as one JSON document in a line");
   command.footer(
       "On a terminal it draws a screen; its last line names the keys. Otherwise it prints a line per second.\n"

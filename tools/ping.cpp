@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: MIT
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdint>
+#include <iostream>
 #include <ostream>
 #include <string>
 #include <unordered_map>
@@ -20,7 +23,8 @@ namespace velta::tools {
 
 namespace {
 
-constexpr int kAttempts = 5;  // the first and four resends, as the client does
+constexpr int kHopeless = 10;  // so many commands without any echo end the run
+constexpr int kAttempts = 5;   // the first and four resends, as the client does
 
 struct PingOptions {
   Link link;
@@ -53,12 +57,15 @@ class Pinger {
       std::int64_t next = MonotonicNs();
       while (report_.sent < options_.count && !StopRequested()) {
         PingOnce();
+        ShowProgress();
+        if (report_.confirmed == 0 && report_.sent == kHopeless) break;
         next = std::max(next + Ns(options_.interval_ms), MonotonicNs());
         if (report_.sent < options_.count) Receive(next, true);
       }
     } catch (const WireError& error) {
       if (!StopRequested()) report_.lost = error.what();
     }
+    if (next_progress_ != 0) std::cerr << "\r" << std::string(60, ' ') << "\r" << std::flush;
     std::sort(report_.round_trips.begin(), report_.round_trips.end());
     std::sort(report_.wakeups.begin(), report_.wakeups.end());
     return std::move(report_);
@@ -66,6 +73,13 @@ class Pinger {
 
  private:
   static std::int64_t Ns(double ms) { return static_cast<std::int64_t>(ms * 1e6); }
+
+  void ShowProgress() {
+    if (isatty(STDERR_FILENO) == 0 || MonotonicNs() < next_progress_) return;
+    next_progress_ = MonotonicNs() + Ns(200);
+    std::cerr << "\r" << report_.sent << " of " << options_.count << " commands, " << report_.confirmed << " echoed "
+              << std::flush;
+  }
 
   /// One command that commands nothing, until a status echoes its stamp or all attempts are used up.
   void PingOnce() {
@@ -123,6 +137,7 @@ class Pinger {
   Wire wire_;
   PacketParser parser_;
   Report report_;
+  std::int64_t next_progress_ = 0;
   std::uint64_t stamp_ = 0;
   std::unordered_map<std::uint64_t, std::int64_t> waiting_;  ///< stamps of the current command and when they left
 };
@@ -143,6 +158,7 @@ std::vector<std::string> Verdict(const Report& report, int joints) {
   std::vector<std::string> verdict;
   const std::uint64_t discarded = Discarded(report, joints);
   const bool silent = report.received == 0;
+  if (!report.lost.empty()) verdict.emplace_back("look at the link: it was lost");
   if (report.sent == 0) return {"nothing was measured"};
   if (report.confirmed == 0) {
     verdict.emplace_back(
@@ -241,11 +257,15 @@ void AddPing(CLI::App& app, Action& action) {
   static PingOptions options;
   AddLinkArgument(command, options.link);
   AddJointsOption(command, options.joints);
-  command.add_option("-c,--count", options.count, "Commands to send")->check(CLI::Range(1, 100'000'000));
-  command.add_option("-i,--interval-ms", options.interval_ms, "Time between an echo and the next command")
-      ->check(CLI::Range(0.0, 60'000.0));
-  command.add_option("-t,--timeout-ms", options.timeout_ms, "Wait for an echo before the command is sent again")
-      ->check(CLI::Range(0.1, 60'000.0));
+  command.add_option("-c,--count", options.count, "Commands to send (1000)")
+      ->check(CLI::Range(1, 100'000'000))
+      ->option_text("N");
+  command.add_option("-i,--interval-ms", options.interval_ms, "Time between an echo and the next command (2)")
+      ->check(CLI::Range(0.0, 60'000.0))
+      ->option_text("MS");
+  command.add_option("-t,--timeout-ms", options.timeout_ms, "Wait for an echo before the command is sent again (100)")
+      ->check(CLI::Range(0.1, 60'000.0))
+      ->option_text("MS");
   command.add_flag("--json", options.json, "Print one JSON object");
   command.footer(
       "It sends commands that command nothing; the arm does not move.\nExample: velta ping -n 6 "

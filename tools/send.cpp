@@ -76,9 +76,9 @@ std::string Hex(const std::vector<char>& bytes) {
   return text;
 }
 
-/// Waits without the link, so that the client's steps come at an even pace. @return false when a stop was requested
-bool Pause(double seconds) {
-  const auto ns = static_cast<std::int64_t>(seconds * 1e9);
+/// Waits until a moment of the monotonic clock. @return false when a stop was requested
+bool PauseUntil(std::int64_t at_ns) {
+  const std::int64_t ns = std::max<std::int64_t>(at_ns - MonotonicNs(), 0);
   const timespec timeout{ns / 1'000'000'000, ns % 1'000'000'000};
   pollfd stop{StopFd(), POLLIN, 0};
   ppoll(&stop, 1, &timeout, nullptr);
@@ -109,7 +109,7 @@ int Deliver(const SendOptions& options, const Link& link, SendPacket& packet) {
     if (link.kind == Link::Kind::Serial) linger += 10.0 * packet.GetPacketSize() / link.baud;
     for (const std::int64_t end = start + static_cast<std::int64_t>(linger * 1e9); MonotonicNs() < end;) {
       client.ReceiveStatus();
-      if (!Pause(0.002)) break;
+      if (!PauseUntil(MonotonicNs() + 2'000'000)) break;
     }
     Out() << "sent " << packet.GetPacketSize() << " bytes to " << ToString(link) << std::endl;
     return 0;
@@ -117,9 +117,10 @@ int Deliver(const SendOptions& options, const Link& link, SendPacket& packet) {
 
   // The client waits 101 of its steps before each of four resends and before it gives up.
   constexpr int kSteps = 5 * 101;
+  const auto step = static_cast<std::int64_t>(options.timeout_s * 1e9 / kSteps);
   int resends = 0;
-  while (client.Waiting()) {
-    if (!Pause(options.timeout_s / kSteps)) throw Failure("interrupted before the echo came");
+  for (std::int64_t next = start + step; client.Waiting(); next += step) {
+    if (!PauseUntil(next)) throw Failure("interrupted before the echo came");
     client.ReceiveStatus();
     client.SendPacketInBuffer();
     if (!client.IsConnected()) throw Failure("lost " + ToString(link) + " before the echo came");
@@ -174,11 +175,13 @@ void AddSend(CLI::App& app, Action& action) {
       ->option_text("N");
   command.add_option("--joints", options.joints, "Joints to command: all, or indices from 0 as in 0/2/5")
       ->option_text("IDS");
-  command.add_option("--json", options.json, "Send this command document; - reads it from standard input");
+  command.add_option("--json", options.json, "Send this command document; - reads it from standard input")
+      ->option_text("DOCUMENT|-");
   command.add_flag("--confirm", options.confirm,
                    "Wait until the controller echoes the command, sending it again if need be");
-  command.add_option("--timeout", options.timeout_s, "Seconds that --confirm waits, all resends included")
-      ->check(CLI::Range(0.01, 3600.0));
+  command.add_option("--timeout", options.timeout_s, "Seconds that --confirm waits, all resends included (0.5)")
+      ->check(CLI::Range(0.01, 3600.0))
+      ->option_text("S");
   command.add_flag("--dry-run", options.dry_run, "Print the frame's bytes instead of sending them");
   command.add_flag("--list", options.list, "List all commands");
   command.footer(
