@@ -13,19 +13,15 @@
 
 #include <array>
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <utility>
 
 #include "SerialClient.h"
 #include "command.h"
-#include "stop.h"
 
 namespace velta::tools {
 
 namespace {
-
-constexpr int kConnectTimeoutMs = 5000;
 
 [[noreturn]] void Fail(const std::string& what, int error) { throw Failure(what + ": " + std::strerror(error)); }
 [[noreturn]] void Fail(const Link& link, int error) { Fail(ToString(link), error); }
@@ -112,19 +108,6 @@ Port Port::Connect(const Link& link) {
   return port;
 }
 
-Port Port::ConnectAndWait(const Link& link) {
-  Port port = Connect(link);
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kConnectTimeoutMs);
-  while (port.connecting_ && !StopRequested()) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0) Fail(link, ETIMEDOUT);
-    std::array<pollfd, 2> fds{{{port.Fd(), POLLOUT, 0}, {StopFd(), POLLIN, 0}}};
-    poll(fds.data(), fds.size(), static_cast<int>(left.count()));
-    if (fds[0].revents != 0) port.FinishConnecting();
-  }
-  return port;
-}
-
 void Port::FinishConnecting() {
   int error = 0;
   socklen_t size = sizeof error;
@@ -188,6 +171,7 @@ void Port::Break() {
 Endpoint::Endpoint(const Link& link) : kind_(link.kind), address_(link) {
   if (kind_ == Link::Kind::Pty) {
     symlink_ = link.device;
+    address_.kind = Link::Kind::Serial;
     OpenPty();
     return;
   }
@@ -208,7 +192,7 @@ Endpoint::Endpoint(const Link& link) : kind_(link.kind), address_(link) {
 Endpoint::~Endpoint() { RemoveSymlink(); }
 
 void Endpoint::OpenPty() {
-  const auto fail = [this] { Fail(ToString(address_), errno); };
+  const auto fail = [this] { Fail("pty:" + symlink_, errno); };
   fd_ = Own(posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
   std::array<char, 64> name{};
   if (fd_->Get() < 0 || grantpt(fd_->Get()) != 0 || unlockpt(fd_->Get()) != 0 ||

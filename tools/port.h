@@ -54,9 +54,6 @@ class Port {
   /// gives it. Throws Failure, which tells the link and the reason.
   static Port Connect(const Link& link);
 
-  /// Connect, and waits until the connection stands, a stop is requested or 5 s have passed. Throws Failure.
-  static Port ConnectAndWait(const Link& link);
-
   /// Takes an open descriptor over; kind tells how to read and write it. Shared, since an endpoint that stays open
   /// lends its own.
   Port(std::shared_ptr<Descriptor> fd, Link::Kind kind);
@@ -103,8 +100,11 @@ class Endpoint {
   Endpoint& operator=(const Endpoint&) = delete;
   ~Endpoint();
 
-  /// The endpoint as a host names it, with the port or the tty that the system chose.
+  /// The endpoint as a host names it, with the port that the system chose; a pty is a serial link to its device.
   const Link& Address() const { return address_; }
+
+  /// What the endpoint is; a pty differs here from a serial device.
+  Link::Kind Kind() const { return kind_; }
 
   /// Readable when a host may have come; -1 for a pty that no host holds open, to be looked at every kPtyLook ms.
   int WaitFd() const;

@@ -101,14 +101,14 @@ void Relay::Begin() {
   try {
     host = endpoint_.Take();
   } catch (const Failure&) {
-    if (Address().kind == Link::Kind::Serial) throw;
+    if (endpoint_.Kind() == Link::Kind::Serial) throw;
     return;  // gone before it was taken
   }
   try {
     session_.emplace(Session{
         std::move(*host), Port::Connect(controller_), std::chrono::steady_clock::now() + kConnectTimeout, {}, {}});
   } catch (const Failure& failure) {
-    if (Address().kind == Link::Kind::Udp || Address().kind == Link::Kind::Serial) throw;
+    if (endpoint_.Kind() == Link::Kind::Udp || endpoint_.Kind() == Link::Kind::Serial) throw;
     host->Break();
     host.reset();
     endpoint_.Release(true);
@@ -134,7 +134,7 @@ void Relay::EndBrokenBy(Side side) {
     session_->host.Break();
   }
   End();
-  if (side == Side::kController && Address().kind == Link::Kind::Serial) {
+  if (side == Side::kController && endpoint_.Kind() == Link::Kind::Serial) {
     throw Failure(ToString(controller_) + ": the controller's link is gone");
   }
 }
@@ -143,7 +143,7 @@ void Relay::Unreachable(const std::string& why) {
   session_->host.Break();
   session_.reset();
   endpoint_.Release(true);
-  if (Address().kind == Link::Kind::Serial) throw Failure(why);
+  if (endpoint_.Kind() == Link::Kind::Serial) throw Failure(why);
   if (observer_.failed) observer_.failed(why);
 }
 
@@ -188,7 +188,7 @@ void Relay::Move(Side from, bool readable) {
     }
   }
   // The source has closed its side. Only TCP can close one side alone.
-  const bool half = Address().kind == Link::Kind::Tcp && controller_.kind == Link::Kind::Tcp;
+  const bool half = endpoint_.Kind() == Link::Kind::Tcp && controller_.kind == Link::Kind::Tcp;
   if (!half || (session_->up.ended && session_->down.ended)) return End();
   target.EndWriting();
 }

@@ -58,7 +58,7 @@ class Relay {
   Relay& operator=(const Relay&) = delete;
   ~Relay();  ///< closes both sides; a connection that stands is reported as closed
 
-  /// Where the host is to connect to, with the port or tty that the system chose.
+  /// Where the host is to connect to, with the port that the system chose; a pty is a serial link.
   const Link& Address() const { return endpoint_.Address(); }
 
   bool Connected() const { return session_ && !session_->controller.Connecting(); }

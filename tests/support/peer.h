@@ -54,7 +54,7 @@ class Peer {
 
   /// A host, connected to where a tool listens.
   explicit Peer(const tools::Link& to) : link(to), kind_(to.kind) {
-    if (kind_ == Kind::Pty) {
+    if (kind_ == Kind::Serial) {
       fd_ = Good(open(to.device.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK));
       return;
     }
