@@ -23,8 +23,8 @@ using velta::test::Chars;
 using velta::test::Process;
 using velta::test::RunProgram;
 using velta::test::SimulatedArm;
-using velta::test::StatusBytes;
 using velta::test::StatusJoint;
+using velta::test::StatusText;
 using velta::tools::FitJointCount;
 
 namespace fs = std::filesystem;
@@ -53,7 +53,7 @@ void Fill(const fs::path& file, const std::string& text) {
 
 TEST(Diagnosis, FindsTheJointCountThatFits) {
   const std::string seven =
-      StatusBytes(1, 0, std::vector<StatusJoint>(7)) + StatusBytes(2, 0, std::vector<StatusJoint>(7));
+      StatusText(1, 0, std::vector<StatusJoint>(7)) + StatusText(2, 0, std::vector<StatusJoint>(7));
   const std::string damaged = "\xAB\xCD noise" + seven.substr(100, 200) + seven + seven;
   struct Case {
     const char* name;
@@ -62,7 +62,7 @@ TEST(Diagnosis, FindsTheJointCountThatFits) {
   };
   for (const Case& c : {Case{"clean", seven, 7}, Case{"amid noise", damaged, 7},
                         Case{"one frame may be chance", seven.substr(0, 577), {}}, Case{"none", "hello, world", {}},
-                        Case{"nothing", "", {}}, Case{"no joints", StatusBytes(1, 0, {}) + StatusBytes(2, 0, {}), 0}}) {
+                        Case{"nothing", "", {}}, Case{"no joints", StatusText(1, 0, {}) + StatusText(2, 0, {}), 0}}) {
     EXPECT_EQ(FitJointCount(Chars(c.bytes), 16), c.joints) << c.name;
   }
   EXPECT_EQ(FitJointCount(Chars(seven), 6), std::nullopt);
@@ -116,14 +116,14 @@ TEST(Diagnosis, TellsAJumpOfTheClockFromSlewing) {
 
 TEST(Diagnosis, TellsWhatKeepsJointsFromMoving) {
   RecvPacket status(4);
-  ASSERT_TRUE(status.Parse(Chars(StatusBytes(1, 0, {{0}, {2, 'f'}, {3, 0, 12}, {0, 'm'}}))));
+  ASSERT_TRUE(status.Parse(Chars(StatusText(1, 0, {{0}, {2, 'f'}, {3, 0, 12}, {0, 'm'}}))));
   const std::vector<std::string> causes = velta::tools::WhyNothingMoves(status);
   ASSERT_EQ(causes.size(), 4U);
   EXPECT_EQ(causes[0].rfind("joints 2 report a fault", 0), 0U) << causes[0];
   EXPECT_EQ(causes[1], "joints 0/3 have their servo off: velta send LINK servo-on --joints 0/3");
   EXPECT_EQ(causes[2].rfind("joints 3 refused a trajectory because their servo", 0), 0U) << causes[2];
   EXPECT_EQ(causes[3].rfind("joints 1 refused a trajectory because it had no points", 0), 0U) << causes[3];
-  ASSERT_TRUE(status.Parse(Chars(StatusBytes(1, 0, std::vector<StatusJoint>(4)))));
+  ASSERT_TRUE(status.Parse(Chars(StatusText(1, 0, std::vector<StatusJoint>(4)))));
   EXPECT_TRUE(velta::tools::WhyNothingMoves(status).empty());
 }
 
@@ -195,7 +195,8 @@ TEST(Doctor, NamesTheCauseWithoutAController) {
     EXPECT_TRUE(Has(c.status == 2 ? run.err : run.out, c.said)) << c.link << "\n" << run.out << run.err;
   }
   velta::test::Listener listener;
-  const auto named = RunProgram({VELTA_PROGRAM, "doctor", "-n", "3", "tcp://localhost" + listener.Link().substr(15)});
+  const auto named =
+      RunProgram({VELTA_PROGRAM, "doctor", "-n", "3", "tcp://localhost:" + std::to_string(listener.link.port)});
   EXPECT_TRUE(Has(named.out, "[warn] 'localhost' is a name, which the library does not resolve: use 127.0.0.1"))
       << named.out;
   EXPECT_TRUE(Has(named.out, "[FAIL] connected, but silent")) << named.out;
