@@ -141,6 +141,10 @@ TEST_P(Streams, LetAHostGoAndTakeTheNext) {
     EXPECT_TRUE(stand.Collect(stand.controller, bytes.size()) == bytes);
     ASSERT_TRUE(stand.Send(stand.controller, bytes));
     EXPECT_TRUE(stand.Collect(host, bytes.size()) == bytes);
+    if (GetParam().host == Link::Kind::Pty) {  // what this host leaves unread is not for the next one
+      ASSERT_TRUE(stand.Send(stand.controller, Bytes(100, 's')));
+      ASSERT_TRUE(stand.Until([&] { return stand.seen_down.size() % 1100 == 0; }));
+    }
     host.Close();
     if (GetParam().controller == Link::Kind::Tcp) {
       ASSERT_TRUE(stand.Until([&] { return !stand.controller.Receive() && stand.controller.ended; }));

@@ -163,8 +163,8 @@ int SendCommands(const Options& options) {
       listen();
       if (progress.IsDue()) progress.Show("sent " + Count(sent, "command"));
     }
-    // The last command's echo is on its way; 200 ms are plenty, and a stop does not wait.
-    const std::int64_t patience = MonotonicNs() + 200'000'000;
+    // The last command's echo is on its way; a second is plenty, and a stop does not wait.
+    const std::int64_t patience = MonotonicNs() + 1'000'000'000;
     while (awaited != 0 && !StopRequested() && MonotonicNs() < patience) {
       WaitUntil(patience, wire.Fd(), POLLIN);
       listen();
