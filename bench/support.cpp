@@ -129,12 +129,14 @@ VELTA_BENCH_WIDE unsigned WideCrc(const unsigned char* data, std::size_t length)
   // bytes of the message, wherever they stand.
   const std::size_t head = (length - 1) % 64 + 1;
   const __mmask64 mask = ~std::uint64_t{0} << (64 - head);
-  __m512i value = _mm512_xor_si512(_mm512_maskz_loadu_epi8(mask, data - (64 - head)), _mm512_loadu_si512(kInitial.data() + head));
+  __m512i value =
+      _mm512_xor_si512(_mm512_maskz_loadu_epi8(mask, data - (64 - head)), _mm512_loadu_si512(kInitial.data() + head));
   data += head;
   length -= head;
   const __m512i by512 = _mm512_set4_epi64(PowerOfX(511), PowerOfX(575), PowerOfX(511), PowerOfX(575));
   if (length > 0) {
-    value = Fold(value, by512, _mm512_xor_si512(_mm512_loadu_si512(data), _mm512_loadu_si512(kInitial.data() + head + 64)));
+    value =
+        Fold(value, by512, _mm512_xor_si512(_mm512_loadu_si512(data), _mm512_loadu_si512(kInitial.data() + head + 64)));
     data += 64;
     length -= 64;
   }

@@ -61,12 +61,34 @@ class Counted {
   std::uint64_t before_;
 };
 
-template <typename Job>
-void Timed(State& state, Job job) {
-  const auto begin = std::chrono::steady_clock::now();
-  job();
-  state.SetIterationTime(std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count());
+double Median(std::vector<double> values) {
+  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+  std::nth_element(values.begin(), middle, values.end());
+  return *middle;
 }
+
+/// Times a part of every iteration by the clock; the result is the median, which the scheduler disturbs least.
+class Samples {
+ public:
+  explicit Samples(State& state) : state_(state) { times_.reserve(state.max_iterations); }
+  Samples(const Samples&) = delete;
+  Samples& operator=(const Samples&) = delete;
+  ~Samples() {
+    if (!times_.empty()) state_.counters["ns"] = Median(times_);
+  }
+
+  template <typename Part>
+  void Time(Part part, double shares = 1) {
+    const auto begin = std::chrono::steady_clock::now();
+    part();
+    const std::chrono::duration<double, std::nano> time = std::chrono::steady_clock::now() - begin;
+    times_.push_back(time.count() / shares);
+  }
+
+ private:
+  State& state_;
+  std::vector<double> times_;
+};
 
 /// A frame taken and checked: moved once, covered by the CRC once.
 void TakeFrame(std::vector<char>& to, const std::vector<char>& from) {
@@ -119,28 +141,50 @@ std::vector<char> Burst(int n, std::size_t garbage) {
   return stream;
 }
 
-void FloorBurst(State& state, int n) {
+void FloorSingle(State& state, int n) {
   const std::vector<char> frame = StatusFrame(n);
   std::vector<char> to(frame.size());
   for (auto _ : state) TakeFrame(to, frame);
 }
-/// Google Benchmark times a whole burst; the manual time is a frame's share.
+void FloorBurst(State& state, int n) {
+  const std::vector<char> frame = StatusFrame(n), burst = Burst(n, 0);
+  const std::size_t frames = burst.size() / frame.size();
+  std::vector<char> to(burst.size());
+  Samples samples(state);
+  for (auto _ : state) {
+    samples.Time(
+        [&] {
+          for (std::size_t at = 0; at < burst.size(); at += frame.size()) {
+            std::memcpy(&to[at], &burst[at], frame.size());
+            DoNotOptimize(FloorCrc(Raw(&to[at]), frame.size() - 2));
+          }
+        },
+        static_cast<double>(frames));
+  }
+}
 void LibraryBurst(State& state, int n, bool with_garbage) {
   const std::size_t size = StatusFrame(n).size();
   const std::size_t garbage = with_garbage ? size / 10 : 0;
   const std::vector<char> burst = Burst(n, garbage);
   const auto frames = static_cast<double>(burst.size() / (size + garbage));
   PacketParser parser(n);
+  std::vector<RecvPacket> packets;
+  Samples samples(state);
   const std::uint64_t before = Allocations();
   for (auto _ : state) {
     std::vector<char> bytes = burst;
-    const auto begin = std::chrono::steady_clock::now();
-    parser.Push(std::move(bytes));
-    DoNotOptimize(parser.Parse());
-    state.SetIterationTime(std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count() / frames);
+    samples.Time(
+        [&] {
+          parser.Push(std::move(bytes));
+          packets = parser.Parse();
+        },
+        frames);
   }
-  state.counters["allocations"] = benchmark::Counter(static_cast<double>(Allocations() - before) / frames - 1 / frames,
-                                                     benchmark::Counter::kAvgIterations);
+  Require(packets.size() == static_cast<std::size_t>(frames), "frames were lost");
+  const double own = 1 / frames;  // the copy of the burst
+  state.counters["allocations"] =
+      benchmark::Counter(static_cast<double>(Allocations() - before) / frames, benchmark::Counter::kAvgIterations);
+  state.counters["allocations"].value -= own * static_cast<double>(state.iterations());
 }
 void Whole(State& state, int n) { LibraryBurst(state, n, false); }
 void Garbage(State& state, int n) { LibraryBurst(state, n, true); }
@@ -184,15 +228,12 @@ void LibraryByte(State& state, int n) {
 
 namespace build {
 void Floor(State& state, int n) {
-  std::vector<char> records(18 * static_cast<std::size_t>(n)), frame = CommandFrame(n);
+  std::vector<char> frame = CommandFrame(n);
   for (auto _ : state) {
-    for (std::size_t i = 0; i < static_cast<std::size_t>(n); ++i) {
-      const txJoint_t joint{static_cast<std::uint8_t>(i), 0x11, 1, 0, 0, 0};
-      std::memcpy(&records[18 * i], &joint, sizeof joint);
-    }
     const std::int64_t stamp = std::chrono::system_clock::now().time_since_epoch().count();
     std::memcpy(&frame[2], &stamp, sizeof stamp);
-    std::memcpy(&frame[11], records.data(), records.size());
+    txJoint_t joint{0, 0x11, 1, 0, 0, 0};
+    for (char* to = &frame[11]; joint.id < n; ++joint.id, to += sizeof joint) std::memcpy(to, &joint, sizeof joint);
     CloseFrame(frame.data(), frame.size());
     benchmark::ClobberMemory();
   }
@@ -215,8 +256,8 @@ std::string List(int n) {
 }
 void Floor(State& state, int n) {
   const std::string list = List(n);
-  std::vector<int> joints(static_cast<std::size_t>(n));
   for (auto _ : state) {
+    std::vector<int> joints(static_cast<std::size_t>(n));
     std::size_t count = 0;
     for (const char* p = list.c_str(); *p != 0; ++p) {
       int id = 0;
@@ -224,7 +265,7 @@ void Floor(State& state, int n) {
       if (id < n) joints[count++] = id;
       if (*p == 0) break;
     }
-    DoNotOptimize(count);
+    DoNotOptimize(joints.data());
     benchmark::ClobberMemory();
   }
 }
@@ -344,9 +385,10 @@ void Floor(State& state, int n) {
   const BareSocket socket(peer);
   const std::vector<char> in = StatusFrame(n), out = CommandFrame(n);
   std::vector<char> buffer(65535);
+  Samples samples(state);
   for (auto _ : state) {
     peer.Send(in);
-    Timed(state, [&] {
+    samples.Time([&] {
       Require(socket.Receive(buffer.data(), buffer.size()) > 0, "no frame on loopback");
       socket.Send(out);
     });
@@ -358,9 +400,10 @@ void FloorWithHost(State& state, int n) {
   const BareSocket socket(peer);
   const std::vector<char> in = StatusFrame(n);
   std::vector<char> buffer(65535), out = CommandFrame(n), status(in.size());
+  Samples samples(state);
   for (auto _ : state) {
     peer.Send(in);
-    Timed(state, [&] {
+    samples.Time([&] {
       const std::int64_t stamp = std::chrono::system_clock::now().time_since_epoch().count();
       std::memcpy(&out[2], &stamp, sizeof stamp);
       Require(socket.Receive(buffer.data(), buffer.size()) > 0, "no frame on loopback");
@@ -379,11 +422,12 @@ void Library(State& state, int n) {
   peer.Accept();
   const std::vector<char> in = StatusFrame(n);
   SendPacket packet(n);
+  Samples samples(state);
   const Counted counted(state);
   for (auto _ : state) {
     peer.Send(in);
     client.PushSendQueue(packet, false);
-    Timed(state, [&] {
+    samples.Time([&] {
       Require(client.ReceiveStatus() == 1, "no frame on loopback");
       client.SendPacketInBuffer();
     });
@@ -397,10 +441,11 @@ void LibraryWithHost(State& state, int n) {
   Require(client.InitAsTcpClient("127.0.0.1", peer.Port()), "cannot connect");
   peer.Accept();
   const std::vector<char> in = StatusFrame(n);
+  Samples samples(state);
   const Counted counted(state);
   for (auto _ : state) {
     peer.Send(in);
-    Timed(state, [&] {
+    samples.Time([&] {
       SendPacket packet(n);
       packet.SetRefPosition("all", 1);
       client.PushSendQueue(packet, false);
@@ -451,32 +496,37 @@ constexpr std::size_t kPackets = 16, kClients = 64;
 
 /// Filling the buffers is not timed, so 64 of them are emptied between two readings of the clock.
 void Floor(State& state, int /*n*/) {
+  Samples samples(state);
   for (auto _ : state) {
     std::vector<std::unique_ptr<char[]>> taken(kClients);
-    const auto begin = std::chrono::steady_clock::now();
-    for (auto& memory : taken) memory.reset(new char[kPackets * sizeof(RecvPacket)]);
-    const std::chrono::duration<double> time = std::chrono::steady_clock::now() - begin;
-    state.SetIterationTime(time.count() / kClients);
+    samples.Time(
+        [&] {
+          for (auto& memory : taken) memory.reset(new char[kPackets * sizeof(RecvPacket)]);
+        },
+        kClients);
   }
 }
 void Library(State& state, int n) {
   std::vector<std::unique_ptr<MasterControllerClient>> clients;
   for (std::size_t i = 0; i < kClients; ++i) clients.push_back(std::make_unique<MasterControllerClient>(n));
   const RecvPacket packet(n);
-  double allocations = 0;
+  std::uint64_t allocations = 0;
+  Samples samples(state);
   for (auto _ : state) {
     for (const auto& client : clients) {
       for (std::size_t i = 0; i < kPackets; ++i) client->PushRecvBuffer(packet);
     }
     std::vector<std::vector<RecvPacket>> taken(kClients);
     const std::uint64_t before = Allocations();
-    const auto begin = std::chrono::steady_clock::now();
-    for (std::size_t i = 0; i < kClients; ++i) taken[i] = clients[i]->GetCurStatePacket();
-    const std::chrono::duration<double> time = std::chrono::steady_clock::now() - begin;
-    state.SetIterationTime(time.count() / kClients);
-    allocations += static_cast<double>(Allocations() - before) / kClients;
+    samples.Time(
+        [&] {
+          for (std::size_t i = 0; i < kClients; ++i) taken[i] = clients[i]->GetCurStatePacket();
+        },
+        kClients);
+    allocations += Allocations() - before;
   }
-  state.counters["allocations"] = benchmark::Counter(allocations, benchmark::Counter::kAvgIterations);
+  state.counters["allocations"] =
+      benchmark::Counter(static_cast<double>(allocations) / kClients, benchmark::Counter::kAvgIterations);
 }
 }  // namespace collect
 
@@ -497,12 +547,12 @@ std::string Fixed(float value) {
 }
 
 namespace state_json {
-constexpr const char* kWhole[] = {"type",     "comStatus", "systemMode", "ctrlMode",
+constexpr const char* kWhole[] = {"type",     "comStatus", "systemMode",  "ctrlMode",
                                   "ewStatus", "trjStatus", "trjViaRemain"};
-constexpr const char* kReal[] = {"refCurrent",   "refPosition",           "refVelocity", "refAcceleration", "refEffort",
-                                 "current",      "position",              "velocity",    "outConvInVelocity",
-                                 "acceleration", "outConvInAcceleration", "effort",      "temperature",
-                                 "general_0",    "general_1",             "general_2",   "general_3"};
+constexpr const char* kReal[] = {
+    "refCurrent", "refPosition",       "refVelocity",  "refAcceleration",       "refEffort", "current",     "position",
+    "velocity",   "outConvInVelocity", "acceleration", "outConvInAcceleration", "effort",    "temperature", "general_0",
+    "general_1",  "general_2",         "general_3"};
 constexpr float kValue = -12.345678f;
 
 /// One tree, built by moves.
@@ -549,8 +599,9 @@ void Library(State& state, int n) {
   packet.header.timestamp = packet.header.hostTimestamp = 1234567890123456789;
   packet.header.duration = kValue;
   for (rxJoint_t& joint : packet.joints) {
-    joint = {1,      1,      1,      1,      1,      1,      1,      kValue, kValue, kValue, kValue,
-             kValue, kValue, kValue, kValue, kValue, kValue, kValue, kValue, kValue, {kValue, kValue, kValue, kValue}};
+    joint = {1,      1,      1,      1,      1,      1,      1,
+             kValue, kValue, kValue, kValue, kValue, kValue, kValue,
+             kValue, kValue, kValue, kValue, kValue, kValue, {kValue, kValue, kValue, kValue}};
   }
   const std::uint64_t before = Allocations();
   for (auto _ : state) {
@@ -656,23 +707,28 @@ void WaitingKeys(State& state, int keys) {
     packets.emplace_back(7);
     packets.back().SetUniqueKey("key" + std::to_string(i));
   }
+  Samples samples(state);
   for (auto _ : state) {
     for (SendPacket& packet : packets) client.InsertUniqueSendMap(packet);
-    const auto begin = std::chrono::steady_clock::now();
-    for (int i = 0; i < keys; ++i) client.SendPacketInBuffer();
-    state.SetIterationTime(std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count() / keys);
+    samples.Time(
+        [&] {
+          for (int i = 0; i < keys; ++i) client.SendPacketInBuffer();
+        },
+        keys);
   }
 }
 
 /// As many receive steps as packets, then one collection; the time is a packet's.
 void Buffered(State& state, int packets) {
   MemoryClient client(7);
-  const double share = 1.0 / packets;
+  Samples samples(state);
   for (auto _ : state) {
-    const auto begin = std::chrono::steady_clock::now();
-    for (int i = 0; i < packets; ++i) client.ReceiveStatus();
-    DoNotOptimize(client.GetCurStatePacket());
-    state.SetIterationTime(std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count() * share);
+    samples.Time(
+        [&] {
+          for (int i = 0; i < packets; ++i) client.ReceiveStatus();
+          DoNotOptimize(client.GetCurStatePacket());
+        },
+        packets);
   }
 }
 
@@ -686,9 +742,10 @@ void ArmsFloor(State& state, int arms) {
   }
   const std::vector<char> in = StatusFrame(7), out = CommandFrame(7);
   std::vector<char> buffer(65535);
+  Samples samples(state);
   for (auto _ : state) {
     for (const auto& peer : peers) peer->Send(in);
-    Timed(state, [&] {
+    samples.Time([&] {
       for (const auto& socket : sockets) {
         Require(socket->Receive(buffer.data(), buffer.size()) > 0, "no frame on loopback");
         socket->Send(out);
@@ -708,10 +765,11 @@ void Arms(State& state, int arms) {
   }
   const std::vector<char> in = StatusFrame(7);
   SendPacket packet(7);
+  Samples samples(state);
   for (auto _ : state) {
     for (const auto& peer : peers) peer->Send(in);
     for (const auto& client : clients) client->PushSendQueue(packet, false);
-    Timed(state, [&] {
+    samples.Time([&] {
       for (const auto& client : clients) {
         Require(client->ReceiveStatus() == 1, "no frame on loopback");
         client->SendPacketInBuffer();
@@ -745,7 +803,7 @@ const std::vector<Job> kJobs = {
     {"40 arms in one loop, TCP loopback", "arms", {1, 40}, scaling::ArmsFloor, scaling::Arms, 200},
     {"CRC of a status frame", "n", kJoints, crc::Floor, crc::Library, 0},
     {"RecvPacket::Parse", "n", kJoints, parse::Floor, parse::Library, 0},
-    {"parser, a frame per push", "n", kJoints, parser::FloorBurst, parser::Single, 0},
+    {"parser, a frame per push", "n", kJoints, parser::FloorSingle, parser::Single, 0},
     {"parser, bursts of 64 KiB: per frame", "n", kJoints, parser::FloorBurst, parser::Whole, 100},
     {"the same with 10 % garbage", "n", kJoints, parser::FloorBurst, parser::Garbage, 100},
     {"parser, one byte per push: per byte", "n", kJoints, parser::FloorByte, parser::LibraryByte, 0},
@@ -775,7 +833,8 @@ class TableReporter : public benchmark::BenchmarkReporter {
     for (const Run& run : runs) {
       if (run.run_type != Run::RT_Iteration) continue;
       Series& series = series_[run.run_name.function_name + '/' + run.run_name.args];
-      series.times.push_back(run.GetAdjustedRealTime());
+      const auto sampled = run.counters.find("ns");
+      series.times.push_back(sampled != run.counters.end() ? sampled->second.value : run.GetAdjustedCPUTime());
       const auto counter = run.counters.find("allocations");
       if (counter != run.counters.end()) series.allocations.push_back(counter->second.value);
     }
@@ -811,12 +870,6 @@ class TableReporter : public benchmark::BenchmarkReporter {
     std::vector<double> times, allocations;
   };
 
-  static double Median(std::vector<double> values) {
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
-  }
-
   static std::string Count(const std::vector<double>& allocations) {
     if (allocations.empty()) return "";
     char text[32];
@@ -848,7 +901,7 @@ void Register(const Job& job, const char* variant, Body body) {
                                    [body](State& state) { body(state, static_cast<int>(state.range(0))); });
   benchmark->ArgName(job.size_name);
   for (const int size : job.sizes) benchmark->Arg(size);
-  if (job.iterations != 0) benchmark->UseManualTime()->Iterations(job.iterations);
+  if (job.iterations != 0) benchmark->Iterations(job.iterations);
 }
 
 }  // namespace
