@@ -6,6 +6,7 @@
 #include <string_view>
 #include <utility>
 
+#include "command_frame.h"
 #include "text.h"
 
 namespace {
@@ -125,16 +126,21 @@ void SendPacket::SetCommonCommand(const std::string& ids, int order, float value
   SetCommonCommand(ids, static_cast<ePacketOrder>(order), value1, value2, value3, value4);
 }
 
-std::vector<char> SendPacket::GetCharVector() const {
-  const std::size_t records = joints.size() * sizeof(txJoint_t);
-  std::vector<char> frame(sizeof header + records + velta::kCrcSize);
-  std::memcpy(frame.data(), &header, sizeof header);
-  if (records != 0) std::memcpy(frame.data() + sizeof header, joints.data(), records);
-  const std::size_t covered = sizeof header + records;
+void velta::detail::WriteCommandFrame(const SendPacket& packet, std::vector<char>& frame) {
+  const std::size_t records = packet.joints.size() * sizeof(txJoint_t);
+  const std::size_t covered = sizeof packet.header + records;
+  frame.resize(covered + kCrcSize);
+  std::memcpy(frame.data(), &packet.header, sizeof packet.header);
+  if (records != 0) std::memcpy(frame.data() + sizeof packet.header, packet.joints.data(), records);
   const unsigned short crc =
       CalcCrc16(reinterpret_cast<const unsigned char*>(frame.data()), static_cast<unsigned short>(covered));
   frame[covered] = static_cast<char>(crc & 0xFF);
   frame[covered + 1] = static_cast<char>(crc >> 8);
+}
+
+std::vector<char> SendPacket::GetCharVector() const {
+  std::vector<char> frame;
+  velta::detail::WriteCommandFrame(*this, frame);
   return frame;
 }
 

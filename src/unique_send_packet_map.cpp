@@ -7,11 +7,12 @@ UniqueSendPacketMap::UniqueSendPacketMap() : mutex_(std::make_unique<std::mutex>
 
 UniqueSendPacketMap::~UniqueSendPacketMap() { mutex_.reset(); }
 
-void UniqueSendPacketMap::Insert(const std::string& key, const SendPacket& packet) {
-  SendPacket copy = packet;
+void UniqueSendPacketMap::Insert(const std::string& key, const SendPacket& packet) { Place(key, SendPacket(packet)); }
+
+void UniqueSendPacketMap::Place(const std::string& key, SendPacket&& packet) {
   const std::lock_guard<std::mutex> lock(*mutex_);
   bool& sent = sent_map_.try_emplace(key, true).first->second;
-  packet_map_.insert_or_assign(key, std::move(copy));
+  packet_map_.insert_or_assign(key, std::move(packet));
   if (sent) ++waiting_;
   sent = false;
 }
@@ -35,4 +36,12 @@ std::vector<std::string> UniqueSendPacketMap::GetNotSentKeys() const {
     if (!sent_map_.at(entry.first)) keys.push_back(entry.first);
   }
   return keys;
+}
+
+const std::string* UniqueSendPacketMap::FirstNotSentKey() const {
+  if (waiting_ == 0) return nullptr;
+  for (const auto& entry : packet_map_) {
+    if (!sent_map_.at(entry.first)) return &entry.first;
+  }
+  return nullptr;
 }
