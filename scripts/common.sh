@@ -4,9 +4,10 @@ set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 build_packages=(g++ make cmake picojson-dev libcli11-dev)
-test_packages=(libgtest-dev nlohmann-json3-dev)
+test_packages=(libgtest-dev nlohmann-json3-dev pkg-config)
 check_packages=(clang clang-format clang-tidy cppcheck)
 bench_packages=(libbenchmark-dev)
+package_packages=(dpkg-dev gzip lintian man-db)
 
 # need PACKAGE... installs the Debian packages that are missing, and nothing else.
 need() {
