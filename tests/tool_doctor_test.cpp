@@ -227,6 +227,14 @@ TEST(Doctor, LooksAtTheSerialDeviceItself) {
       << forbidden.out << forbidden.err;
 }
 
+TEST(Doctor, NoticesAnotherHost) {
+  SimulatedArm arm;
+  Process other({VELTA_PROGRAM, "ping", "-n", "3", arm.Link(), "-c", "100000"});
+  const auto run = RunProgram({VELTA_PROGRAM, "doctor", "-n", "3", arm.Link()});
+  EXPECT_EQ(run.status, 0) << run.out;
+  EXPECT_TRUE(Has(run.out, "[warn] the controller also echoes commands that are not from here")) << run.out;
+}
+
 TEST(Doctor, StopsAtOnce) {
   velta::test::Listener listener;
   Process doctor({VELTA_PROGRAM, "doctor", "-n", "3", listener.Link()});

@@ -65,6 +65,15 @@ TEST(MonitorModel, CountsBytesThatBelongToNoStatus) {
       << model.Traffic(2 * kMs);
 }
 
+TEST(MonitorModel, StartsANewConnectionAtAFramesFirstByte) {
+  MonitorModel model(1);
+  const std::string status = StatusText(1, 0, {{}});
+  model.Take(Chars(status + status.substr(0, 60)), kMs);
+  model.Restart();
+  model.Take(Chars(status + status), 2 * kMs);
+  EXPECT_NE(model.Traffic(2 * kMs).find("statuses 3  discarded 0 bytes"), std::string::npos) << model.Traffic(2 * kMs);
+}
+
 TEST(MonitorModel, DrawsTheHistoryOfAJoint) {
   MonitorModel model(1);
   for (int i = 0; i < 4; ++i) {

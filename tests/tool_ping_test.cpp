@@ -36,6 +36,7 @@ TEST(Timing, PercentilesAreMeasuredValues) {
   EXPECT_EQ(Percentile(values, 0.99), 990);
   EXPECT_EQ(Percentile(values, 0.999), 999);
   EXPECT_EQ(Percentile(values, 1), 1000);
+  EXPECT_EQ(Percentile({1, 2, 3}, 0.5), 2);
   EXPECT_EQ(Percentile({7}, 0.5), 7);
   EXPECT_EQ(Percentile({}, 0.5), 0);
 }
