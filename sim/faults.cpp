@@ -89,20 +89,21 @@ constexpr std::pair<const char*, Unit> kTriggers[] = {
 constexpr std::pair<const char*, Unit> kDurations[] = {
     {"for_ms", Unit::Ms}, {"for_frames", Unit::Frame}, {"for_commands", Unit::Command}};
 
-/// Takes a member out of the document.
-std::optional<picojson::value> Take(picojson::object& members, const std::string& key) {
+/// Takes a member of type T out of the document.
+template <typename T>
+std::optional<T> Take(picojson::object& members, const std::string& key, const char* type) {
   const auto found = members.find(key);
   if (found == members.end()) return std::nullopt;
-  picojson::value value = found->second;
+  if (!found->second.is<T>()) Refuse("'" + key + "' must be a " + type);
+  T value = found->second.get<T>();
   members.erase(found);
   return value;
 }
 
 std::optional<double> TakeNumber(picojson::object& members, const std::string& key, double min, double max) {
-  const auto value = Take(members, key);
-  if (!value) return std::nullopt;
-  if (!value->is<double>()) Refuse("'" + key + "' must be a number");
-  return CheckRange(value->get<double>(), min, max, "'" + key + "'");
+  const auto number = Take<double>(members, key, "number");
+  if (!number) return std::nullopt;
+  return CheckRange(*number, min, max, "'" + key + "'");
 }
 
 /// Takes the one member of the group that is there.
@@ -126,9 +127,9 @@ FaultRule ParseLine(const std::string& line) {
   if (!error.empty() || !document.is<picojson::object>()) Refuse("not a JSON object");
   picojson::object members = document.get<picojson::object>();
 
-  const auto name = Take(members, "fault");
-  if (!name || !name->is<std::string>()) Refuse("'fault' must name a fault");
-  FaultRule rule = MakeRule(FindFault(name->get<std::string>()));
+  const auto name = Take<std::string>(members, "fault", "text");
+  if (!name) Refuse("'fault' is missing");
+  FaultRule rule = MakeRule(FindFault(*name));
   const FaultInfo& info = Info(rule.fault);
 
   const auto at = TakeSpan(members, kTriggers);
@@ -193,8 +194,9 @@ std::vector<FaultRule> ParseFaultScript(std::istream& script, const std::string&
   return rules;
 }
 
-Faults::Faults(std::vector<FaultRule> rules, std::uint64_t seed) {
-  for (FaultRule& rule : rules) entries_.push_back({std::move(rule), Entry::State::Waiting, 0});
+Faults::Faults(const std::vector<FaultRule>& rules, std::uint64_t seed) {
+  entries_.reserve(rules.size());
+  for (const FaultRule& rule : rules) entries_.push_back({rule, Entry::State::Waiting, 0});
   for (std::size_t i = 0; i < kFaultCount; ++i) {
     std::seed_seq sequence{static_cast<std::uint32_t>(seed), static_cast<std::uint32_t>(seed >> 32),
                            static_cast<std::uint32_t>(i)};

@@ -92,7 +92,7 @@ std::vector<FaultRule> ParseFaultScript(std::istream& script, const std::string&
 /// strikes: every fault draws from a generator of its own.
 class Faults {
  public:
-  Faults(std::vector<FaultRule> rules, std::uint64_t seed);
+  Faults(const std::vector<FaultRule>& rules, std::uint64_t seed);
 
   /// Moves one of the clocks on: ms since the start, status frames composed, commands received.
   void Advance(Unit unit, std::uint64_t now);

@@ -41,7 +41,7 @@ bool IsTransient(int error) { return error == EAGAIN || error == EINTR; }
 Server::Server(ServerConfig config)
     : config_(std::move(config)),
       controller_(config_.joints, std::clamp(config_.cycle_ms, 1, 10)),
-      faults_(std::move(config_.faults), config_.seed) {
+      faults_(config_.faults, config_.seed) {
   for (const EndpointConfig& endpoint : config_.endpoints) {
     Port& port = ports_.emplace_back();
     port.endpoint = std::make_unique<Endpoint>(endpoint);

@@ -60,7 +60,7 @@ TEST(SimProgram, ListensOnEveryEndpointAndAnswersTheCheckThere) {
   const Folder folder;
   Process sim(Sim({"-n", "2", "tcp://127.0.0.1:0", "udp://127.0.0.1:0", "pty:" + folder.File("arm"), "pty:"}));
   for (const std::string& prefix : {std::string("tcp://127.0.0.1:"), std::string("udp://127.0.0.1:"),
-                                   "serial://" + folder.File("arm"), std::string("serial:///dev/pts/")}) {
+                                    "serial://" + folder.File("arm"), std::string("serial:///dev/pts/")}) {
     const auto link = sim.ReadAfter("listening on ");
     ASSERT_TRUE(link) << prefix;
     EXPECT_EQ(link->find(prefix), 0u) << *link;

@@ -18,7 +18,7 @@ using velta::test::Chars;
 using velta::test::Process;
 using velta::test::RunProgram;
 using velta::test::SimulatedArm;
-using velta::test::StatusBytes;
+using velta::test::StatusText;
 using velta::test::Terminal;
 using velta::tools::MonitorModel;
 
@@ -29,11 +29,11 @@ constexpr std::int64_t kMs = 1'000'000;
 TEST(MonitorModel, ShowsStatesInWordsAndMarksWhatChanged) {
   MonitorModel model(2);
   EXPECT_EQ(model.Traffic(0), "no status yet  discarded 0 bytes");
-  model.Take(Chars(StatusBytes(1, 0, {{0}, {2, 'm'}})), 1000 * kMs);
+  model.Take(Chars(StatusText(1, 0, {{0}, {2, 'm'}})), 1000 * kMs);
   for (const auto& cell : model.Row(0, 1000 * kMs)) EXPECT_FALSE(cell.changed || cell.fault) << cell.text;
   EXPECT_EQ(model.Row(1, 1000 * kMs)[8].text, "servo off!");
 
-  model.Take(Chars(StatusBytes(2, 0, {{3, 2, 12, 1.5F}, {2, 'm'}})), 1010 * kMs);
+  model.Take(Chars(StatusText(2, 0, {{3, 2, 12, 1.5F}, {2, 'm'}})), 1010 * kMs);
   const auto row = model.Row(0, 1011 * kMs);
   struct Expected {
     std::size_t column;
@@ -55,7 +55,7 @@ TEST(MonitorModel, ShowsStatesInWordsAndMarksWhatChanged) {
 
 TEST(MonitorModel, CountsBytesThatBelongToNoStatus) {
   MonitorModel model(1);
-  const std::string status = StatusBytes(1, 0, {{}});
+  const std::string status = StatusText(1, 0, {{}});
   model.Take(Chars("noise" + status + status.substr(0, 60)), kMs);
   EXPECT_NE(model.Traffic(kMs).find("discarded 0 bytes"), std::string::npos);  // the rest may still come
   std::string damaged = status;
@@ -65,11 +65,20 @@ TEST(MonitorModel, CountsBytesThatBelongToNoStatus) {
       << model.Traffic(2 * kMs);
 }
 
+TEST(MonitorModel, StartsANewConnectionAtAFramesFirstByte) {
+  MonitorModel model(1);
+  const std::string status = StatusText(1, 0, {{}});
+  model.Take(Chars(status + status.substr(0, 60)), kMs);
+  model.Restart();
+  model.Take(Chars(status + status), 2 * kMs);
+  EXPECT_NE(model.Traffic(2 * kMs).find("statuses 3  discarded 0 bytes"), std::string::npos) << model.Traffic(2 * kMs);
+}
+
 TEST(MonitorModel, DrawsTheHistoryOfAJoint) {
   MonitorModel model(1);
   for (int i = 0; i < 4; ++i) {
-    model.Take(Chars(StatusBytes(1, 0, {{2, 0, 0, static_cast<float>(i)}})), (1000 + 50 * i) * kMs);
-    model.Take(Chars(StatusBytes(1, 0, {{2, 0, 0, 99}})), (1001 + 50 * i) * kMs);  // between two samples
+    model.Take(Chars(StatusText(1, 0, {{2, 0, 0, static_cast<float>(i)}})), (1000 + 50 * i) * kMs);
+    model.Take(Chars(StatusText(1, 0, {{2, 0, 0, 99}})), (1001 + 50 * i) * kMs);  // between two samples
   }
   EXPECT_EQ(model.History(0, 6, 4), (std::vector<std::string>{"position of joint 0, last 0.2 s, 0.0000 to 3.0000",
                                                               "     *", "    * ", "   *  ", "  *   "}));

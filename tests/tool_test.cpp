@@ -9,7 +9,6 @@
 #include "support/process.h"
 
 using velta::test::RunProgram;
-using velta::tools::Link;
 using velta::tools::ParseLink;
 
 namespace {

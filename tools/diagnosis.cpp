@@ -74,7 +74,7 @@ std::vector<std::string> HoldersOf(const fs::path& proc, const fs::path& device)
       if (fs::read_symlink(file->path(), gone) != target) continue;
       std::string name;
       std::getline(std::ifstream(process->path() / "comm"), name);
-      holders.push_back(name + " (pid " + pid + ")");
+      holders.push_back(name.append(" (pid ").append(pid).append(")"));
       break;
     }
   }
@@ -86,7 +86,8 @@ std::optional<int> LatencyTimerMs(const fs::path& sysfs, const fs::path& device)
   const fs::path name = fs::weakly_canonical(device, error).filename();
   std::ifstream file(sysfs / "bus/usb-serial/devices" / name / "latency_timer");
   int ms = 0;
-  return file >> ms ? std::optional(ms) : std::nullopt;
+  if (!(file >> ms)) return std::nullopt;
+  return ms;
 }
 
 void ClockWatch::Add(std::int64_t system_ns, std::int64_t monotonic_ns) {

@@ -1,6 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "status_words.h"
 
+#include <algorithm>
+#include <cstddef>
+#include <iterator>
+
 namespace velta::tools {
 
 namespace {
@@ -20,10 +24,9 @@ constexpr Word kTrajectoryStates[] = {{0, "idle"},         {1, "starting"},     
 
 template <std::size_t N>
 std::string Find(const Word (&words)[N], std::uint8_t code) {
-  for (const Word& word : words) {
-    if (word.code == code) return word.text;
-  }
-  return std::to_string(code);
+  const auto found =
+      std::find_if(std::begin(words), std::end(words), [code](const Word& word) { return word.code == code; });
+  return found != std::end(words) ? found->text : std::to_string(code);
 }
 
 }  // namespace

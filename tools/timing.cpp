@@ -58,7 +58,9 @@ std::vector<std::string> Histogram(const std::vector<std::int64_t>& sorted, int 
   const auto most = std::max_element(buckets.begin(), buckets.end(), [](const Bucket& a, const Bucket& b) {
                       return a.count < b.count;
                     })->count;
-  const auto padded = [](std::string text) { return std::string(text.size() < 8 ? 8 - text.size() : 0, ' ') + text; };
+  const auto padded = [](const std::string& text) {
+    return std::string(text.size() < 8 ? 8 - text.size() : 0, ' ') + text;
+  };
   for (const Bucket& bucket : buckets) {
     auto bar = static_cast<std::size_t>(bucket.count * width / most);
     if (bucket.count > 0 && bar == 0) bar = 1;
