@@ -3,8 +3,8 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
-build_packages=(g++ make cmake picojson-dev libcli11-dev)
-test_packages=(gnuplot-nox libgtest-dev nlohmann-json3-dev)
+build_packages=(g++ make cmake picojson-dev libcli11-dev libncurses-dev gnuplot-nox)
+test_packages=(libgtest-dev nlohmann-json3-dev tmux)
 check_packages=(clang clang-format clang-tidy cppcheck)
 bench_packages=(libbenchmark-dev)
 

@@ -124,7 +124,7 @@ int SendCommands(const Options& options) {
   PacketParser parser(schedule.Joints());
   Progress progress;
   std::uint64_t sent = 0, statuses = 0, echoed = 0;
-  std::optional<std::uint64_t> awaited;  // time stamp of the command sent last, until it is echoed
+  std::uint64_t awaited = 0;  // time stamp of the command sent last, 0 once it is echoed
   std::vector<char> bytes;
   const auto listen = [&] {
     bytes.clear();
@@ -132,9 +132,9 @@ int SendCommands(const Options& options) {
     parser.Push(bytes);
     for (const RecvPacket& status : parser.Parse()) {
       ++statuses;
-      if (awaited && *awaited == status.header.hostTimestamp) {
+      if (awaited != 0 && awaited == status.header.hostTimestamp) {
         ++echoed;
-        awaited.reset();
+        awaited = 0;
       }
     }
   };
@@ -165,7 +165,7 @@ int SendCommands(const Options& options) {
     }
     // The last command's echo is on its way; a second is plenty, and a stop does not wait.
     const std::int64_t patience = MonotonicNs() + 1'000'000'000;
-    while (awaited && !StopRequested() && MonotonicNs() < patience) {
+    while (awaited != 0 && !StopRequested() && MonotonicNs() < patience) {
       WaitUntil(patience, wire.Fd(), POLLIN);
       listen();
     }

@@ -161,6 +161,7 @@ int Serve(Options options) {
       Out() << "listening on " << link << std::endl;
     }
   }
+  if (!Out()) throw Failure("cannot write to standard output");
   {
     Progress progress(server);
     server.Run(StopFd(), [&] { progress.Show(); });
