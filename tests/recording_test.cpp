@@ -125,7 +125,8 @@ TEST_F(Recording, CutAnywhereKeepsTheWholeRecords) {
       continue;
     }
     const auto complete = static_cast<std::size_t>(std::upper_bound(ends.begin(), ends.end(), size) - ends.begin() - 1);
-    for (const std::size_t zeros : {0, 1, 5000}) {  // what a file system may leave behind the cut
+    for (const std::size_t zeros :
+         {std::size_t{0}, std::size_t{1}, std::size_t{5000}}) {  // what a file system may leave behind the cut
       if (zeros != 0 && size != ends[complete]) continue;
       Put(Joined({cut, Bytes(zeros, 0)}));
       RecordingReader reader(path_);
@@ -191,7 +192,7 @@ TEST_F(Recording, LeavesAFileOfThatNameAlone) {
   Put({'x'});
   EXPECT_THROW(RecordingWriter(path_, {6, ""}, false), velta::tools::Failure);
   EXPECT_EQ(Content(), Bytes{'x'});
-  RecordingWriter(path_, {6, ""}, true);
+  const RecordingWriter replacing(path_, {6, ""}, true);
   EXPECT_EQ(Content(), HeaderBytes({6, ""}));
 }
 

@@ -129,8 +129,9 @@ class Events {
       auto& lanes = free[static_cast<std::size_t>(event.kind)];
       const auto lane = std::find_if(lanes.begin(), lanes.end(), [&](double left) { return left <= event.time; });
       if (event.text.empty() || lane == lanes.end()) continue;
-      script += Number(event.time) + ' ' + Number(event.kind + kLanes[static_cast<std::size_t>(lane - lanes.begin())]) +
-                " \"" + event.text + "\"\n";
+      script += Number(event.time) + ' ' +
+                Number(static_cast<int>(event.kind) + kLanes[static_cast<std::size_t>(lane - lanes.begin())]) + " \"" +
+                event.text + "\"\n";
       *lane = event.time + (to - from) * (static_cast<double>(event.text.size()) + 2) / kLettersAcross;
     }
   }
@@ -406,7 +407,8 @@ int Run(Options options) {
     const std::size_t dot = options.excerpt.file.rfind('.');
     const std::size_t slash = options.excerpt.file.rfind('/');
     const bool has_suffix = dot != std::string::npos && (slash == std::string::npos || dot > slash + 1);
-    options.output = options.excerpt.file.substr(0, has_suffix ? dot : std::string::npos) + ".png";
+    options.output.assign(options.excerpt.file, 0, has_suffix ? dot : std::string::npos);
+    options.output += ".png";
   }
   const std::string& output = options.output;
   const auto ends_with = [&output](const std::string& suffix) {
