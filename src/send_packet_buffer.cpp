@@ -7,17 +7,17 @@ SendPacketBuffer::SendPacketBuffer() = default;
 SendPacketBuffer::~SendPacketBuffer() = default;
 
 void SendPacketBuffer::pushBack(const SendPacket& packet) {
-  std::map<int, SendPacket> arrival;  // built before anything changes, so that a failed allocation changes nothing
   const std::lock_guard<std::mutex> lock(mutex_);
-  arrival.emplace(index_, packet);
+  const auto arrival = packet_map_.emplace_hint(packet_map_.end(), index_, packet);
   if (packet.IsUnique()) {
-    const auto [entry, is_new] = unique_key_map_.try_emplace(packet.GetUniqueKey(), index_);
-    if (!is_new) {
-      packet_map_.erase(entry->second);
-      entry->second = index_;
+    try {
+      const auto [entry, is_new] = unique_key_map_.try_emplace(packet.GetUniqueKey(), index_);
+      if (!is_new) packet_map_.erase(std::exchange(entry->second, index_));
+    } catch (...) {  // a failed allocation changes nothing
+      packet_map_.erase(arrival);
+      throw;
     }
   }
-  packet_map_.insert(packet_map_.end(), arrival.extract(arrival.begin()));
   ++index_;
 }
 
