@@ -8,7 +8,14 @@ SendPacketBuffer::~SendPacketBuffer() = default;
 
 void SendPacketBuffer::pushBack(const SendPacket& packet) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  const auto arrival = packet_map_.emplace_hint(packet_map_.end(), index_, packet);
+  const auto arrival = [&] {
+    if (spare_count_ == 0) return packet_map_.emplace_hint(packet_map_.end(), index_, packet);
+    auto& node = spare_nodes_[spare_count_ - 1];
+    node.mapped() = packet;
+    node.key() = index_;
+    --spare_count_;
+    return packet_map_.insert(packet_map_.end(), std::move(node));
+  }();
   if (packet.IsUnique()) {
     try {
       const auto [entry, is_new] = unique_key_map_.try_emplace(packet.GetUniqueKey(), index_);
@@ -30,6 +37,9 @@ void SendPacketBuffer::popAllPackets(std::unordered_map<std::string, SendPacket>
   }
   not_unique_packets.reserve(not_unique_packets.size() + packet_map_.size());
   for (auto& entry : packet_map_) not_unique_packets.push_back(std::move(entry.second));
+  while (!packet_map_.empty() && spare_count_ < spare_nodes_.size()) {
+    spare_nodes_[spare_count_++] = packet_map_.extract(packet_map_.begin());
+  }
   reset();
 }
 
