@@ -6,6 +6,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -270,6 +271,24 @@ int BareSocket::Receive(char* bytes, std::size_t size) const {
 void BareSocket::Send(const std::vector<char>& bytes) const {
   pollfd request{fd_, POLLOUT, 0};
   if (poll(&request, 1, 0) == 1) static_cast<void>(send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL));
+}
+
+int BareSocket::SelectReceive(char* bytes, std::size_t size) const {
+  fd_set set;
+  FD_ZERO(&set);
+  FD_SET(fd_, &set);
+  timeval none{};
+  return select(fd_ + 1, &set, nullptr, nullptr, &none) == 1 ? static_cast<int>(recv(fd_, bytes, size, 0)) : 0;
+}
+
+void BareSocket::SelectSend(const std::vector<char>& bytes) const {
+  fd_set set;
+  FD_ZERO(&set);
+  FD_SET(fd_, &set);
+  timeval none{};
+  if (select(fd_ + 1, nullptr, &set, nullptr, &none) == 1) {
+    static_cast<void>(send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL));
+  }
 }
 
 }  // namespace velta::bench

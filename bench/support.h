@@ -57,6 +57,8 @@ class BareSocket {
 
   int Receive(char* bytes, std::size_t size) const;  ///< poll, then recv
   void Send(const std::vector<char>& bytes) const;   ///< poll, then send
+  int SelectReceive(char* bytes, std::size_t size) const;
+  void SelectSend(const std::vector<char>& bytes) const;
 
  private:
   int fd_;

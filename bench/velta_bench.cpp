@@ -395,6 +395,22 @@ void Floor(State& state, int n) {
     peer.Drain();
   }
 }
+/// The floor of a host that waits by select.
+void FloorSelect(State& state, int n) {
+  Peer peer;
+  const BareSocket socket(peer);
+  const std::vector<char> in = StatusFrame(n), out = CommandFrame(n);
+  std::vector<char> buffer(65535);
+  Samples samples(state);
+  for (auto _ : state) {
+    peer.Send(in);
+    samples.Time([&] {
+      Require(socket.SelectReceive(buffer.data(), buffer.size()) > 0, "no frame on loopback");
+      socket.SelectSend(out);
+    });
+    peer.Drain();
+  }
+}
 void FloorWithHost(State& state, int n) {
   Peer peer;
   const BareSocket socket(peer);
@@ -799,6 +815,7 @@ const Sizes kJoints = {1, 7, 32};
 
 const std::vector<Job> kJobs = {
     {"receive + send step, TCP loopback", "n", kJoints, tcp_steps::Floor, tcp_steps::Library, 2000},
+    {"the same, floor with select", "n", kJoints, tcp_steps::FloorSelect, tcp_steps::Library, 2000},
     {"the same with the host's part", "n", kJoints, tcp_steps::FloorWithHost, tcp_steps::LibraryWithHost, 2000},
     {"40 arms in one loop, TCP loopback", "arms", {1, 40}, scaling::ArmsFloor, scaling::Arms, 200},
     {"CRC of a status frame", "n", kJoints, crc::Floor, crc::Library, 0},

@@ -50,6 +50,9 @@ class VELTA_API UniqueSendPacketMap {
 
   /// @return the first of GetNotSentKeys(), or null; without a lock either
   const std::string* FirstNotSentKey() const;
+
+  /// A key before which no key waits, or null for the first; the search begins there and starts anew where that fails.
+  mutable std::atomic<const std::string*> search_from_{nullptr};
 };
 
 #endif  // VELTA_UNIQUE_SEND_PACKET_MAP_H_

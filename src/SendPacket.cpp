@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <string_view>
 #include <utility>
 
 #include "command_frame.h"
@@ -20,11 +19,17 @@ void VisitNamedJoints(const std::string& ids, int jointNum, Visit visit) {
     for (int i = 0; i < jointNum; ++i) visit(i);
     return;
   }
-  for (std::string_view rest = ids; !rest.empty();) {
-    const std::size_t slash = std::min(rest.find('/'), rest.size());
-    const std::optional<int> id = velta::detail::ParseInt32(rest.substr(0, slash));
-    if (id && *id >= 0 && *id < jointNum) visit(*id);
-    rest.remove_prefix(std::min(slash + 1, rest.size()));
+  constexpr int kPlainDigits = 9;  // as many fit into an int, whatever they are
+  const char* const end = ids.data() + ids.size();
+  for (const char* p = ids.data(); p != end; p += p != end ? 1 : 0) {
+    const char* const token = p;
+    int id = 0;
+    for (; p != end && p - token < kPlainDigits && *p >= '0' && *p <= '9'; ++p) id = id * 10 + (*p - '0');
+    if (p == token || (p != end && *p != '/')) {
+      p = std::find(p, end, '/');
+      id = velta::detail::ParseInt32({token, static_cast<std::size_t>(p - token)}).value_or(-1);
+    }
+    if (id >= 0 && id < jointNum) visit(id);
   }
 }
 
@@ -108,7 +113,7 @@ void SendPacket::SetValue(const std::vector<int>& ids, int n, float v) {
 std::vector<int> SendPacket::ParseIDString(const std::string& ids) const {
   std::vector<int> result;
   const bool all = ids == "all";
-  result.reserve(all ? joints.size() : static_cast<std::size_t>(std::count(ids.begin(), ids.end(), '/')) + 1);
+  result.reserve(all ? joints.size() : ids.size() / 2 + 1);
   VisitNamedJoints(ids, jointNum, [&](int id) { result.push_back(id); });
   return result;
 }

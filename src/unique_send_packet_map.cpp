@@ -12,8 +12,8 @@ void UniqueSendPacketMap::Insert(const std::string& key, const SendPacket& packe
 void UniqueSendPacketMap::Place(const std::string& key, SendPacket&& packet) {
   const std::lock_guard<std::mutex> lock(*mutex_);
   bool& sent = sent_map_.try_emplace(key, true).first->second;
-  packet_map_.insert_or_assign(key, std::move(packet));
-  if (sent) ++waiting_;
+  const auto entry = packet_map_.insert_or_assign(key, std::move(packet)).first;
+  if (sent) search_from_ = waiting_++ == 0 ? &entry->first : nullptr;
   sent = false;
 }
 
@@ -39,9 +39,16 @@ std::vector<std::string> UniqueSendPacketMap::GetNotSentKeys() const {
 }
 
 const std::string* UniqueSendPacketMap::FirstNotSentKey() const {
-  if (waiting_ == 0) return nullptr;
-  for (const auto& entry : packet_map_) {
-    if (!sent_map_.at(entry.first)) return &entry.first;
+  const std::string* from = search_from_;
+  while (waiting_ != 0) {
+    for (auto entry = from != nullptr ? packet_map_.find(*from) : packet_map_.begin(); entry != packet_map_.end();
+         ++entry) {
+      if (sent_map_.at(entry->first)) continue;
+      search_from_ = &entry->first;
+      return &entry->first;
+    }
+    if (from == nullptr) break;
+    from = nullptr;
   }
   return nullptr;
 }

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <random>
 #include <set>
 #include <sstream>
 
@@ -313,6 +314,23 @@ TEST_F(Client, APacketOverridesReachPushRecvBuffer) {
   counting.ReceiveStatus();
   counting.ReceiveStatus();
   EXPECT_EQ(counting.seen, (std::set<std::uint64_t>{5, 6}));
+}
+
+TEST(Client, AlwaysSendsTheFirstWaitingKey) {
+  ScriptedClient client(1);
+  std::mt19937 random(4);
+  for (unsigned step = 0; step < 2000; ++step) {
+    for (auto fresh = random() % (step % 500 < 250 ? 4 : 2); fresh > 0; --fresh) {
+      SendPacket packet(1);
+      packet.SetUniqueKey(std::to_string(random() % (20 + step)));
+      client.InsertUniqueSendMap(packet);
+    }
+    const std::vector<std::string> waiting = client.unique_send_map_.GetNotSentKeys();
+    client.SendPacketInBuffer();
+    if (waiting.empty()) continue;
+    ASSERT_EQ(client.cur_send_packet_.GetUniqueKey(), waiting.front()) << step;
+    ASSERT_EQ(client.unique_send_map_.GetNotSentKeys().size(), waiting.size() - 1);
+  }
 }
 
 }  // namespace
