@@ -3,10 +3,10 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
-build_packages=(g++ make cmake picojson-dev libcli11-dev)
-test_packages=(libgtest-dev nlohmann-json3-dev pkg-config)
+build_packages=(g++ make cmake picojson-dev libcli11-dev libncurses-dev gnuplot-nox)
+test_packages=(libgtest-dev nlohmann-json3-dev pkg-config tmux util-linux)
 check_packages=(clang clang-format clang-tidy cppcheck)
-bench_packages=(libbenchmark-dev)
+bench_packages=(libbenchmark-dev nlohmann-json3-dev gnuplot-nox)
 package_packages=(abigail-tools dpkg-dev gzip lintian man-db)
 
 # need PACKAGE... installs the Debian packages that are missing, and nothing else.

@@ -100,38 +100,14 @@ TEST(SendPacket, CopiesAreEqualAndMovesLeaveNothingBehind) {
 
 TEST(SendPacket, ReadsIdStrings) {
   using namespace std::string_literals;
-  const std::vector<std::pair<std::string, std::vector<int>>> rows = {{"all", {0, 1, 2, 3, 4, 5}},
-                                                                      {"0/2/5", {0, 2, 5}},
-                                                                      {"5/0", {5, 0}},
-                                                                      {"2/2", {2, 2}},
-                                                                      {"1/x/3", {1, 3}},
-                                                                      {"6", {}},
-                                                                      {"-1", {}},
-                                                                      {"", {}},
-                                                                      {"All", {}},
-                                                                      {" all", {}},
-                                                                      {"all/", {}},
-                                                                      {"1//2", {1, 2}},
-                                                                      {"1/", {1}},
-                                                                      {"/1", {1}},
-                                                                      {" \t\n\v\f\r3", {3}},
-                                                                      {"2a", {2}},
-                                                                      {"a2", {}},
-                                                                      {"1-3", {1}},
-                                                                      {"+4", {4}},
-                                                                      {"-0", {0}},
-                                                                      {"-", {}},
-                                                                      {"+ 1", {}},
-                                                                      {"2147483648/1", {1}},
-                                                                      {"-2147483649/1", {1}},
-                                                                      {"99999999999999999999/2", {2}},
-                                                                      {"4294967297", {}},
-                                                                      {"00005", {5}},
-                                                                      {"0x1", {0}},
-                                                                      {"1.9", {1}},
-                                                                      {"1\0/2"s, {1, 2}},
-                                                                      {"\0001/2"s, {2}},
-                                                                      {std::string(1 << 20, '/') + "3", {3}}};
+  // clang-format off
+  const std::vector<std::pair<std::string, std::vector<int>>> rows = {
+      {"all", {0, 1, 2, 3, 4, 5}}, {"0/2/5", {0, 2, 5}}, {"5/0", {5, 0}}, {"2/2", {2, 2}}, {"1/x/3", {1, 3}}, {"6", {}},
+      {"-1", {}}, {"", {}}, {"All", {}}, {" all", {}}, {"all/", {}}, {"1//2", {1, 2}}, {"1/", {1}}, {"/1", {1}},
+      {" \t\n\v\f\r3", {3}}, {"2a", {2}}, {"a2", {}}, {"1-3", {1}}, {"+4", {4}}, {"-0", {0}}, {"-", {}}, {"+ 1", {}},
+      {"2147483648/1", {1}}, {"-2147483649/1", {1}}, {"99999999999999999999/2", {2}}, {"4294967297", {}}, {"00005", {5}},
+      {"0x1", {0}}, {"1.9", {1}}, {"1\0/2"s, {1, 2}}, {"\0001/2"s, {2}}, {std::string(1 << 20, '/') + "3", {3}}};
+  // clang-format on
   for (const auto& [ids, joints] : rows) EXPECT_EQ(SendPacket(6).ParseIDString(ids), joints) << ids.substr(0, 40);
   EXPECT_TRUE(SendPacket(-3).ParseIDString("all/0").empty());
 }
@@ -177,61 +153,41 @@ TEST_P(NamedSetter, WritesCodeAndFourValuesOfTheNamedJointsOnly) {
 }
 
 #define ROW(setter, ...)                                                               \
-  {                                                                                    \
+  SetterCase {                                                                         \
 #setter, [](SendPacket & p, const std::string& ids) { p.setter; }, { __VA_ARGS__ } \
   }
-INSTANTIATE_TEST_SUITE_P(All, NamedSetter,
-                         testing::ValuesIn(std::vector<SetterCase>{
-                             ROW(SetReset(ids), 0xA0),
-                             ROW(SetServoOff(ids), 0xA1),
-                             ROW(SetServoOn(ids), 0xA2),
-                             ROW(SetBrakeOff(ids), 0xC0),
-                             ROW(SetBrakeOn(ids), 0xC1),
-                             ROW(SetControlMode(ids, 33), 0xA3, 33),
-                             ROW(SetPositionControlMode(ids), 0xA3, 20),
-                             ROW(SetVelocityControlMode(ids), 0xA3, 1),
-                             ROW(SetCurrentControlMode(ids), 0xA3, 2),
-                             ROW(SetExternalForceFollowingControlMode(ids), 0xA3, 5),
-                             ROW(SetTrajectoryControlMode(ids), 0xA3, 0),
-                             ROW(SetOnlineTrajectoryControlMode(ids), 0xA3, 7),
-                             ROW(SetRotationFixedControlMode(ids), 0xA3, 10),
-                             ROW(SetGetSlaveEffortOffset(ids), 0xAB),
-                             ROW(SetParamKp(ids, 1), 0xB0, 1),
-                             ROW(SetParamKi(ids, 1), 0xB1, 1),
-                             ROW(SetParamKd(ids, 1), 0xB2, 1),
-                             ROW(SetParamWindupLimit(ids, 1), 0xB3, 1),
-                             ROW(SetParamVelocityOverride(ids, 1), 0xBA, 1),
-                             ROW(SetParamVelocityMax(ids, 1), 0xBB, 1),
-                             ROW(SetParamAccelerationMax(ids, 1), 0xBC, 1),
-                             ROW(SetParamJerkMax(ids, 1), 0xBD, 1),
-                             ROW(SetParamExtFFOnTrajSoftnessOverride(ids, 1), 0xBF, 80, 1),
-                             ROW(SetArbitraryParam(ids, 7, 1), 0xBF, 7, 1),
-                             ROW(SetRefCurrent(ids, 1), 0x10, 1),
-                             ROW(SetRefPosition(ids, 1), 0x11, 1),
-                             ROW(SetRefVelocity(ids, 1), 0x12, 1),
-                             ROW(SetRefPositionVelocity(ids, 1, 2), 0x1A, 1, 2),
-                             ROW(SetRefPositionVelocityAcceleration(ids, 1, 2, 3), 0x1B, 1, 2, 3),
-                             ROW(SetDynamics(ids, 1, 2, 3, 4), 0x20, 1, 2, 3, 0),
-                             ROW(SetTrajectoryViaClear(ids), 0x30),
-                             ROW(SetTrajectoryControlStart(ids), 0x35),
-                             ROW(SetTrajectoryControlCancel(ids), 0x36),
-                             ROW(SetTrajectoryP_DoubleS(ids, 1), 0x50, 1),
-                             ROW(SetTrajectoryPT_LinSpline(ids, 1, 2, true), 0x3A, 1, 2),
-                             ROW(SetTrajectoryPT_LinSpline(ids, 1, 2, false), 0x4A, 1, 2),
-                             ROW(SetTrajectoryPT_Trapezoidal(ids, 1, 2, true), 0x3B, 1, 2),
-                             ROW(SetTrajectoryPT_Trapezoidal(ids, 1, 2, false), 0x4B, 1, 2),
-                             ROW(SetTrajectoryPT_DoubleS(ids, 1, 2, true), 0x3C, 1, 2),
-                             ROW(SetTrajectoryPT_DoubleS(ids, 1, 2, false), 0x4C, 1, 2),
-                             ROW(SetTrajectoryPVT(ids, 1, 2, 3, true), 0x3D, 1, 2, 3),
-                             ROW(SetTrajectoryPVT(ids, 1, 2, 3, false), 0x4D, 1, 2, 3),
-                             ROW(SetTrajectoryPVAT(ids, 1, 2, 3, 4, true), 0x3E, 1, 2, 3, 4),
-                             ROW(SetTrajectoryPVAT(ids, 1, 2, 3, 4, false), 0x4E, 1, 2, 3, 4),
-                             ROW(SetMoveHomePosition(ids), 0xD0),
-                             ROW(SetGeneralRegisterType(ids, 1, 2), 0xE0, 1, 2)}),
-                         [](const auto& row) {
-                           return std::to_string(row.index) +
-                                  std::string(row.param.name, std::strcspn(row.param.name, "("));
-                         });
+INSTANTIATE_TEST_SUITE_P(
+    All, NamedSetter,
+    testing::Values(
+        ROW(SetReset(ids), 0xA0), ROW(SetServoOff(ids), 0xA1), ROW(SetServoOn(ids), 0xA2), ROW(SetBrakeOff(ids), 0xC0),
+        ROW(SetBrakeOn(ids), 0xC1), ROW(SetControlMode(ids, 33), 0xA3, 33), ROW(SetPositionControlMode(ids), 0xA3, 20),
+        ROW(SetVelocityControlMode(ids), 0xA3, 1), ROW(SetCurrentControlMode(ids), 0xA3, 2),
+        ROW(SetExternalForceFollowingControlMode(ids), 0xA3, 5), ROW(SetTrajectoryControlMode(ids), 0xA3, 0),
+        ROW(SetOnlineTrajectoryControlMode(ids), 0xA3, 7), ROW(SetRotationFixedControlMode(ids), 0xA3, 10),
+        ROW(SetGetSlaveEffortOffset(ids), 0xAB), ROW(SetParamKp(ids, 1), 0xB0, 1), ROW(SetParamKi(ids, 1), 0xB1, 1),
+        ROW(SetParamKd(ids, 1), 0xB2, 1), ROW(SetParamWindupLimit(ids, 1), 0xB3, 1),
+        ROW(SetParamVelocityOverride(ids, 1), 0xBA, 1), ROW(SetParamVelocityMax(ids, 1), 0xBB, 1),
+        ROW(SetParamAccelerationMax(ids, 1), 0xBC, 1), ROW(SetParamJerkMax(ids, 1), 0xBD, 1),
+        ROW(SetParamExtFFOnTrajSoftnessOverride(ids, 1), 0xBF, 80, 1), ROW(SetArbitraryParam(ids, 7, 1), 0xBF, 7, 1),
+        ROW(SetRefCurrent(ids, 1), 0x10, 1), ROW(SetRefPosition(ids, 1), 0x11, 1), ROW(SetRefVelocity(ids, 1), 0x12, 1),
+        ROW(SetRefPositionVelocity(ids, 1, 2), 0x1A, 1, 2),
+        ROW(SetRefPositionVelocityAcceleration(ids, 1, 2, 3), 0x1B, 1, 2, 3),
+        ROW(SetDynamics(ids, 1, 2, 3, 4), 0x20, 1, 2, 3, 0), ROW(SetTrajectoryViaClear(ids), 0x30),
+        ROW(SetTrajectoryControlStart(ids), 0x35), ROW(SetTrajectoryControlCancel(ids), 0x36),
+        ROW(SetTrajectoryP_DoubleS(ids, 1), 0x50, 1), ROW(SetTrajectoryPT_LinSpline(ids, 1, 2, true), 0x3A, 1, 2),
+        ROW(SetTrajectoryPT_LinSpline(ids, 1, 2, false), 0x4A, 1, 2),
+        ROW(SetTrajectoryPT_Trapezoidal(ids, 1, 2, true), 0x3B, 1, 2),
+        ROW(SetTrajectoryPT_Trapezoidal(ids, 1, 2, false), 0x4B, 1, 2),
+        ROW(SetTrajectoryPT_DoubleS(ids, 1, 2, true), 0x3C, 1, 2),
+        ROW(SetTrajectoryPT_DoubleS(ids, 1, 2, false), 0x4C, 1, 2),
+        ROW(SetTrajectoryPVT(ids, 1, 2, 3, true), 0x3D, 1, 2, 3),
+        ROW(SetTrajectoryPVT(ids, 1, 2, 3, false), 0x4D, 1, 2, 3),
+        ROW(SetTrajectoryPVAT(ids, 1, 2, 3, 4, true), 0x3E, 1, 2, 3, 4),
+        ROW(SetTrajectoryPVAT(ids, 1, 2, 3, 4, false), 0x4E, 1, 2, 3, 4), ROW(SetMoveHomePosition(ids), 0xD0),
+        ROW(SetGeneralRegisterType(ids, 1, 2), 0xE0, 1, 2)),
+    [](const auto& row) {
+      return std::to_string(row.index) + std::string(row.param.name, std::strcspn(row.param.name, "("));
+    });
 #undef ROW
 
 TEST(ArmSetter, WritesCodeAndTheNamedSlotsOfJoint0) {

@@ -13,6 +13,8 @@
 
 #include <cerrno>
 #include <cstring>
+#include <iostream>
+#include <locale>
 
 #include "UdpClient.h"
 #include "support/capture.h"
@@ -130,8 +132,15 @@ TYPED_TEST(SocketLink, CarriesBytesBothWaysWithoutWaiting) {
   EXPECT_EQ(data, (std::vector<char>{'x', 'y', 'z'}));
 }
 
+/// A host's locale that writes 65,535.
+struct GroupedThousands : std::numpunct<char> {
+  char do_thousands_sep() const override { return ','; }
+  std::string do_grouping() const override { return "\3"; }
+};
+
 TYPED_TEST(SocketLink, DeliversUpTo65534BytesAndDropsAnOverflow) {
   auto link = this->Open();
+  const std::locale before = std::cout.imbue(std::locale(std::locale::classic(), new GroupedThousands));
   for (const auto& [count, printed] : std::vector<std::pair<long, std::string>>{
            {1, ""}, {65534, ""}, {65535, this->Tag("Read", "Buffer Overflow:65535\n")}, {0, ""}, {-1, ""}}) {
     ASSERT_EQ(send(this->peer_, "x", 1, 0), 1);
@@ -142,6 +151,7 @@ TYPED_TEST(SocketLink, DeliversUpTo65534BytesAndDropsAnOverflow) {
     EXPECT_EQ(Printed([&] { EXPECT_EQ(link->Read(data), expected); }), printed);
     EXPECT_EQ(data.size(), static_cast<std::size_t>(expected));
   }
+  std::cout.imbue(before);
 }
 
 TYPED_TEST(SocketLink, BeforeInitItOnlyComplains) {

@@ -8,6 +8,8 @@
 #   text, json  behind a program that ran: its output (json without white space); other json is a command document
 #   sh     runs, with what needs root, a network or an arm replaced: a controller is simulated if `velta` was built
 #   cmake  builds the last program with the installed library
+#   python compiles
+#   none   a look at a terminal: the velta commands behind "$ " are ones that the program takes
 set -euo pipefail
 source_dir=$(realpath "$1") build_dir=$(realpath "$2")
 shift 2
@@ -78,6 +80,15 @@ run_shell() { # a block, line by line, where the line's own program has been rep
   done <"$1"
 }
 
+run_session() { # a session: status 2 is bad usage, and all others depend on what is there
+  [ -x "$velta" ] || return 0
+  local line
+  while IFS= read -r line; do
+    (cd "$work" && PATH=$work/bin:$PATH timeout 2 bash -o pipefail -c "${line#"$ "}" </dev/null >"$work/log" 2>&1) && continue
+    [ $? -ne 2 ] || { cat "$work/log" >&2; fail "bad usage: $line"; }
+  done < <(grep '^\$ velta ' "$1" | sed 's/ &$//')
+}
+
 compiler=("$@")
 cd "$source_dir"
 for page in README.md docs/*.md; do
@@ -120,6 +131,8 @@ for page in README.md docs/*.md; do
         mkdir -p "$work/project" && cp "$block" "$work/project/CMakeLists.txt" && cp "$work/move.cpp" "$work/project/"
         CXX=${compiler[0]} quietly cmake -S "$work/project" -B "$work/project/build" -Dvelta_ROOT="$prefix"
         quietly cmake --build "$work/project/build" ;;
+      python) ! command -v python3 >/dev/null || quietly python3 -m py_compile "$block" ;;
+      '') run_session "$block" ;;
       *) fail "a block of kind '$kind'" ;;
     esac
   done
