@@ -24,11 +24,14 @@ void SendPacketBuffer::pushBack(const SendPacket& packet) {
 void SendPacketBuffer::popAllPackets(std::unordered_map<std::string, SendPacket>& unique_packets,
                                      std::vector<SendPacket>& not_unique_packets) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  for (const auto& [key, number] : unique_key_map_) {
-    unique_packets.try_emplace(key, std::move(packet_map_.at(number)));
-    packet_map_.erase(number);
-  }
+  unique_packets.reserve(unique_packets.size() + unique_key_map_.size());
   not_unique_packets.reserve(not_unique_packets.size() + packet_map_.size());
+  // Key by key, so that an allocation that fails on the way leaves neither a key without its packet nor half a packet.
+  for (auto entry = unique_key_map_.begin(); entry != unique_key_map_.end(); entry = unique_key_map_.erase(entry)) {
+    const auto packet = packet_map_.find(entry->second);
+    unique_packets.try_emplace(entry->first, std::move(packet->second));
+    packet_map_.erase(packet);
+  }
   for (auto& entry : packet_map_) not_unique_packets.push_back(std::move(entry.second));
   reset();
 }
