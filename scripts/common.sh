@@ -3,7 +3,7 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
-build_packages=(g++ make cmake picojson-dev libcli11-dev)
+build_packages=(g++ make cmake picojson-dev libcli11-dev libncurses-dev gnuplot-nox)
 test_packages=(libgtest-dev nlohmann-json3-dev)
 check_packages=(clang clang-format clang-tidy cppcheck)
 bench_packages=(libbenchmark-dev)

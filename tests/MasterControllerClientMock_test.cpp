@@ -3,11 +3,15 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
+#include <array>
 #include <chrono>
 #include <cmath>
 #include <cstring>
 #include <functional>
+#include <iterator>
+#include <map>
+#include <set>
+#include <sstream>
 #include <thread>
 
 #include "support/capture.h"
@@ -27,18 +31,17 @@ bool Eventually(const std::function<bool()>& condition) {
   return true;
 }
 
-/// A simulator whose state thread has ended: a test moves it on, one 10 ms step at a time.
+/// A simulator whose state thread has ended: a test moves it on, one step at a time.
 struct Stepped : MasterControllerClientMock {
   explicit Stepped(int n) : MasterControllerClientMock(n, 1) {
     is_running_ = false;
     EXPECT_TRUE(Eventually([this] { return is_thread_finished_.load(); }));
-    cycle_ms_ = 10;
+    cycle_ms_ = 125;  // 1/8 s: sums of it are exact
   }
   using MasterControllerClientMock::cur_send_packet_;
   using MasterControllerClientMock::ManageTrajState;
   using MasterControllerClientMock::ready_to_send_;
   using MasterControllerClientMock::recv_buffer_;
-  using MasterControllerClientMock::traj_target_;
   using MasterControllerClientMock::traj_via_points_;
   using MasterControllerClientMock::TrajControlStart;
   using MasterControllerClientMock::wait_confirm_;
@@ -46,14 +49,9 @@ struct Stepped : MasterControllerClientMock {
   void Order(int order, float v1 = 0, float v2 = 0, float v3 = 0, float v4 = 0, unsigned char joint = 0) {
     ParseJointOrder(joint, static_cast<unsigned char>(order), v1, v2, v3, v4);
   }
-  void Steps(int count) {
-    for (int i = 0; i < count; ++i) ManageTrajState();
-  }
   rxJoint_t Joint(std::size_t i = 0) const { return inner_state_.joints[i]; }
   rxJoint_t& State(std::size_t i = 0) { return inner_state_.joints[i]; }
   rxHeader_t Header() const { return inner_state_.header; }
-  int Status(std::size_t i = 0) const { return inner_state_.joints[i].trjStatus; }
-  float Position(std::size_t i = 0) const { return inner_state_.joints[i].position; }
 };
 
 TEST(Simulator, StandsInForAConnectedClient) {
@@ -149,220 +147,141 @@ TEST(Simulator, SetsJointTypesByNumberAndName) {
   EXPECT_EQ(sim.Joint(2).type, 0);
 }
 
-TEST(SimulatedOrder, ReferencesActInTheirModesOnly) {
-  for (int mode = 0; mode < 25; ++mode) {
-    SCOPED_TRACE(mode);
-    Stepped sim(1);
-    sim.Order(0xA3, static_cast<float>(mode));
-    sim.Order(0x10, 1.25f);
-    sim.Order(0x12, 2.5f);
-    sim.Order(0x11, -45);
-    const rxJoint_t j = sim.Joint();
-    const bool current = mode == 2, position = mode == 20, trajectory = mode == 0 || mode == 7;
-    EXPECT_EQ(+j.refCurrent, current ? 1.25f : 0);
-    EXPECT_EQ(+j.current, current ? 1.25f : 0);
-    EXPECT_EQ(+j.refVelocity, position ? 2.5f : 0);
-    EXPECT_EQ(+j.velocity, position ? 2.5f : 0);
-    EXPECT_EQ(+j.refPosition, position ? -45.0f : 0);
-    EXPECT_EQ(+j.position, position ? -45.0f : 0);
-    ASSERT_EQ(sim.traj_via_points_[0].size(), trajectory ? 1u : 0u);
-    EXPECT_EQ(sim.Status(), trajectory ? 109 : 0);  // the servo is off
-    if (trajectory) {
-      EXPECT_EQ(sim.traj_via_points_[0][0].time, 2.5f);
+/// A story of one simulator with two joints, in statements separated by ';':
+///   A3 20      the order 0xA3 with value1 = 20 (up to four values) to the chosen joint
+///   @1         chooses the joint (0 at first)
+///   *50        50 cycles of 1/8 s
+///   !ew=99     sets a field
+///   ?pos=1.5   expects a field to be this; several may follow each other
+void Play(const std::string& story) {
+  Stepped sim(2);
+  unsigned char joint = 0;
+  std::istringstream statements(story);
+  for (std::string statement; std::getline(statements, statement, ';');) {
+    SCOPED_TRACE(statement);
+    std::istringstream words(statement);
+    std::vector<std::string> word{std::istream_iterator<std::string>(words), {}};
+    rxJoint_t& state = sim.State(joint);
+    const auto& points = sim.traj_via_points_[joint];
+    const TrajViaPoint front = points.empty() ? TrajViaPoint(-1, -1, -1, -1) : points.front();
+    // clang-format off
+    const std::map<std::string, double> fields = {
+        {"mode", state.systemMode}, {"ctrl", state.ctrlMode}, {"ew", +state.ewStatus}, {"trj", state.trjStatus},
+        {"via", +state.trjViaRemain}, {"rcur", +state.refCurrent}, {"rpos", +state.refPosition},
+        {"rvel", +state.refVelocity}, {"cur", +state.current}, {"pos", +state.position}, {"vel", +state.velocity},
+        {"g0", +state.general[0]}, {"g1", +state.general[1]}, {"g2", +state.general[2]}, {"g3", +state.general[3]},
+        {"queue", points.size()}, {"p", front.position}, {"v", front.velocity}, {"a", front.acceleration},
+        {"t", front.time}, {"clock", +sim.Header().duration}};
+    // clang-format on
+    if (word[0][0] == '@') {
+      joint = static_cast<unsigned char>(std::stoi(word[0].substr(1)));
+    } else if (word[0][0] == '*') {
+      for (int i = std::stoi(word[0].substr(1)); i > 0; --i) sim.ManageTrajState();
+    } else if (word[0][0] == '!' || word[0][0] == '?') {
+      for (const std::string& w : word) {
+        const std::string key = w.substr(1, w.find('=') - 1);
+        const double value = std::stod(w.substr(w.find('=') + 1));
+        EXPECT_TRUE(w[0] == '!' || std::fabs(fields.at(key) - value) < 0.002) << w << " is " << fields.at(key);
+        if (w[0] == '!' && key == "ew") state.ewStatus = static_cast<std::uint32_t>(value);
+        if (w[0] == '!' && key == "trj") state.trjStatus = static_cast<std::uint8_t>(value);
+        if (w[0] == '!' && key == "via") state.trjViaRemain = static_cast<std::uint16_t>(value);
+      }
+    } else {
+      std::array<float, 4> v{};
+      for (std::size_t i = 1; i < word.size(); ++i) v.at(i - 1) = std::stof(word[i]);
+      sim.Order(std::stoi(word[0], nullptr, 16), v[0], v[1], v[2], v[3], joint);
     }
   }
 }
 
-TEST(SimulatedOrder, SetsModesFaultsAndParameters) {
-  Stepped sim(1);
-  const std::vector<std::pair<float, int>> modes = {{7.9f, 7},   {-1, 255},     {300, 44},          {-0.5f, 0},
-                                                    {NAN, 0},    {INFINITY, 0}, {-INFINITY, 0},     {1e30f, 0},
-                                                    {20.0f, 20}, {65537.0f, 1}, {2147483648.0f, 0}, {256.5f, 0}};
-  for (const auto& [value, mode] : modes) {
-    sim.State().ctrlMode = 99;
-    sim.Order(0xA3, value);
-    EXPECT_EQ(sim.Joint().ctrlMode, mode) << value;
-  }
-  const std::vector<std::pair<float, unsigned>> faults = {{12.9f, 12u},          {-1, 4294967295u}, {4294967296.0f, 0u},
-                                                          {4294967808.0f, 512u}, {NAN, 0u},         {1e19f, 0u},
-                                                          {-1e19f, 0u}};
-  for (const auto& [value, word] : faults) {
-    sim.Order(0xA2);
-    sim.State().ewStatus = 99;
-    sim.Order(0xFF, value);
-    EXPECT_EQ(sim.Joint().systemMode, 3);
-    EXPECT_EQ(+sim.Joint().ewStatus, word) << value;
-  }
-  sim.State().ewStatus = 5;
-  sim.Order(0xA0);
-  EXPECT_EQ(sim.Joint().systemMode, 0);
-  EXPECT_EQ(+sim.Joint().ewStatus, 0u);
-  sim.Order(0xA2);
-  sim.State().ewStatus = 5;
-  sim.Order(0xA0);  // no fault, no effect
-  EXPECT_EQ(sim.Joint().systemMode, 2);
-  EXPECT_EQ(+sim.Joint().ewStatus, 5u);
-  sim.Order(0xA1);
-  EXPECT_EQ(sim.Joint().systemMode, 0);
-  for (int i = 0; i < 4; ++i) sim.Order(0xB0 + i, 0.25f + static_cast<float>(i));
-  for (int i = 0; i < 4; ++i) EXPECT_EQ(sim.Joint().general[i], 0.25f + static_cast<float>(i));
-}
+struct StoryCase {
+  const char* name;
+  std::string story;
+};
 
-TEST(SimulatedOrder, AppendsPointsWithTheirArguments) {
-  struct Row {
-    int order;
-    std::array<float, 4> point;
-  };
-  for (const Row& row : {Row{0x3A, {1, 0, 0, 2}}, Row{0x3B, {1, 0, 0, 2}}, Row{0x3C, {1, 0, 0, 2}},
-                         Row{0x3D, {1, 2, 0, 3}}, Row{0x3E, {1, 2, 3, 4}}, Row{0xD0, {0, 0, 0, 5}}}) {
-    Stepped sim(2);
-    sim.Order(row.order, 1, 2, 3, 4, 1);
-    ASSERT_EQ(sim.traj_via_points_[1].size(), 1u);
-    const TrajViaPoint p = sim.traj_via_points_[1][0];
-    EXPECT_EQ((std::array<float, 4>{p.position, p.velocity, p.acceleration, p.time}), row.point) << row.order;
-    EXPECT_EQ(sim.Status(1), row.order == 0xD0 ? 109 : 0);
-    sim.Order(0x30, 0, 0, 0, 0, 1);
-    EXPECT_TRUE(sim.traj_via_points_[1].empty());
-    EXPECT_EQ(sim.Status(1), 0);
-  }
-}
+class Story : public testing::TestWithParam<StoryCase> {};
+
+TEST_P(Story, IsPlayedAsTold) { Play(GetParam().story); }
+
+// clang-format off
+INSTANTIATE_TEST_SUITE_P(
+    Order, Story,
+    testing::Values(
+        StoryCase{"CurrentReferenceInCurrentMode",
+                  "A3 2; 10 1.25; ?rcur=1.25 ?cur=1.25; 11 3; 12 3; ?pos=0 ?vel=0 ?queue=0"},
+        StoryCase{"PositionAndVelocityReferenceInPositionMode",
+                  "A3 20; 10 9; ?cur=0; 11 -45; ?rpos=-45 ?pos=-45 ?queue=0 ?trj=0; 12 2.5; ?rvel=2.5 ?vel=2.5"},
+        StoryCase{"PositionReferenceQueuesInTrajectoryMode",
+                  "11 -45; ?pos=0 ?rpos=0 ?queue=1 ?p=-45 ?v=0 ?a=0 ?t=2.5 ?trj=109"},
+        StoryCase{"PositionReferenceQueuesInOnlineTrajectoryMode",
+                  "A3 7; A2; 11 90; ?queue=1 ?t=5 ?trj=1; 12 1; ?vel=0"},
+        StoryCase{"NoReferenceInVelocityMode", "A3 1; 10 9; 11 9; 12 9; ?cur=0 ?pos=0 ?vel=0 ?rvel=0 ?queue=0 ?trj=0"},
+        StoryCase{"DistanceIsMeasuredFromHere", "A3 20; 11 90; A3 0; 11 -90; ?t=10; 11 90; ?queue=2"},
+        StoryCase{"ModeNumbersAreTruncated",
+                  "A3 7.9; ?ctrl=7; A3 -1; ?ctrl=255; A3 300; ?ctrl=44; A3 -0.5; ?ctrl=0; A3 65537; ?ctrl=1; A3 256.5; "
+                  "?ctrl=0"},
+        StoryCase{"ModeNumbersThatNoIntegerHoldsAreZero",
+                  "A3 9; A3 nan; ?ctrl=0; A3 9; A3 inf; ?ctrl=0; A3 9; A3 -inf; ?ctrl=0; A3 9; A3 1e30; ?ctrl=0; A3 "
+                  "2147483648; ?ctrl=0"},
+        StoryCase{"FaultWordsAreTruncated",
+                  "A2; FF 12.9; ?mode=3 ?ew=12; FF -1; ?ew=4294967295; FF 4294967296; ?ew=0; FF 4294967808; ?ew=512; "
+                  "FF nan; ?ew=0; FF 5; FF 1e19; ?ew=0; FF 5; FF -1e19; ?ew=0"},
+        StoryCase{"ResetEndsAFaultAlone", "A2; !ew=5; A0; ?mode=2 ?ew=5; FF 7; A0; ?mode=0 ?ew=0; A2; A1; ?mode=0"},
+        StoryCase{"ParametersGoToTheGeneralRegisters",
+                  "B0 1; B1 2; B2 3; B3 4; ?g0=1 ?g1=2 ?g2=3 ?g3=4; @1; ?g0=0 ?g3=0"},
+        StoryCase{"PositionTimePoints",
+                  "3A 1 2 3 4; ?p=1 ?v=0 ?a=0 ?t=2; 30; 3B 1 2 3 4; ?p=1 ?v=0 ?a=0 ?t=2; 30; 3C 1 2 3 4; ?p=1 ?v=0 "
+                  "?a=0 ?t=2; 3C 9; ?queue=2 ?p=1 ?trj=0; @1; ?queue=0"},
+        StoryCase{"PointsWithVelocityAndAcceleration",
+                  "@1; 3D 1 2 3 4; ?p=1 ?v=2 ?a=0 ?t=3; 30; 3E 1 2 3 4; ?p=1 ?v=2 ?a=3 ?t=4"},
+        StoryCase{"HomeIsReachedAt5s", "D0 9 9 9 9; ?queue=1 ?p=0 ?v=0 ?a=0 ?t=5 ?trj=109; A2; D0; ?queue=2 ?trj=1"},
+        StoryCase{"ViaClearResetsLettersAlone",
+                  "3A 1 1; !trj=99; 30; ?queue=0 ?trj=99; !trj=100; 30; ?trj=0; !trj=255; 30; ?trj=0"}),
+    [](const auto& row) { return row.param.name; });
+// clang-format on
+
+// clang-format off
+INSTANTIATE_TEST_SUITE_P(
+    Trajectory, Story,
+    testing::Values(
+        StoryCase{"MovesLinearlyAndFinishes",  // 9 units take 0.5 s
+                  "A2; 11 9; ?trj=1; *1; ?trj=2 ?via=1 ?pos=0; *1; ?pos=2.25 ?rpos=2.25 ?via=0; *2; ?pos=6.75 ?trj=2; "
+                  "*1; ?pos=9 ?rpos=9 ?trj=3 ?clock=0.5; *1; ?trj=4 ?rvel=0; *5; ?trj=4 ?pos=9 ?clock=0.5"},
+        StoryCase{"PlaysItsPointsOnOneClock",  // a change of segment takes a cycle in which the clock rests
+                  "A2; 3D 10 1 1; 3D 20 2 2; 3D 30 3 3; 35; *5; ?pos=5 ?rvel=0.5 ?via=2 ?trj=2; *4; ?pos=10 ?trj=3; "
+                  "*1; ?trj=2 ?clock=1; *4; ?pos=15 ?rvel=1.5 ?via=1; *4; ?pos=20 ?trj=3; *5; ?pos=25 ?via=0; "
+                  "*4; ?pos=30 ?trj=3; *1; ?trj=4 ?rvel=0 ?clock=3"},
+        StoryCase{"ASegmentInThePastTakesOneCycle",
+                  "A2; 3A 50 0.5; 3A 60 0.2; 35; *5; ?pos=50 ?trj=3; *1; ?trj=2; *1; ?pos=60 ?trj=3 ?clock=0.625"},
+        StoryCase{"AStartOnOneJointResetsTheClockOfAll",
+                  "A2; 3A 100 2; @1; A2; 3A 100 2; @0; 35; *9; ?pos=50; @1; 35; *2; ?pos=6.25; @0; ?pos=6.25; "
+                  "*7; ?pos=50 ?clock=1"},
+        StoryCase{"AStartWhileMovingBeginsHere",
+                  "A2; 3A 10 1; 35; *5; ?pos=5; 3A 0 1; 35; *1; ?trj=2 ?clock=0 ?pos=5; *4; ?pos=2.5"},
+        StoryCase{"StartsAreRefused",
+                  "35; ?trj=109; A2; 35; ?trj=102; !trj=1; *1; ?trj=102; !via=1; 35; ?trj=1; *1; ?trj=102"},
+        StoryCase{"ServoOffInterrupts",
+                  "A2; 3A 10 1; 3A 20 2; 35; *3; ?pos=2.5; A1; *3; ?trj=111 ?pos=2.5 ?queue=1 ?via=1; 30; ?trj=0"},
+        StoryCase{"ServoOffLeavesOtherStatesAlone", "A2; 3A 10 1; 35; A1; *1; ?trj=1 ?queue=1; A2; *1; ?trj=2"},
+        StoryCase{"CancelEmptiesTheQueue",
+                  "A2; 3A 10 1; 3A 20 2; 35; *3; 36; ?trj=5 ?queue=1; *1; ?trj=6 ?queue=0; *3; ?trj=6 ?pos=2.5"}),
+    [](const auto& row) { return row.param.name; });
+// clang-format on
 
 TEST(SimulatedOrder, IgnoresEveryOtherCode) {
-  const std::vector<int> known = {0x10, 0x11, 0x12, 0x30, 0x35, 0x36, 0x3A, 0x3B, 0x3C, 0x3D, 0x3E,
-                                  0xA0, 0xA1, 0xA2, 0xA3, 0xB0, 0xB1, 0xB2, 0xB3, 0xD0, 0xFF};
+  const std::set<int> known = {0x10, 0x11, 0x12, 0x30, 0x35, 0x36, 0x3A, 0x3B, 0x3C, 0x3D, 0x3E,
+                               0xA0, 0xA1, 0xA2, 0xA3, 0xB0, 0xB1, 0xB2, 0xB3, 0xD0, 0xFF};
   Stepped sim(1);
   sim.State().systemMode = 3;
   sim.State().trjStatus = 100;
   const rxJoint_t before = sim.Joint();
   for (int code = 0; code < 256; ++code) {
-    if (std::find(known.begin(), known.end(), code) != known.end()) continue;
+    if (known.count(code) != 0) continue;
     sim.Order(code, 1, 2, 3, 4);
     const rxJoint_t after = sim.Joint();
     ASSERT_EQ(std::memcmp(&before, &after, sizeof before), 0) << code;
     ASSERT_TRUE(sim.traj_via_points_[0].empty()) << code;
   }
-  sim.Order(0x30);
-  EXPECT_EQ(sim.Status(), 0);
-  sim.State().trjStatus = 99;
-  sim.Order(0x30);
-  EXPECT_EQ(sim.Status(), 99);
-}
-
-TEST(SimulatedTrajectory, MovesLinearlyAndFinishes) {
-  Stepped sim(1);
-  sim.Order(0xA2);
-  sim.Order(0x11, 9);  // 0.5 s
-  EXPECT_EQ(sim.Status(), 1);
-  sim.Steps(1);
-  EXPECT_EQ(sim.Status(), 2);
-  EXPECT_EQ(+sim.Joint().trjViaRemain, 1);  // counted before the point was taken
-  EXPECT_EQ(sim.Position(), 0);
-  for (int i = 1; i < 50; ++i) {
-    sim.Steps(1);
-    ASSERT_NEAR(sim.Position(), 0.18f * static_cast<float>(i), 1e-4f);
-    ASSERT_EQ(+sim.Joint().refPosition, sim.Position());
-  }
-  EXPECT_EQ(+sim.Joint().trjViaRemain, 0);
-  for (int i = 0; sim.Status() == 2 && i < 3; ++i) sim.Steps(1);
-  EXPECT_EQ(sim.Status(), 3);
-  EXPECT_EQ(sim.Position(), 9);
-  sim.Steps(1);
-  EXPECT_EQ(sim.Status(), 4);
-  sim.Steps(5);
-  EXPECT_EQ(sim.Status(), 4);
-  EXPECT_NEAR(sim.Header().duration, 0.5f, 0.011f);
-}
-
-TEST(SimulatedTrajectory, PlaysItsPointsOnOneClock) {
-  Stepped sim(1);
-  sim.Order(0xA2);
-  for (const float t : {1.0f, 2.0f, 3.0f}) sim.Order(0x3D, 10 * t, t, t);
-  sim.Order(0x35);
-  sim.Steps(1 + 50);
-  EXPECT_NEAR(sim.Position(), 5, 0.01);
-  EXPECT_NEAR(sim.Joint().refVelocity, 0.5f, 0.01);
-  EXPECT_EQ(+sim.Joint().trjViaRemain, 2);
-  sim.Steps(101);  // the change of segment takes a cycle in which the clock rests
-  EXPECT_NEAR(sim.Position(), 15, 0.11);
-  EXPECT_NEAR(sim.Joint().refVelocity, 1.5f, 0.011);
-  EXPECT_EQ(+sim.Joint().trjViaRemain, 1);
-  for (int i = 0; i < 200 && sim.Status() != 4; ++i) sim.Steps(1);
-  EXPECT_EQ(sim.Status(), 4);
-  EXPECT_EQ(sim.Position(), 30);
-  EXPECT_EQ(+sim.Joint().refVelocity, 0);
-  EXPECT_NEAR(sim.Header().duration, 3, 0.011);
-
-  sim.Order(0x3A, 50, 0.5f);  // clock back to 0 with the start
-  sim.Order(0x3A, 60, 0.2f);  // already past when its turn comes: reached in one cycle
-  sim.Order(0x35);
-  for (int i = 0; i < 70 && sim.Position() != 60; ++i) sim.Steps(1);
-  EXPECT_EQ(sim.Position(), 60);
-  EXPECT_NEAR(sim.Header().duration, 0.51f, 0.011);
-}
-
-TEST(SimulatedTrajectory, AStartOnOneJointResetsTheClockOfAll) {
-  Stepped sim(2);
-  for (unsigned char joint = 0; joint < 2; ++joint) {
-    sim.Order(0xA2, 0, 0, 0, 0, joint);
-    sim.Order(0x3A, 100, 1, 0, 0, joint);
-  }
-  sim.Order(0x35);
-  sim.Steps(1 + 60);
-  EXPECT_NEAR(sim.Position(0), 60, 0.1);
-  sim.Order(0x35, 0, 0, 0, 0, 1);
-  sim.Steps(2);  // joint 0 moved on before joint 1 reset the clock, then jumps back with it
-  EXPECT_NEAR(sim.Position(0), 1, 0.1);
-  EXPECT_NEAR(sim.Position(1), 1, 0.1);
-  sim.Steps(10);  // the clock advances once per cycle, not once per joint
-  EXPECT_NEAR(sim.Header().duration, 0.11f, 0.001);
-
-  sim.Order(0x3A, 0, 1);
-  sim.Order(0x35);  // again while moving: a fresh segment from here
-  sim.Steps(1);
-  EXPECT_EQ(sim.Status(0), 2);
-  EXPECT_EQ(+sim.Header().duration, 0.01f);  // reset by joint 0, then advanced by joint 1 in the same cycle
-  EXPECT_NEAR(sim.Position(0), 11, 0.1);
-  sim.Steps(50);
-  EXPECT_NEAR(sim.Position(0), 11 * (1 - 0.51), 0.1);
-}
-
-TEST(SimulatedTrajectory, RefusalsInterruptionsAndCancels) {
-  Stepped sim(1);
-  sim.Order(0x35);
-  EXPECT_EQ(sim.Status(), 109);
-  sim.Order(0xA2);
-  sim.Order(0x35);
-  EXPECT_EQ(sim.Status(), 102);
-  sim.State().trjStatus = 1;
-  sim.Steps(1);
-  EXPECT_EQ(sim.Status(), 102);
-  sim.State().trjViaRemain = 1;  // as counted in the last cycle, though the queue is empty
-  sim.Order(0x35);
-  EXPECT_EQ(sim.Status(), 1);
-  sim.Steps(1);
-
-  sim.Order(0x3A, 10, 1);
-  sim.Order(0x3A, 20, 2);
-  sim.Order(0x35);
-  sim.Steps(20);
-  const float there = sim.Position();
-  EXPECT_GT(there, 0);
-  sim.Order(0xA1);
-  sim.Steps(3);
-  EXPECT_EQ(sim.Status(), 111);
-  EXPECT_EQ(sim.Position(), there);
-  EXPECT_EQ(sim.traj_via_points_[0].size(), 1u);
-
-  sim.Order(0xA2);
-  sim.Order(0x35);
-  sim.Order(0x3A, 30, 3);
-  sim.Steps(5);
-  EXPECT_EQ(sim.Status(), 2);
-  sim.Order(0x36);
-  EXPECT_EQ(sim.Status(), 5);
-  sim.Steps(1);
-  EXPECT_EQ(sim.Status(), 6);
-  EXPECT_TRUE(sim.traj_via_points_[0].empty());
 }
 
 TEST(StateThread, AdvancesTimeTrajectoryAndVelocity) {

@@ -1,0 +1,67 @@
+// SPDX-License-Identifier: MIT
+#ifndef VELTA_TOOLS_COMMAND_H_
+#define VELTA_TOOLS_COMMAND_H_
+
+#include <functional>
+#include <iosfwd>
+#include <stdexcept>
+
+#include "link.h"
+
+namespace CLI {
+class App;
+class Option;
+}  // namespace CLI
+
+/// What the subcommands of `velta` share.
+namespace velta::tools {
+
+/// What a subcommand does once its options are read; the result is the exit status. Throws Failure and UsageError.
+using Action = std::function<int()>;
+
+/// A failure of the job: "velta: <text>" on standard error, exit status 1.
+struct Failure : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+/// Bad usage: "velta: <text>" on standard error, exit status 2. May also be thrown while options are read.
+struct UsageError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+/// Joints that one status frame can carry in a datagram (79 n + 24 bytes).
+inline constexpr int kMaxJoints = 828;
+
+/// @name Subcommands
+/// Each adds its options to app, and sets action when the user chose it.
+/// @{
+void AddSim(CLI::App& app, Action& action);
+void AddMonitor(CLI::App& app, Action& action);
+void AddRecord(CLI::App& app, Action& action);
+void AddConvert(CLI::App& app, Action& action);
+void AddPlot(CLI::App& app, Action& action);
+void AddPlay(CLI::App& app, Action& action);
+void AddSend(CLI::App& app, Action& action);
+void AddPing(CLI::App& app, Action& action);
+void AddDoctor(CLI::App& app, Action& action);
+/// @}
+
+/// Adds the required `-n,--joints N`, 1 to kMaxJoints. joints must live as long as command.
+CLI::Option* AddJointsOption(CLI::App& command, int& joints);
+
+/// Adds the required positional LINK. link must live as long as command.
+CLI::Option* AddLinkArgument(CLI::App& command, Link& link);
+
+/// The tool's own standard output. std::cout belongs to the library's log lines, which go nowhere, or to standard error
+/// with --verbose, so that what the tool prints stays machine-readable.
+std::ostream& Out();
+
+/// Gives std::cout to the library's log lines; Out() keeps the real standard output. Called once, before anything else.
+void SeparateOutput();
+
+/// Lets the library's log lines appear on standard error.
+void ShowLibraryLog();
+
+}  // namespace velta::tools
+
+#endif  // VELTA_TOOLS_COMMAND_H_

@@ -1,0 +1,432 @@
+// SPDX-License-Identifier: MIT
+#include <curses.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <limits>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "MasterControllerClient.h"
+#include "SendPacket.h"
+#include "command.h"
+#include "link.h"
+#include "monitor_model.h"
+#include "relay.h"
+#include "stop.h"
+#include "timing.h"
+#include "wire.h"
+
+namespace velta::tools {
+
+namespace {
+
+constexpr std::int64_t kMs = 1'000'000;
+constexpr std::int64_t kSecond = 1000 * kMs;
+
+struct MonitorOptions {
+  Link link;
+  std::string via;
+  int joints = 0;
+  int poll_ms = 100;
+  double seconds = 0;
+  std::int64_t count = 0;
+  bool json = false;
+};
+
+/// The screen: draws a model, and keeps what the keys select.
+class Screen {
+ public:
+  explicit Screen(std::string title) : title_(std::move(title)) {
+    terminal_ = newterm(nullptr, stdout, stdin);
+    if (terminal_ == nullptr) {
+      const char* name = std::getenv("TERM");
+      throw Failure("cannot draw on this terminal (TERM=" + std::string(name != nullptr ? name : "") +
+                    "); with the output piped, velta monitor prints lines");
+    }
+    cbreak();
+    noecho();
+    nodelay(stdscr, TRUE);
+    keypad(stdscr, TRUE);
+    set_escdelay(25);
+    curs_set(0);
+    if (has_colors()) {
+      start_color();
+      use_default_colors();
+      init_pair(kFault, COLOR_RED, -1);
+      init_pair(kChanged, COLOR_YELLOW, -1);
+    }
+  }
+  Screen(const Screen&) = delete;
+  Screen& operator=(const Screen&) = delete;
+  ~Screen() {
+    endwin();
+    delscreen(terminal_);
+  }
+
+  /// Takes the keys that were pressed. @return false to quit
+  bool TakeKeys(const MonitorModel& model) {
+    for (int key = getch(); key != ERR; key = getch()) {
+      if (key == 'q' || key == 'Q') return false;
+      if (key == 'p' || key == ' ') {
+        frozen_ = frozen_ ? std::nullopt : std::optional(model);
+        frozen_at_ = MonotonicNs();
+      }
+      if (key >= '1' && key < '1' + static_cast<int>(hidden_.size())) {
+        bool& hidden = hidden_[static_cast<std::size_t>(key - '1')];
+        hidden = !hidden;
+      }
+      if (key == KEY_DOWN && joint_ + 1 < model.Joints()) ++joint_;
+      if (key == KEY_UP && joint_ > 0) --joint_;
+    }
+    return true;
+  }
+
+  /// @param trouble  shown in place of the traffic; empty when the link works
+  void Draw(const MonitorModel& live, const std::string& trouble) {
+    const MonitorModel& model = frozen_ ? *frozen_ : live;
+    const std::int64_t now = frozen_ ? frozen_at_ : MonotonicNs();
+    erase();
+    const int height = getmaxy(stdscr);
+    Put(0, 0, title_ + (frozen_ ? "  PAUSED" : ""), A_BOLD);
+    if (trouble.empty()) {
+      Put(1, 0, model.Traffic(now), 0);
+    } else {
+      Put(1, 0, trouble, Colour(kFault));
+    }
+    // With many joints or few lines the joints scroll, so that the chosen one is seen and a history remains.
+    constexpr int kFirstRow = 4;
+    const int joints = static_cast<int>(model.Joints());
+    const int rows = std::min(joints, std::max({height - 12, std::min(3, height - 5), 1}));
+    const int first = std::clamp(static_cast<int>(joint_) - rows / 2, 0, joints - rows);
+    const Columns columns = Fitting();
+    DrawTitles(kFirstRow - 1, columns);
+    for (int i = 0; i < rows; ++i) {
+      const auto joint = static_cast<std::size_t>(first + i);
+      DrawJoint(kFirstRow + i, joint, model.Row(joint, now), columns);
+    }
+    int line = kFirstRow + rows + 1;
+    const auto width = static_cast<std::size_t>(std::max(getmaxx(stdscr), 1));
+    const auto lines = static_cast<std::size_t>(std::clamp(height - line - 2, 1, 16));
+    for (const std::string& text : model.History(joint_, width, lines)) {
+      if (line < height - 1) Put(line++, 0, text, 0);
+    }
+    Put(height - 1, 0, "q quit  p pause  1-9 columns  up/down joint  * changed  ! fault", A_REVERSE);
+    refresh();
+  }
+
+ private:
+  using Columns = std::vector<std::size_t>;
+
+  static constexpr int kFirstColumn = 6;
+
+  enum Pair : short { kFault = 1, kChanged = 2 };
+
+  static attr_t Colour(Pair pair) { return A_BOLD | (has_colors() ? static_cast<attr_t>(COLOR_PAIR(pair)) : 0); }
+
+  static void Put(int y, int x, const std::string& text, attr_t attributes) {
+    const int width = getmaxx(stdscr);
+    if (y < 0 || y >= getmaxy(stdscr) || x >= width) return;
+    attrset(static_cast<int>(attributes));
+    mvaddnstr(y, x, text.c_str(), width - x);
+    attrset(A_NORMAL);
+  }
+
+  /// @return the columns that are not hidden; on a narrow screen the ones that tell least give way
+  Columns Fitting() const {
+    auto hidden = hidden_;
+    const auto width = [&hidden] {
+      int sum = kFirstColumn;
+      for (std::size_t i = 0; i < hidden.size(); ++i) sum += hidden[i] ? 0 : MonitorModel::kColumns[i].width + 1;
+      return sum;
+    };
+    for (const std::size_t least : {3, 2, 4, 1, 6}) {
+      if (width() > getmaxx(stdscr)) hidden[least] = true;
+    }
+    Columns columns;
+    for (std::size_t i = 0; i < hidden.size(); ++i) {
+      if (!hidden[i]) columns.push_back(i);
+    }
+    return columns;
+  }
+
+  static void DrawTitles(int y, const Columns& columns) {
+    int x = kFirstColumn;
+    Put(y, 0, "joint", A_UNDERLINE);
+    for (const std::size_t column : columns) {
+      const MonitorModel::Column& shape = MonitorModel::kColumns[column];
+      Put(y, x, Padded(shape.title, shape.width), A_UNDERLINE);
+      x += shape.width + 1;
+    }
+  }
+
+  void DrawJoint(int y, std::size_t joint, const std::vector<MonitorModel::Cell>& row, const Columns& columns) const {
+    const bool fault = std::any_of(row.begin(), row.end(), [](const MonitorModel::Cell& cell) { return cell.fault; });
+    Put(y, 0, (joint == joint_ ? ">" : " ") + std::to_string(joint) + (fault ? "!" : ""), fault ? Colour(kFault) : 0);
+    int x = kFirstColumn;
+    for (const std::size_t column : columns) {
+      const MonitorModel::Cell& cell = row[column];
+      const int width = MonitorModel::kColumns[column].width;
+      Put(y, x, Padded(cell.text, width) + (cell.changed ? "*" : " "),
+          cell.fault ? Colour(kFault) : (cell.changed ? Colour(kChanged) : 0));
+      x += width + 1;
+    }
+  }
+
+  static std::string Padded(const std::string& text, int width) {
+    const auto wanted = static_cast<std::size_t>(width);
+    return text.size() < wanted ? std::string(wanted - text.size(), ' ') + text : text.substr(0, wanted);
+  }
+
+  std::string title_;
+  SCREEN* terminal_;
+  std::array<bool, MonitorModel::kColumns.size()> hidden_{};
+  std::size_t joint_ = 0;
+  std::optional<MonitorModel> frozen_;
+  std::int64_t frozen_at_ = 0;
+};
+
+/// Where statuses come from: the controller's own link, or what passes between it and its host.
+class Source {
+ public:
+  virtual ~Source() = default;
+
+  /// Waits until something came, at the latest until the deadline or until `wake` is readable, and gives it to the
+  /// model.
+  virtual void Step(std::int64_t deadline_ns, int wake) = 0;
+
+  /// @return what is wrong now; empty when nothing is
+  virtual std::string Trouble() const = 0;
+};
+
+class OwnLink : public Source {
+ public:
+  /// @param keep_trying  whether a lost link is opened again, else it is a WireError
+  OwnLink(const MonitorOptions& options, MonitorModel& model, bool keep_trying)
+      : options_(options), model_(model), keep_trying_(keep_trying), wire_(std::make_unique<Wire>(options.link)) {}
+
+  void Step(std::int64_t deadline_ns, int wake) override {
+    if (options_.poll_ms > 0) deadline_ns = std::min(deadline_ns, NextQuestion());
+    Wait(deadline_ns, wake);
+    try {
+      if (!wire_) Reopen();
+      if (wire_) Receive();
+    } catch (const WireError& error) {
+      if (!keep_trying_) throw;
+      wire_.reset();
+      trouble_ = std::string(error.what()) + "; trying again";
+      next_try_ = MonotonicNs() + kSecond;
+    }
+  }
+
+  std::string Trouble() const override { return trouble_; }
+
+ private:
+  std::int64_t NextQuestion() const { return std::max(heard_at_, asked_at_) + options_.poll_ms * kMs; }
+
+  void Wait(std::int64_t deadline_ns, int wake) const {
+    const std::int64_t left = std::max<std::int64_t>(deadline_ns - MonotonicNs(), 0);
+    const timespec timeout{left / kSecond, left % kSecond};
+    pollfd polled[] = {{wire_ ? wire_->Fd() : -1, POLLIN, 0}, {StopFd(), POLLIN, 0}, {wake, POLLIN, 0}};
+    ppoll(polled, 3, &timeout, nullptr);
+  }
+
+  void Reopen() {
+    asked_at_ = MonotonicNs();
+    if (asked_at_ < next_try_) return;
+    wire_ = std::make_unique<Wire>(options_.link, 50);  // shortly: the keys wait meanwhile
+    model_.Restart();
+    trouble_.clear();
+  }
+
+  /// Takes in what has arrived; asks with a command that commands nothing when the controller is silent.
+  void Receive() {
+    std::vector<char> bytes;
+    wire_->Read(bytes);
+    const std::int64_t now = MonotonicNs();
+    if (!bytes.empty()) heard_at_ = now;
+    model_.Take(std::move(bytes), now);
+    if (options_.poll_ms == 0 || now < NextQuestion()) return;
+    asked_at_ = now;
+    wire_->Write(SendPacket(options_.joints).GetCharVector());
+  }
+
+  const MonitorOptions& options_;
+  MonitorModel& model_;
+  bool keep_trying_;
+  std::unique_ptr<Wire> wire_;  ///< none while the link is lost
+  std::string trouble_;
+  std::int64_t heard_at_ = MonotonicNs();
+  std::int64_t asked_at_ = 0;
+  std::int64_t next_try_ = 0;
+};
+
+class Listener : public Source {
+ public:
+  Listener(const MonitorOptions& options, MonitorModel& model)
+      : model_(model),
+        relay_(
+            ParseLink(options.via), options.link,
+            {[this](const Passage& passage) { Take(passage); }, [this](const std::string& why) { trouble_ = why; }}) {}
+
+  const Link& Address() const { return relay_.Address(); }
+
+  void Step(std::int64_t deadline_ns, int wake) override {
+    const std::int64_t left = std::max<std::int64_t>(deadline_ns - MonotonicNs(), 0);
+    relay_.Step(static_cast<int>((left + kMs - 1) / kMs), {StopFd(), wake});
+  }
+
+  std::string Trouble() const override {
+    if (!trouble_.empty()) return trouble_;
+    return relay_.Connected() ? "" : "waiting for the host on " + ToString(relay_.Address());
+  }
+
+ private:
+  void Take(const Passage& passage) {
+    if (passage.event == LinkEvent::kOpened) {
+      model_.Restart();
+      trouble_.clear();
+    }
+    if (passage.event != LinkEvent::kToHost) return;
+    model_.Take({passage.bytes, passage.bytes + passage.size}, static_cast<std::int64_t>(passage.monotonic_ns));
+  }
+
+  MonitorModel& model_;
+  std::string trouble_;
+  Relay relay_;
+};
+
+class Monitor {
+ public:
+  explicit Monitor(const MonitorOptions& options)
+      : options_(options), model_(options.joints), documents_(options.joints) {
+    if (options_.json) model_.OnStatus([this](const RecvPacket& status) { documents_.PushRecvBuffer(status); });
+  }
+
+  int Run() {
+    const bool on_screen = !options_.json && isatty(STDOUT_FILENO) == 1 && isatty(STDIN_FILENO) == 1;
+    if (options_.via.empty()) {
+      source_ = std::make_unique<OwnLink>(options_, model_, on_screen);
+    } else {
+      auto listener = std::make_unique<Listener>(options_, model_);
+      if (!on_screen) std::cerr << "listening on " << ToString(listener->Address()) << std::endl;
+      source_ = std::move(listener);
+    }
+    const std::int64_t start = MonotonicNs();
+    end_ = options_.seconds > 0 ? start + static_cast<std::int64_t>(options_.seconds * 1e9)
+                                : std::numeric_limits<std::int64_t>::max();
+    std::string lost;
+    try {
+      if (on_screen) {
+        RunScreen();
+      } else {
+        RunLines();
+      }
+    } catch (const WireError& error) {
+      if (!StopRequested()) lost = error.what();
+    }
+    const auto seconds = static_cast<double>(MonotonicNs() - start) / 1e9;
+    (options_.json ? std::cerr : Out()) << "watched for " << Fixed(seconds, 1)
+                                        << " s: " << model_.Traffic(MonotonicNs()) << std::endl;
+    if (!lost.empty()) throw Failure(lost);
+    return model_.HasStatus() || StopRequested() || left_ ? 0 : 1;
+  }
+
+ private:
+  bool Done() const {
+    return StopRequested() || MonotonicNs() >= end_ || (options_.count > 0 && model_.Statuses() >= options_.count);
+  }
+
+  void RunLines() {
+    std::int64_t next = MonotonicNs() + kSecond;
+    while (!Done()) {
+      source_->Step(std::min(next, end_), -1);
+      PrintDocuments();
+      if (options_.json || MonotonicNs() < next) continue;
+      const std::string trouble = source_->Trouble();
+      Out() << (trouble.empty() ? model_.Line(MonotonicNs()) : trouble) << std::endl;
+      next += kSecond;
+    }
+  }
+
+  void PrintDocuments() {
+    if (documents_.GetRecvBufferSize() == 0) return;
+    for (const std::string& document : documents_.GetCurStateJson()) {
+      if (options_.count > 0 && printed_ >= options_.count) return;
+      Out() << document << '\n';
+      ++printed_;
+    }
+    if (!Out().flush()) throw Failure("cannot write to standard output");
+  }
+
+  void RunScreen() {
+    Screen screen("velta monitor  " + ToString(options_.link) + "  " + std::to_string(options_.joints) + " joints");
+    std::int64_t next_draw = 0;
+    while (!Done() && !left_) {
+      if (MonotonicNs() >= next_draw) {
+        screen.Draw(model_, source_->Trouble());
+        next_draw = MonotonicNs() + 100 * kMs;
+      }
+      source_->Step(std::min(next_draw, end_), STDIN_FILENO);
+      pollfd terminal{STDIN_FILENO, POLLIN, 0};
+      const bool gone = poll(&terminal, 1, 0) > 0 && (terminal.revents & (POLLHUP | POLLERR)) != 0;
+      left_ = gone || !screen.TakeKeys(model_);
+    }
+  }
+
+  const MonitorOptions& options_;
+  MonitorModel model_;
+  MasterControllerClient documents_;  ///< never opened: it turns statuses into documents
+  std::unique_ptr<Source> source_;
+  std::int64_t end_ = 0;
+  std::int64_t printed_ = 0;
+  bool left_ = false;  ///< by the key, or with the terminal
+};
+
+}  // namespace
+
+void AddMonitor(CLI::App& app, Action& action) {
+  CLI::App& command = *app.add_subcommand("monitor", "Watch the joints live");
+  static MonitorOptions options;
+  AddLinkArgument(command, options.link);
+  AddJointsOption(command, options.joints);
+  command
+      .add_option("--via", options.via,
+                  "Listen here for the host and pass everything on, instead of asking the controller")
+      ->option_text("ENDPOINT");
+  command
+      .add_option("--poll-ms", options.poll_ms,
+                  "Silence after which an idle command asks for a status (100); 0 never asks")
+      ->check(CLI::Range(0, 60'000))
+      ->option_text("MS");
+  command.add_option("--seconds", options.seconds, "End after this time")
+      ->check(CLI::Range(0.001, 1e9))
+      ->option_text("S");
+  command.add_option("-c,--count", options.count, "End after this many statuses")
+      ->check(CLI::PositiveNumber)
+      ->option_text("N");
+  command.add_flag("--json", options.json, "Print each status as one JSON document in a line");
+  command.footer(
+      "On a terminal it draws a screen; its last line names the keys. Otherwise it prints a line per second.\n"
+      "Examples: velta monitor -n 6 tcp://192.168.0.10:5000\n"
+      "          velta monitor -n 6 tcp://192.168.0.10:5000 --via tcp://0.0.0.0:5000   (and point the host here)");
+  command.callback([&action] {
+    action = [] {
+      InstallStopHandler();
+      return Monitor(options).Run();
+    };
+  });
+}
+
+}  // namespace velta::tools

@@ -1,0 +1,140 @@
+// SPDX-License-Identifier: MIT
+#include "monitor_model.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <utility>
+
+#include "status_words.h"
+
+namespace velta::tools {
+
+namespace {
+
+constexpr std::int64_t kSecond = 1'000'000'000;
+
+/// A value in few characters: fixed where that is readable, else with an exponent.
+std::string Value(float value, int digits) {
+  if (std::fabs(value) < 1e6f || !std::isfinite(value)) return Fixed(value, digits);
+  int exponent = 0;
+  double mantissa = value;
+  for (; std::fabs(mantissa) >= 10; mantissa /= 10) ++exponent;
+  return Fixed(mantissa, 3) + "e" + std::to_string(exponent);
+}
+
+/// Bit for bit, so that a value that is no number does not change for ever.
+bool Differ(float a, float b) { return std::memcmp(&a, &b, sizeof a) != 0; }
+
+}  // namespace
+
+MonitorModel::MonitorModel(int joints) : parser_(joints), last_(joints), joints_(last_.joints.size()) {}
+
+void MonitorModel::Take(std::vector<char> bytes, std::int64_t now_ns) {
+  received_ += bytes.size();
+  parser_.Push(std::move(bytes));
+  const std::vector<RecvPacket> statuses = parser_.Parse();
+  for (const RecvPacket& status : statuses) {
+    good_ += static_cast<std::uint64_t>(status.packetSize);
+    if (HasStatus()) Compare(status, now_ns);
+    arrivals_.Add(now_ns);
+    last_ = status;
+    if (on_status_) on_status_(status);
+  }
+  if (statuses.empty() || now_ns < next_sample_) return;
+  next_sample_ = now_ns + kSampleNs;
+  for (std::size_t i = 0; i < joints_.size(); ++i) {
+    joints_[i].positions.push_back(last_.joints[i].position);
+    if (joints_[i].positions.size() > kMostSamples) joints_[i].positions.pop_front();
+  }
+}
+
+void MonitorModel::Restart() {
+  good_ += parser_.buffer.size();  // cut off, not damaged
+  parser_ = PacketParser(parser_.jointNum);
+}
+
+void MonitorModel::Compare(const RecvPacket& status, std::int64_t now_ns) {
+  for (std::size_t i = 0; i < joints_.size(); ++i) {
+    const rxJoint_t& a = last_.joints[i];
+    const rxJoint_t& b = status.joints[i];
+    const std::array<bool, kColumns.size()> changed = {Differ(a.position, b.position),
+                                                       Differ(a.velocity, b.velocity),
+                                                       Differ(a.effort, b.effort),
+                                                       Differ(a.current, b.current),
+                                                       Differ(a.temperature, b.temperature),
+                                                       a.systemMode != b.systemMode,
+                                                       a.ctrlMode != b.ctrlMode,
+                                                       a.ewStatus != b.ewStatus,
+                                                       a.trjStatus != b.trjStatus};
+    for (std::size_t column = 0; column < changed.size(); ++column) {
+      if (changed[column]) joints_[i].changed_at[column] = now_ns;
+    }
+  }
+}
+
+std::uint64_t MonitorModel::Discarded() const {
+  const std::uint64_t rest = received_ - good_;
+  return rest >= static_cast<std::uint64_t>(last_.packetSize) ? rest : 0;  // less may be a frame under way
+}
+
+std::string MonitorModel::Traffic(std::int64_t now_ns) const {
+  const std::string discarded = "  discarded " + std::to_string(Discarded()) + " bytes";
+  if (!HasStatus()) return "no status yet" + discarded;
+  const Rhythm rhythm = arrivals_.Measure();
+  const std::int64_t age = now_ns - arrivals_.Last();
+  return Fixed(age > kSecond ? 0 : rhythm.rate_hz, 0) + " Hz  age " + Duration(static_cast<double>(age)) + "  jitter " +
+         Duration(rhythm.jitter_ns) + "  gaps " + std::to_string(arrivals_.Gaps()) + "  statuses " +
+         std::to_string(arrivals_.Count()) + discarded;
+}
+
+std::vector<MonitorModel::Cell> MonitorModel::Row(std::size_t joint, std::int64_t now_ns) const {
+  const rxJoint_t& state = last_.joints[joint];
+  std::vector<Cell> row = {
+      {Value(state.position, 4)},        {Value(state.velocity, 4)},    {Value(state.effort, 4)},
+      {Value(state.current, 4)},         {Value(state.temperature, 1)}, {SystemModeWord(state.systemMode)},
+      {ControlModeWord(state.ctrlMode)}, {StatusWord(state.ewStatus)},  {TrajectoryWord(state.trjStatus)}};
+  for (std::size_t column = 0; column < row.size(); ++column) {
+    const std::int64_t at = joints_[joint].changed_at[column];
+    row[column].changed = at != 0 && now_ns - at < kSecond;
+    row[column].fault = HasFault(state) && (kColumns[column].title == std::string("servo") ||
+                                            kColumns[column].title == std::string("status"));
+  }
+  return row;
+}
+
+std::vector<std::string> MonitorModel::History(std::size_t joint, std::size_t width, std::size_t height) const {
+  const std::deque<float>& all = joints_[joint].positions;
+  const std::size_t count = std::min(all.size(), width);
+  std::vector<float> shown(all.end() - static_cast<std::ptrdiff_t>(count), all.end());
+  std::vector<float> finite;
+  std::copy_if(shown.begin(), shown.end(), std::back_inserter(finite), [](float v) { return std::isfinite(v); });
+  std::vector<std::string> lines(height + 1, std::string(width, ' '));
+  lines.front() = "position of joint " + std::to_string(joint);
+  if (finite.empty()) return lines;
+  const auto [least, most] = std::minmax_element(finite.begin(), finite.end());
+  const double low = *least;
+  const double range = static_cast<double>(*most) - low;
+  lines.front() += ", last " + Fixed(static_cast<double>(count) * kSampleNs / 1e9, 1) + " s, " + Value(*least, 4) +
+                   " to " + Value(*most, 4);
+  for (std::size_t i = 0; i < count; ++i) {
+    if (!std::isfinite(shown[i])) continue;
+    const double share = range > 0 ? (shown[i] - low) / range : 0;
+    const auto row = static_cast<std::size_t>(std::lround((1 - share) * static_cast<double>(height - 1)));
+    lines[1 + row][width - count + i] = '*';
+  }
+  return lines;
+}
+
+std::string MonitorModel::Line(std::int64_t now_ns) const {
+  std::string line = Traffic(now_ns);
+  if (!HasStatus()) return line;
+  for (std::size_t i = 0; i < joints_.size(); ++i) {
+    const rxJoint_t& state = last_.joints[i];
+    line += " | J" + std::to_string(i) + " " + Value(state.position, 4) + " " + SystemModeWord(state.systemMode);
+    if (state.ewStatus != 0) line += " " + StatusWord(state.ewStatus);
+  }
+  return line;
+}
+
+}  // namespace velta::tools

@@ -1,0 +1,66 @@
+// SPDX-License-Identifier: MIT
+#include "output_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+
+#include "command.h"
+#include "port.h"
+
+namespace velta::tools {
+
+namespace {
+
+long long NowMs() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+}  // namespace
+
+OutputFile::OutputFile(const std::string& path) : path_(path), working_path_(path) {
+  struct stat there {};
+  if (stat(path.c_str(), &there) == 0 && !S_ISREG(there.st_mode)) {
+    if (S_ISDIR(there.st_mode)) throw Failure(path + ": " + std::strerror(EISDIR));
+    return;
+  }
+  working_path_ = path + ".part";
+  const Descriptor file(open(working_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+  if (file.Get() < 0) throw Failure(path + ": " + std::strerror(errno));
+}
+
+OutputFile::~OutputFile() {
+  if (working_path_ != path_) unlink(working_path_.c_str());
+}
+
+void OutputFile::Commit() {
+  if (working_path_ != path_ && std::rename(working_path_.c_str(), path_.c_str()) != 0) {
+    throw Failure(path_ + ": " + std::strerror(errno));
+  }
+  working_path_ = path_;
+}
+
+Progress::Progress() : is_terminal_(isatty(STDERR_FILENO) != 0) {}
+
+bool Progress::IsDue() const { return is_terminal_ && NowMs() >= next_ms_; }
+
+void Progress::Show(const std::string& text) {
+  if (!IsDue()) return;
+  next_ms_ = NowMs() + 250;
+  shown_ = true;
+  std::cerr << "\r\x1b[K" << text << std::flush;
+}
+
+void Progress::Clear() {
+  if (shown_) std::cerr << "\r\x1b[K" << std::flush;
+  shown_ = false;
+}
+
+}  // namespace velta::tools

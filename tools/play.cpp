@@ -1,0 +1,307 @@
+// SPDX-License-Identifier: MIT
+#include <poll.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "PacketParser.h"
+#include "SendPacket.h"
+#include "command.h"
+#include "frames.h"
+#include "link.h"
+#include "output_file.h"
+#include "port.h"
+#include "stop.h"
+#include "timeline.h"
+#include "timing.h"
+#include "wire.h"
+
+namespace velta::tools {
+
+namespace {
+
+struct Options {
+  Excerpt excerpt;
+  std::string link;
+  std::string serve;
+  double speed = 1;
+  bool loop = false;
+};
+
+/// The frames of one direction, each with the moment when it is due.
+class Schedule {
+ public:
+  Schedule(const Options& options, LinkEvent direction)
+      : timeline_(options.excerpt), direction_(direction), speed_(options.speed), loop_(options.loop) {
+    Advance();
+    if (!next_ && !StopRequested()) {
+      throw Failure(options.excerpt.file + ": no good " +
+                    (direction == LinkEvent::kToController ? "command" : "status") + " frame to play for " +
+                    std::to_string(Joints()) + " joints");
+    }
+  }
+
+  int Joints() const { return timeline_.Joints(); }
+
+  /// Begins with the first frame, which is due now.
+  void Start(std::int64_t now_ns) {
+    if (!next_ || !at_front_) {
+      timeline_.Rewind();
+      Advance();
+    }
+    if (!next_) return;  // stopped meanwhile
+    frames_ = 0;
+    start_ns_ = now_ns;
+    first_ns_ = next_->since_start_ns;
+    at_front_ = true;
+  }
+
+  /// When the next frame is due, by the monotonic clock; nothing when all are played.
+  std::optional<std::int64_t> Due() const {
+    if (!next_) return std::nullopt;
+    const double after = static_cast<double>(next_->since_start_ns - first_ns_) / speed_;
+    // A pause longer than a century is as good as for ever, and stays within the clock's range.
+    return start_ns_ + static_cast<std::int64_t>(std::min(after, 3e18));
+  }
+
+  /// The next frame's bytes. From a looped recording the first frame follows the last at the mean distance of frames.
+  std::vector<char> Take() {
+    at_front_ = false;
+    ++frames_;
+    const SendPacket* const command = next_->Command();
+    std::vector<char> frame = command != nullptr ? command->GetCharVector() : sim::StatusFrame(*next_->Status());
+    const std::int64_t due = *Due();
+    Advance();
+    if (!next_ && loop_) {
+      const std::int64_t mean = frames_ > 1 ? (due - start_ns_) / static_cast<std::int64_t>(frames_ - 1) : 0;
+      Start(due + std::max<std::int64_t>(mean, 1'000'000));  // never without a pause
+    }
+    return frame;
+  }
+
+  void TellLostTail() const { timeline_.TellLostTail(); }
+
+ private:
+  void Advance() {
+    do next_ = timeline_.Next();
+    while (next_ && (next_->event != direction_));
+  }
+
+  Timeline timeline_;
+  LinkEvent direction_;
+  double speed_;
+  bool loop_;
+  std::optional<Moment> next_;
+  bool at_front_ = true;
+  std::uint64_t frames_ = 0;  ///< played since the start, or since the loop came round
+  std::uint64_t first_ns_ = 0;
+  std::int64_t start_ns_ = 0;
+};
+
+/// Waits for the first of the descriptors to be ready, a stop or the moment.
+void WaitUntil(std::int64_t due_ns, int fd, short events) {
+  const std::int64_t left = std::max<std::int64_t>(due_ns - MonotonicNs(), 0);
+  const timespec timeout{left / 1'000'000'000, left % 1'000'000'000};
+  std::array<pollfd, 2> fds{{{fd, events, 0}, {StopFd(), POLLIN, 0}}};
+  ppoll(fds.data(), fds.size(), &timeout, nullptr);
+}
+
+std::string Count(std::uint64_t n, const std::string& what) {
+  return std::to_string(n) + " " + what + (n == 1 ? "" : "s");
+}
+
+/// Sends the recorded commands, and listens to what the controller says of them.
+int SendCommands(const Options& options) {
+  const Link link = ParseLink(options.link);
+  Schedule schedule(options, LinkEvent::kToController);
+  Wire wire(link);
+  PacketParser parser(schedule.Joints());
+  Progress progress;
+  std::uint64_t sent = 0, statuses = 0, echoed = 0;
+  std::uint64_t awaited = 0;  // time stamp of the command sent last, 0 once it is echoed
+  std::vector<char> bytes;
+  const auto listen = [&] {
+    bytes.clear();
+    wire.Read(bytes);
+    parser.Push(bytes);
+    for (const RecvPacket& status : parser.Parse()) {
+      ++statuses;
+      if (awaited != 0 && awaited == status.header.hostTimestamp) {
+        ++echoed;
+        awaited = 0;
+      }
+    }
+  };
+  const auto finish = [&] {
+    progress.Clear();
+    schedule.TellLostTail();
+    Out() << "sent " << Count(sent, "command") << ", " << echoed << " echoed before the next, "
+          << Count(statuses, "status frame") << " received" << std::endl;
+  };
+  try {
+    schedule.Start(MonotonicNs());
+    while (!StopRequested()) {
+      const std::optional<std::int64_t> due = schedule.Due();
+      if (!due) break;
+      if (MonotonicNs() < *due) {
+        WaitUntil(*due, wire.Fd(), POLLIN);
+        listen();
+        continue;
+      }
+      const std::vector<char> frame = schedule.Take();
+      wire.Write(frame);
+      ++sent;
+      std::uint64_t stamp = 0;
+      std::copy_n(frame.begin() + 2, sizeof stamp, reinterpret_cast<char*>(&stamp));
+      awaited = stamp;
+      listen();
+      if (progress.IsDue()) progress.Show("sent " + Count(sent, "command"));
+    }
+    // The last command's echo is on its way; 200 ms are plenty, and a stop does not wait.
+    const std::int64_t patience = MonotonicNs() + 200'000'000;
+    while (awaited != 0 && !StopRequested() && MonotonicNs() < patience) {
+      WaitUntil(patience, wire.Fd(), POLLIN);
+      listen();
+    }
+  } catch (const WireError& error) {
+    finish();
+    if (error.error == EINTR) return 0;
+    throw;
+  }
+  finish();
+  return 0;
+}
+
+/// Plays the controller: every host that comes gets the recorded status frames from the first one on.
+class Replay {
+ public:
+  explicit Replay(const Options& options)
+      : schedule_(options, LinkEvent::kToHost), commands_(schedule_.Joints()), endpoint_(ParseLink(options.serve)) {
+    Out() << "listening on " << ToString(endpoint_.Address()) << std::endl;
+  }
+
+  int Run() {
+    while (!StopRequested() && !done_) {
+      if (host_) {
+        Serve();
+      } else {
+        Wait();
+      }
+      if (progress_.IsDue()) progress_.Show("sent " + Count(sent_, "status frame"));
+    }
+    progress_.Clear();
+    schedule_.TellLostTail();
+    Out() << "served " << Count(hosts_, "host") << ": sent " << Count(sent_, "status frame") << ", "
+          << Count(received_, "command") << " received" << std::endl;
+    return 0;
+  }
+
+ private:
+  void Wait() {
+    if (!endpoint_.HostIsThere()) {
+      const int fd = endpoint_.WaitFd();
+      WaitUntil(MonotonicNs() + (fd < 0 ? Endpoint::kPtyLook : 250) * std::int64_t{1'000'000}, fd, POLLIN);
+      return;
+    }
+    try {
+      host_.emplace(endpoint_.Take());
+    } catch (const Failure&) {
+      if (endpoint_.Kind() == Link::Kind::Serial) throw;
+      return;  // gone before it was taken
+    }
+    ++hosts_;
+    commands_.Reset();
+    pending_.clear();
+    Listen();  // on UDP, where the host is
+    schedule_.Start(MonotonicNs());
+  }
+
+  void Serve() {
+    const std::optional<std::int64_t> due = schedule_.Due();
+    if (!due && pending_.empty()) return Finish();
+    if (pending_.empty() && MonotonicNs() >= *due) pending_ = schedule_.Take();
+    if (pending_.empty()) {
+      WaitUntil(*due, host_->Fd(), POLLIN);
+    } else {
+      const Port::Result result = host_->Write(pending_.data(), pending_.size());
+      if (result.io == Port::Io::kBroken) return Leave();
+      pending_.erase(pending_.begin(), pending_.begin() + static_cast<std::ptrdiff_t>(result.size));
+      if (pending_.empty()) ++sent_;
+      if (!pending_.empty()) WaitUntil(MonotonicNs() + 250'000'000, host_->Fd(), POLLIN | POLLOUT);
+    }
+    Listen();
+  }
+
+  /// Closing at once would cost the host what it has not read yet.
+  void Finish() {
+    done_ = true;
+    host_->EndWriting();
+    const std::int64_t patience = MonotonicNs() + 200'000'000;
+    while (host_ && !StopRequested() && MonotonicNs() < patience) {
+      WaitUntil(patience, host_->Fd(), POLLIN);
+      Listen();
+    }
+    host_.reset();
+  }
+
+  void Listen() {
+    std::array<char, kMaxChunk> buffer;
+    const Port::Result result = host_->Read(buffer.data(), buffer.size());
+    if (result.io == Port::Io::kEnded || result.io == Port::Io::kBroken) return Leave();
+    received_ += commands_.Push(buffer.data(), result.size).size();
+  }
+
+  void Leave() {
+    host_.reset();
+    endpoint_.Release(false);
+    if (endpoint_.Kind() == Link::Kind::Serial) throw Failure(ToString(endpoint_.Address()) + ": the line is gone");
+  }
+
+  Schedule schedule_;
+  sim::CommandFramer commands_;
+  Endpoint endpoint_;
+  std::optional<Port> host_;
+  std::vector<char> pending_;  ///< what the host did not take yet of a frame
+  bool done_ = false;
+  std::uint64_t hosts_ = 0, sent_ = 0, received_ = 0;
+  Progress progress_;
+};
+
+int Run(const Options& options) {
+  if (options.link.empty() == options.serve.empty()) {
+    throw UsageError("play needs either a LINK to send the commands to, or --serve ENDPOINT");
+  }
+  InstallStopHandler();
+  return options.serve.empty() ? SendCommands(options) : Replay(options).Run();
+}
+
+}  // namespace
+
+void AddPlay(CLI::App& app, Action& action) {
+  const auto options = std::make_shared<Options>();
+  CLI::App* const command =
+      app.add_subcommand("play", "Send a recording's commands again, or replay its status frames as a controller");
+  options->excerpt.AddOptions(*command);
+  command->add_option("LINK", options->link, "The controller to send the commands to: the arm moves as it did then")
+      ->option_text(" ");
+  command->add_option("--serve", options->serve, "Listen here for a host, and be the controller")
+      ->option_text("ENDPOINT");
+  command->add_option("--speed", options->speed, "How much faster than recorded, 0.001 to 1000")
+      ->check(CLI::Range(0.001, 1000.0))
+      ->option_text("X [1]");
+  command->add_flag("--loop", options->loop, "Begin again at the end, until stopped");
+  command->footer(
+      "Every good frame is sent as it was recorded, its time stamp included; bytes of no good frame are left out.\n"
+      "Examples:\n"
+      "  velta play run.vrec tcp://192.168.0.10:5000 --from 2 --to 5\n"
+      "  velta play run.vrec --serve tcp://127.0.0.1:5000 --loop");
+  command->callback([options, &action] { action = [options] { return Run(*options); }; });
+}
+
+}  // namespace velta::tools

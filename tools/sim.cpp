@@ -1,0 +1,284 @@
+// SPDX-License-Identifier: MIT
+#include <picojson.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <cstring>
+#include <fstream>
+#include <iomanip>
+#include <iostream>
+#include <memory>
+#include <optional>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "MasterControllerClient.h"
+#include "command.h"
+#include "faults.h"
+#include "link.h"
+#include "server.h"
+#include "stop.h"
+
+namespace velta::tools {
+
+namespace {
+
+using sim::EndpointConfig;
+using std::chrono::milliseconds;
+using Clock = std::chrono::steady_clock;
+
+struct Options {
+  sim::ServerConfig server;
+  std::vector<std::string> endpoints;
+  std::vector<std::string> faults;
+  std::string script;
+  std::string check;
+  int timeout_ms = 2000;
+  bool json = false;
+};
+
+double MsSince(Clock::time_point start) {
+  return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+}
+
+/// One line; the JSON library escapes every slash, which nobody who reads links wants.
+void PrintJson(picojson::object document) {
+  std::string text = picojson::value(std::move(document)).serialize();
+  for (std::size_t i = 0; (i = text.find("\\/", i)) != std::string::npos; ++i) text.erase(i, 1);
+  Out() << text << std::endl;
+}
+
+/// A whole number; the JSON library writes fractions with 17 digits.
+picojson::value Count(std::uint64_t number) { return picojson::value(static_cast<double>(number)); }
+
+EndpointConfig ParseEndpoint(const std::string& text) {
+  const Link link = ParseLink(text);
+  EndpointConfig endpoint;
+  switch (link.kind) {
+    case Link::Kind::Tcp:
+      break;
+    case Link::Kind::Udp:
+      endpoint.kind = EndpointConfig::Kind::Udp;
+      break;
+    case Link::Kind::Pty:
+      endpoint.kind = EndpointConfig::Kind::Pty;
+      endpoint.path = link.device;
+      return endpoint;
+    case Link::Kind::Serial:
+      throw UsageError("bad endpoint '" + text + "': on a serial line use pty: or pty:PATH");
+  }
+  endpoint.host = link.host;
+  endpoint.port = link.port;
+  return endpoint;
+}
+
+std::vector<sim::FaultRule> ReadFaults(const Options& options) {
+  std::vector<sim::FaultRule> rules;
+  if (!options.script.empty()) {
+    std::ifstream script(options.script);
+    if (!script) throw Failure("cannot open " + options.script + ": " + std::strerror(errno));
+    try {
+      rules = sim::ParseFaultScript(script, options.script);
+    } catch (const std::invalid_argument& error) {
+      throw Failure(error.what());
+    }
+    if (script.bad()) throw Failure("cannot read " + options.script);
+  }
+  for (const std::string& fault : options.faults) {
+    try {
+      rules.push_back(sim::ParseFaultFlag(fault));
+    } catch (const std::invalid_argument& error) {
+      throw UsageError(std::string("bad --fault '") + fault + "': " + error.what());
+    }
+  }
+  return rules;
+}
+
+void PrintSummary(const sim::Summary& summary, bool json) {
+  const std::pair<const char*, std::uint64_t> counts[] = {
+      {"connections", summary.connections}, {"commands", summary.commands},
+      {"executed", summary.executed},       {"bad_crc", summary.bad_crc},
+      {"garbage_bytes", summary.garbage},   {"status_frames", summary.status_frames},
+      {"overruns", summary.overruns}};
+  if (json) {
+    picojson::object document{{"event", picojson::value("summary")}, {"ms", Count(static_cast<std::uint64_t>(summary.seconds * 1e3))}};
+    for (const auto& [name, count] : counts) document[name] = Count(count);
+    picojson::object faults;
+    for (const auto& [name, count] : summary.faults) faults[name] = Count(count);
+    document["faults"] = picojson::value(faults);
+    PrintJson(std::move(document));
+    return;
+  }
+  Out() << "served " << std::fixed << std::setprecision(1) << summary.seconds << " s\n";
+  for (const auto& [name, count] : counts) Out() << std::left << std::setw(16) << name << count << '\n';
+  for (const auto& [name, count] : summary.faults) Out() << "fault " << name << ": " << count << '\n';
+  Out().flush();
+}
+
+/// A line on the terminal that is written over twice a second; nothing without a terminal.
+class Progress {
+ public:
+  explicit Progress(const sim::Server& server) : server_(server), is_shown_(isatty(STDERR_FILENO) != 0) {}
+  Progress(const Progress&) = delete;
+  Progress& operator=(const Progress&) = delete;
+  ~Progress() {
+    if (is_shown_) std::cerr << kClear << std::flush;
+  }
+
+  void Show() {
+    const auto now = Clock::now();
+    if (!is_shown_ || now < next_) return;
+    next_ = now + milliseconds(500);
+    const sim::Summary summary = server_.GetSummary();
+    std::uint64_t strikes = 0;
+    for (const auto& fault : summary.faults) strikes += fault.second;
+    std::cerr << kClear << summary.connections << " connections, " << summary.commands << " commands, "
+              << summary.status_frames << " status frames, " << strikes << " faults  (Ctrl-C ends)" << std::flush;
+  }
+
+ private:
+  static constexpr const char* kClear = "\r\x1b[K";
+  const sim::Server& server_;
+  bool is_shown_;
+  Clock::time_point next_;
+};
+
+int Serve(Options options) {
+  for (const std::string& endpoint : options.endpoints) options.server.endpoints.push_back(ParseEndpoint(endpoint));
+  options.server.faults = ReadFaults(options);
+  InstallStopHandler();
+  sim::Server server(std::move(options.server));
+  for (const std::string& link : server.Links()) {
+    if (options.json) {
+      PrintJson({{"event", picojson::value("listening")}, {"link", picojson::value(link)}});
+    } else {
+      Out() << "listening on " << link << std::endl;
+    }
+  }
+  {
+    Progress progress(server);
+    server.Run(StopFd(), [&] { progress.Show(); });
+  }
+  PrintSummary(server.GetSummary(), options.json);
+  return 0;
+}
+
+/// One connection's worth of asking: an idle command now and then, until one is echoed.
+/// @return an empty text once it was; else how far it came
+std::string Ask(const Link& link, int joints, Clock::time_point deadline) {
+  MasterControllerClient client(joints);
+  if (!OpenLink(client, link)) return std::string("cannot connect: ") + std::strerror(errno);
+  const SilencedErrors silenced;
+  bool has_status = false;
+  std::uint64_t first = 0;
+  std::uint64_t last = 0;
+  for (auto next = Clock::now(); Clock::now() < deadline && !StopRequested() && client.IsConnected();) {
+    if (Clock::now() >= next) {
+      next += milliseconds(50);
+      SendPacket idle(joints);
+      client.SendOnce(idle, false);
+      last = idle.GetTimeStamp();
+      if (first == 0) first = last;
+    }
+    if (client.ReceiveStatus() > 0) {
+      has_status = true;
+      const RecvPacket status = client.GetLastRecvPacket();
+      if (status.header.hostTimestamp >= first && status.header.hostTimestamp <= last) return "";
+      client.FlushRecvBuffer();
+    }
+    std::this_thread::sleep_for(std::chrono::microseconds(200));
+  }
+  if (has_status) return "status frames arrive, but none echoes a command";
+  return client.IsConnected() ? "connected, but no status frame arrives" : "the connection was lost";
+}
+
+int Check(const Options& options) {
+  const Link link = ParseLink(options.check);
+  if (link.kind == Link::Kind::Pty) throw UsageError("--check takes the device of a pty, serial:///dev/pts/N");
+  InstallStopHandler();
+  const auto start = Clock::now();
+  const auto deadline = start + milliseconds(options.timeout_ms);
+  std::string trouble;
+  do {
+    trouble = Ask(link, options.server.joints, deadline);
+    if (trouble.empty()) {
+      const double ms = MsSince(start);
+      if (options.json) {
+        PrintJson(
+            {{"event", picojson::value("check")}, {"link", picojson::value(ToString(link))}, {"us", Count(static_cast<std::uint64_t>(ms * 1e3))}});
+      } else {
+        Out() << ToString(link) << " answers, after " << std::fixed << std::setprecision(1) << ms << " ms" << std::endl;
+      }
+      return 0;
+    }
+    std::this_thread::sleep_for(milliseconds(10));
+  } while (Clock::now() < deadline && !StopRequested());
+  throw Failure("no controller answers on " + ToString(link) + ": " + trouble);
+}
+
+std::string Footer() {
+  std::ostringstream text;
+  text << "Faults, counted in the closing summary; RATE is the share of frames or commands that are struck (all):\n";
+  for (std::size_t i = 0; i < sim::kFaultCount; ++i) {
+    const sim::FaultInfo& info = sim::Info(static_cast<sim::Fault>(i));
+    text << "  " << std::left << std::setw(28) << info.usage << info.help << '\n';
+  }
+  text << "\nA script has one JSON object a line: what triggers the fault, which one, and how long it lasts:\n"
+          "  {\"at_frame\": 100, \"fault\": \"corrupt\", \"rate\": 0.5, \"for_frames\": 20}\n"
+          "  {\"at_ms\": 2000, \"fault\": \"no-echo\", \"for_ms\": 500}\n"
+          "  {\"at_command\": 3, \"fault\": \"drop-command\"}\n"
+          "\nExamples:\n"
+          "  velta sim -n 6 tcp://127.0.0.1:43210 --fault corrupt=0.01 --fault drop-status=0.05\n"
+          "  velta sim -n 6 --check tcp://127.0.0.1:43210";
+  return text.str();
+}
+
+}  // namespace
+
+void AddSim(CLI::App& app, Action& action) {
+  auto options = std::make_shared<Options>();
+  CLI::App& command = *app.add_subcommand("sim", "Be a controller: simulated joints behind TCP, UDP or a pty");
+  AddJointsOption(command, options->server.joints);
+  auto* const endpoints =
+      command
+          .add_option("ENDPOINT", options->endpoints,
+                      "Where to listen: tcp://IP:PORT, udp://IP:PORT (port 0 picks one), pty: or pty:PATH (PATH "
+                      "becomes a link to the device); any number")
+          ->option_text("...");
+  command.add_option("--cycle-ms", options->server.cycle_ms, "Time between status frames (1; on a pty 10)")
+      ->check(CLI::Range(1, 60000))
+      ->option_text("MS");
+  command.add_flag("--on-command", options->server.on_command, "Send a status frame only in answer to a command");
+  command.add_option("--fault", options->faults, "Something that goes wrong, see below; may be repeated")
+      ->option_text("FAULT")
+      ->allow_extra_args(false);
+  command.add_option("--script", options->script, "Faults with triggers and durations, see below")->option_text("FILE");
+  command.add_option("--seed", options->server.seed, "Seed of the faults' random numbers (1)")->option_text("N");
+  command.add_flag("--json", options->json, "Print one JSON object a line instead of text");
+  auto* const check =
+      command
+          .add_option("--check", options->check,
+                      "Be a host instead: send commands over LINK until one is echoed, and tell whether a controller "
+                      "answers")
+          ->option_text("LINK")
+          ->excludes(endpoints);
+  command.add_option("--timeout-ms", options->timeout_ms, "How long --check tries (2000)")
+      ->check(CLI::Range(1, 3600000))
+      ->option_text("MS")
+      ->needs(check);
+  command.footer(Footer());
+  command.callback([options, &action] {
+    if (options->endpoints.empty() && options->check.empty()) {
+      throw UsageError("give an endpoint to listen on, such as tcp://127.0.0.1:0, or --check LINK");
+    }
+    action = [options] { return options->check.empty() ? Serve(*options) : Check(*options); };
+  });
+}
+
+}  // namespace velta::tools

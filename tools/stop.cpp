@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: MIT
+#include "stop.h"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+
+namespace velta::tools {
+
+namespace {
+
+int stop_fd = -1;
+volatile std::sig_atomic_t stop_requested = 0;
+
+void RequestStop(int /*signal*/) {
+  const int error = errno;
+  stop_requested = 1;
+  const std::uint64_t one = 1;
+  static_cast<void>(!write(stop_fd, &one, sizeof one));
+  errno = error;
+}
+
+}  // namespace
+
+void InstallStopHandler() {
+  if (stop_fd >= 0) return;
+  stop_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  struct sigaction action {};
+  action.sa_handler = RequestStop;  // without SA_RESTART, so that a blocking call returns
+  sigaction(SIGINT, &action, nullptr);
+  sigaction(SIGTERM, &action, nullptr);
+}
+
+bool StopRequested() { return stop_requested != 0; }
+
+int StopFd() { return stop_fd; }
+
+}  // namespace velta::tools
