@@ -151,7 +151,7 @@ class Screen {
       for (std::size_t i = 0; i < hidden.size(); ++i) sum += hidden[i] ? 0 : MonitorModel::kColumns[i].width + 1;
       return sum;
     };
-    for (const std::size_t least : {3, 2, 4, 1, 6}) {
+    for (const std::size_t least : {3U, 2U, 4U, 1U, 6U}) {
       if (width() > getmaxx(stdscr)) hidden[least] = true;
     }
     Columns columns;

@@ -129,8 +129,9 @@ class Events {
       auto& lanes = free[static_cast<std::size_t>(event.kind)];
       const auto lane = std::find_if(lanes.begin(), lanes.end(), [&](double left) { return left <= event.time; });
       if (event.text.empty() || lane == lanes.end()) continue;
-      script += Number(event.time) + ' ' + Number(event.kind + kLanes[static_cast<std::size_t>(lane - lanes.begin())]) +
-                " \"" + event.text + "\"\n";
+      script += Number(event.time) + ' ' +
+                Number(static_cast<int>(event.kind) + kLanes[static_cast<std::size_t>(lane - lanes.begin())]) + " \"" +
+                event.text + "\"\n";
       *lane = event.time + (to - from) * (static_cast<double>(event.text.size()) + 2) / kLettersAcross;
     }
   }
