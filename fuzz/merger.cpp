@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: MIT
 // Any packets from any sources: nothing is lost, nothing comes twice, and the order is the promised one.
-#include "send_packet_merger.h"
-
 #include <cstring>
 #include <map>
 
+#include "send_packet_merger.h"
 #include "target.h"
 
 namespace velta::fuzz {
@@ -114,10 +113,10 @@ void Run(Input& in) {
     for (std::size_t i = ordinary.size(); i < got.size(); ++i) {
       Packets& waiting = unique[got[i].uniqueKey];
       const bool is_first = i < ordinary.size() + unique.size();  // the first packets of all keys precede the rest
-      const auto found = is_first ? waiting.begin()
-                                  : std::find_if(waiting.begin(), waiting.end(), [&](const SendPacket& packet) {
-                                      return Content(packet) == Content(got[i]);
-                                    });
+      const auto found =
+          is_first ? waiting.begin() : std::find_if(waiting.begin(), waiting.end(), [&](const SendPacket& packet) {
+            return Content(packet) == Content(got[i]);
+          });
       Check(found != waiting.end() && Content(*found) == Content(got[i]), "unique packets by key");
       waiting.erase(found);
     }

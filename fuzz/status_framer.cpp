@@ -4,67 +4,19 @@
 #include <random>
 
 #include "PacketParser.h"
-#include "support/bytes.h"
-#include "target.h"
+#include "stream.h"
 
 namespace velta::fuzz {
 namespace {
-
-std::vector<char> Compose(Input& in, int n) {
-  test::Bytes stream;
-  const auto size = [&] { return static_cast<const std::vector<char>&>(stream).size(); };
-  for (unsigned stamp = 1; !in.Empty() && size() < 60000; ++stamp) {
-    std::vector<char> frame = test::StatusFrame(n, stamp, 0, in.Byte());
-    switch (in.Below(6)) {
-      case 0:
-        stream.Add(frame);
-        break;
-      case 1:
-        frame[in.Byte() % frame.size()] ^= static_cast<char>(1 << in.Below(8));
-        stream.Add(frame);
-        break;
-      case 2:
-        frame.resize(in.Byte() % frame.size());
-        stream.Add(frame);
-        break;
-      case 3:
-        stream.Fill(17 * in.Byte(), in.Byte());
-        break;
-      case 4:
-        for (unsigned i = in.Byte(); i > 0; --i) stream.U8(0xAB).U8(0xCD);
-        break;
-      default:
-        stream.Add(in.Take(in.Byte()));
-    }
-  }
-  return stream;
-}
-
-/// The rule in its simplest form: the next mark begins a frame, and a frame's length is used up whatever its CRC says.
-std::vector<std::vector<char>> Frames(const std::vector<char>& stream, std::size_t size) {
-  std::vector<std::vector<char>> frames;
-  for (std::size_t at = 0; at + size <= stream.size();) {
-    if (stream[at] != '\xAB' || stream[at + 1] != '\xCD') {
-      ++at;
-      continue;
-    }
-    const std::vector<char> frame(&stream[at], &stream[at] + size);
-    const unsigned crc = test::BitwiseCrc16(frame, size - 2);
-    if (frame[size - 2] == static_cast<char>(crc & 0xFF) && frame[size - 1] == static_cast<char>(crc >> 8)) {
-      frames.push_back(frame);
-    }
-    at += size;
-  }
-  return frames;
-}
 
 void Run(Input& in) {
   const int n = static_cast<int>(in.Below(6));
   std::minstd_rand random(in.Byte());
   const unsigned largest = in.Flag() ? 9 : 3000;
-  const std::vector<char> stream = Compose(in, n);
+  const auto stream =
+      ComposeStream(in, [n](unsigned stamp, unsigned fill) { return test::StatusFrame(n, stamp, 0, fill); });
   const auto size = static_cast<std::size_t>(79 * n + 24);
-  const auto expected = Frames(stream, size);
+  const auto expected = FramesOf(stream, size);
 
   PacketParser parser(n);
   std::size_t found = 0;

@@ -63,9 +63,9 @@ void Run(Input& in) {
   }
   RecvPacket packet(n);
   const bool fits = n >= 0 && frame.size() == size;
-  const bool good =
-      fits && static_cast<unsigned char>(frame[size - 2]) == (test::BitwiseCrc16(frame, size - 2) & 0xFF) &&
-      static_cast<unsigned char>(frame[size - 1]) == test::BitwiseCrc16(frame, size - 2) >> 8;
+  const bool good = fits &&
+                    static_cast<unsigned char>(frame[size - 2]) == (test::BitwiseCrc16(frame, size - 2) & 0xFF) &&
+                    static_cast<unsigned char>(frame[size - 1]) == test::BitwiseCrc16(frame, size - 2) >> 8;
   Check(packet.Parse(frame) == good, "a frame of the right size and CRC, and no other, is taken");
   if (!fits) {
     Check(packet.header.startMark[0] == 0 && packet.header.timestamp == 0, "a wrong size changes nothing");

@@ -152,7 +152,8 @@ INSTANTIATE_TEST_SUITE_P(
     All, Allocation,
     testing::Values(
         Operation{"PushSendQueue", Operation::Adds, [](Client& c, SendPacket& p) { c.PushSendQueue(p, true); }},
-        Operation{"PushFrontSendQueue", Operation::Adds, [](Client& c, SendPacket& p) { c.PushFrontSendQueue(p, true); }},
+        Operation{"PushFrontSendQueue", Operation::Adds,
+                  [](Client& c, SendPacket& p) { c.PushFrontSendQueue(p, true); }},
         Operation{"PushSendQueueJson", Operation::Adds,
                   [](Client& c, SendPacket&) {
                     if (!c.PushSendQueueJson(kDocument, false)) throw std::bad_alloc();

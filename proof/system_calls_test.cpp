@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 // The k-th system call of a whole session fails, for every k and in every way: what is promised is told, nothing
 // crashes, waits or leaks, and once the fault is over a reconnection makes the link whole.
+#include "support/system_calls.h"
+
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -17,7 +19,6 @@
 #include "MasterControllerClient.h"
 #include "support/bytes.h"
 #include "support/capture.h"
-#include "support/system_calls.h"
 
 namespace {
 
@@ -196,7 +197,8 @@ class Session {
   /// What goes to standard error when the call fails in this phase.
   std::string Promised(const std::string& phase) const {
     if (kind_ == Kind::Serial) return "";
-    const std::string link = kind_ == Kind::Tcp ? "TCP" : "UDP", tag = kind_ == Kind::Tcp ? "[TcpClient::" : "[UdpClient::";
+    const std::string link = kind_ == Kind::Tcp ? "TCP" : "UDP",
+                      tag = kind_ == Kind::Tcp ? "[TcpClient::" : "[UdpClient::";
     const auto line = [&](const char* operation, const std::string& text, int error) {
       return tag + operation + "] " + text + ": " + std::strerror(error) + "\n";
     };
@@ -242,8 +244,7 @@ class Session {
 class Countdown : public testing::TestWithParam<Kind> {};
 
 TEST_P(Countdown, EverySystemCallFailsInEveryWay) {
-  const Way ways[] = {{-1, EINTR}, {-1, EAGAIN},     {-1, EPIPE},
-                      {-1, EIO},   {-1, ECONNRESET}, {SystemCalls::kOneByte, 0}};
+  const Way ways[] = {{-1, EINTR}, {-1, EAGAIN}, {-1, EPIPE}, {-1, EIO}, {-1, ECONNRESET}, {SystemCalls::kOneByte, 0}};
   for (const Way& way : ways) {
     int k = 0;
     for (bool struck = true; struck; ++k) {
