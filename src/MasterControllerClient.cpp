@@ -99,7 +99,7 @@ int MasterControllerClient::ReceiveStatus() {
   std::vector<RecvPacket> packets = packet_parser_->Parse();
   for (RecvPacket& packet : packets) {
     // The size is read without the mutex, deliberately: only this thread appends.
-    if (recv_buffer_.size() < static_cast<std::size_t>(max_recv_buffer_size_)) PushRecvBuffer(packet);
+    if (GetRecvBufferSize() < static_cast<std::size_t>(max_recv_buffer_size_)) PushRecvBuffer(packet);
     last_recv_host_timestamp_ = packet.header.hostTimestamp;
     last_recv_packet_ = std::move(packet);
   }
@@ -227,7 +227,7 @@ bool MasterControllerClient::SendOnce(SendPacket& packet, bool keep_timestamp) {
 
 bool MasterControllerClient::TakeNextPacket() {
   // The queue's size is read without the mutex, deliberately: only this thread takes packets out.
-  if (!send_queue_.empty()) {
+  if (GetSendBufferSize() != 0) {
     cur_send_packet_ = PopSendQueue();
     return true;
   }
