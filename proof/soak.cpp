@@ -76,7 +76,7 @@ int main(int argc, char** argv) {
       good = client.Disconnect() && client.Connect();
     }
     SendPacket command(kJoints);
-    command.SetRefPosition("all", 1);
+    command.SetParamKp("all", 1);  // sets a value; a position would queue up as a via point
     if (steps % 100 == 0) {
       client.PushBackIndependentSendBuffer(command, "source", true, false, "");
     } else {

@@ -7,6 +7,7 @@ build_packages=(g++ make cmake picojson-dev libcli11-dev libncurses-dev gnuplot-
 test_packages=(libgtest-dev nlohmann-json3-dev)
 check_packages=(clang clang-format clang-tidy cppcheck)
 bench_packages=(libbenchmark-dev)
+proof_packages=(gcovr valgrind)
 
 # need PACKAGE... installs the Debian packages that are missing, and nothing else.
 need() {
