@@ -93,7 +93,7 @@ compiler=("$@")
 cd "$source_dir"
 for page in README.md docs/*.md; do
   number=0 ran=''
-  rm -f "$work"/blocks/*
+  rm -rf "$work"/blocks/*
   awk -v to="$work/blocks/" '/^```/ { if (on) { on = 0 } else { on = 1; file = sprintf("%s%03d.%s", to, ++n, substr($0, 4)); printf "" >file } next }
     on { print >file }' "$page"
   for block in "$work"/blocks/*; do
