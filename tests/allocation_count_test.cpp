@@ -15,13 +15,14 @@ namespace {
 thread_local std::size_t allocations = 0;  // the simulator's thread does not count
 }
 
-void* operator new(std::size_t size) {
+// Not inlined: the compiler would take malloc and delete for a mismatch.
+__attribute__((noinline)) void* operator new(std::size_t size) {
   ++allocations;
   if (void* const memory = std::malloc(size != 0 ? size : 1)) return memory;
   throw std::bad_alloc();
 }
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t /*size*/) noexcept { std::free(memory); }
+__attribute__((noinline)) void operator delete(void* memory) noexcept { std::free(memory); }
+__attribute__((noinline)) void operator delete(void* memory, std::size_t /*size*/) noexcept { std::free(memory); }
 
 namespace {
 
