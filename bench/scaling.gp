@@ -5,6 +5,6 @@ set output plot_file
 set logscale xy
 set xlabel "size (joints, sources, keys or packets)"
 set ylabel "ns per cycle (per packet for the receive step)"
-set key outside right top
+set key below
 set grid
 plot for [i=0:5] data index i using 1:2 with linespoints title columnheader(1)
