@@ -10,6 +10,7 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/bytes.h"
@@ -81,6 +82,9 @@ TEST_F(Recording, IsTheDocumentedBytes) {
   const char frame[] = {'\xab', '\xcd', 0};
   const Passage passage{LinkEvent::kToHost, frame, 3, 0x0102030405060708, 0x1112131415161718};
   EXPECT_EQ(RecordBytes(passage), kRecord);
+  const std::pair<LinkEvent, char> codes[] = {
+      {LinkEvent::kToController, 0}, {LinkEvent::kToHost, 1}, {LinkEvent::kOpened, 2}, {LinkEvent::kClosed, 3}};
+  for (const auto& [event, code] : codes) EXPECT_EQ(BareRecord(event, 1, {})[1], code);
   {
     RecordingWriter writer(path_, {1, "tcp://1.2.3.4:5"}, false);
     writer.Write(passage);

@@ -174,6 +174,22 @@ TEST_F(Tools, RecordAsksASilentController) {
   }
   EXPECT_GE(commands, 5);
   EXPECT_GE(statuses, 5);
+
+  // One that never answers is asked all the same, again and again, with the same command and a new time stamp.
+  Peer silent(Link::Kind::Tcp);
+  Process recorder(Argv({"record", "-n", "1", ToString(silent.link), Path("silent.vrec"), "--poll-ms", "5"}));
+  std::vector<char> asked;
+  ASSERT_TRUE(Until([&] {
+    if (const auto bytes = silent.Receive()) asked.insert(asked.end(), bytes->begin(), bytes->end());
+    return asked.size() >= 3 * 31;
+  }));
+  for (std::size_t i = 0; i < 3; ++i) {
+    const std::vector<char> question(asked.begin() + static_cast<std::ptrdiff_t>(31 * i),
+                                     asked.begin() + static_cast<std::ptrdiff_t>(31 * (i + 1)));
+    EXPECT_EQ(question, Command(1, velta::test::ReadU64(question, 2)));
+  }
+  recorder.Signal(SIGINT);
+  EXPECT_EQ(recorder.Wait(), 0);
 }
 
 struct Via {
@@ -497,7 +513,8 @@ TEST_F(Tools, PlotDrawsAPicture) {
   // One frame, and one without a single finite number, are pictures too.
   for (const char* fields : {"position", "general_2"}) {
     const std::string one = Put("one.vrec", Tape(1).Record(1, 0, GoldenStatus()).Content());
-    EXPECT_EQ(Velta({"plot", one, "--fields", fields}).status, 0) << fields;
+    EXPECT_EQ(Velta({"plot", one, "--fields", fields, "-o", Path("one.svg")}).status, 0) << fields;
+    EXPECT_NE(Content("one.svg").find(fields), std::string::npos) << fields;
   }
 }
 

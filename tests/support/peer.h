@@ -26,7 +26,8 @@ class Peer {
   using Kind = tools::Link::Kind;
 
   /// A controller: a listening TCP socket, a bound UDP socket, a pty.
-  explicit Peer(Kind kind) : kind_(kind) {
+  /// @param port  to listen on; 0 lets the system choose
+  explicit Peer(Kind kind, int port = 0) : kind_(kind) {
     if (kind == Kind::Pty || kind == Kind::Serial) {
       fd_ = Good(posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK));
       Good(grantpt(fd_));
@@ -38,7 +39,7 @@ class Peer {
       link.device = name;
       return;
     }
-    sockaddr_in address = Loopback(0);
+    sockaddr_in address = Loopback(port);
     socklen_t size = sizeof address;
     int& fd = kind == Kind::Tcp ? listener_ : fd_;
     fd = Good(socket(AF_INET, (kind == Kind::Tcp ? SOCK_STREAM : SOCK_DGRAM) | SOCK_NONBLOCK, 0));
