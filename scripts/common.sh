@@ -8,6 +8,7 @@ test_packages=(libgtest-dev nlohmann-json3-dev pkg-config tmux util-linux)
 check_packages=(clang clang-format clang-tidy cppcheck)
 bench_packages=(libbenchmark-dev nlohmann-json3-dev gnuplot-nox)
 package_packages=(abigail-tools dpkg-dev gzip lintian man-db)
+proof_packages=(gcovr valgrind)
 
 # need PACKAGE... installs the Debian packages that are missing, and nothing else.
 need() {

@@ -46,7 +46,12 @@ constexpr FaultInfo kInfos[] = {
 };
 static_assert(std::size(kInfos) == kFaultCount);
 
-[[noreturn]] void Refuse(const std::string& text) { throw std::invalid_argument(text); }
+/// @param text may quote what the user wrote, control characters and all
+[[noreturn]] void Refuse(std::string text) {
+  std::replace_if(
+      text.begin(), text.end(), [](unsigned char c) { return c < ' '; }, '?');
+  throw std::invalid_argument(text);
+}
 
 Fault FindFault(const std::string& name) {
   for (std::size_t i = 0; i < kFaultCount; ++i) {
@@ -122,6 +127,8 @@ std::optional<FaultRule::Span> TakeSpan(picojson::object& members, const std::pa
 }
 
 FaultRule ParseLine(const std::string& line) {
+  // The JSON library parses nested objects by recursion without a bound; no fault's line is nearly as long.
+  if (line.size() > 4096) Refuse("longer than any fault");
   picojson::value document;
   const std::string error = picojson::parse(document, line);  // reads all of the line or tells why not
   if (!error.empty() || !document.is<picojson::object>()) Refuse("not a JSON object");

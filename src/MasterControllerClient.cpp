@@ -100,7 +100,7 @@ int MasterControllerClient::ReceiveStatus() {
   const std::size_t found = packet_parser_->Cut(read_bytes_, packets);
   for (std::size_t i = 0; i < found; ++i) {
     // The size is read without the mutex, deliberately: only this thread appends.
-    if (recv_buffer_.size() < static_cast<std::size_t>(max_recv_buffer_size_)) PushRecvBuffer(packets[i]);
+    if (GetRecvBufferSize() < static_cast<std::size_t>(max_recv_buffer_size_)) PushRecvBuffer(packets[i]);
     last_recv_host_timestamp_ = packets[i].header.hostTimestamp;
     last_recv_packet_ = std::move(packets[i]);  // an exchange: the older packet becomes a spare
   }
@@ -236,7 +236,7 @@ bool MasterControllerClient::SendOnce(SendPacket& packet, bool keep_timestamp) {
 
 bool MasterControllerClient::TakeNextPacket() {
   // The queue's size is read without the mutex, deliberately: only this thread takes packets out.
-  if (!send_queue_.empty()) {
+  if (GetSendBufferSize() != 0) {
     cur_send_packet_ = PopSendQueue();
     return true;
   }

@@ -31,11 +31,13 @@ void SendPacketBuffer::pushBack(const SendPacket& packet) {
 void SendPacketBuffer::popAllPackets(std::unordered_map<std::string, SendPacket>& unique_packets,
                                      std::vector<SendPacket>& not_unique_packets) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  for (const auto& [key, number] : unique_key_map_) {
-    unique_packets.try_emplace(key, std::move(packet_map_.at(number)));
-    packet_map_.erase(number);
-  }
+  unique_packets.reserve(unique_packets.size() + unique_key_map_.size());
   not_unique_packets.reserve(not_unique_packets.size() + packet_map_.size());
+  // Key by key, so that an allocation that fails on the way leaves neither a key without its packet nor half a packet.
+  for (auto entry = unique_key_map_.begin(); entry != unique_key_map_.end(); entry = unique_key_map_.erase(entry)) {
+    unique_packets.try_emplace(entry->first, std::move(packet_map_.at(entry->second)));
+    packet_map_.erase(entry->second);
+  }
   for (auto& entry : packet_map_) not_unique_packets.push_back(std::move(entry.second));
   while (!packet_map_.empty() && spare_count_ < spare_nodes_.size()) {
     spare_nodes_[spare_count_++] = packet_map_.extract(packet_map_.begin());

@@ -316,7 +316,7 @@ TEST_F(Client, APacketOverridesReachPushRecvBuffer) {
   EXPECT_EQ(counting.seen, (std::set<std::uint64_t>{5, 6}));
 }
 
-TEST(Client, AlwaysSendsTheFirstWaitingKey) {
+TEST(UniqueKeys, AreSentInTheMapsOrder) {
   ScriptedClient client(1);
   std::mt19937 random(4);
   for (unsigned step = 0; step < 2000; ++step) {

@@ -65,15 +65,29 @@ TEST(FaultScript, ReadsTriggerRateValueAndDuration) {
 }
 
 TEST(FaultScript, RefusesTheRestWithItsLine) {
-  for (const char* line :
-       {"{", "[]", "{} {}", "{}", "{\"fault\": \"corrupt\"}", "{\"at_ms\": 1}", "{\"at_ms\": 1, \"fault\": 7}",
-        "{\"at_ms\": 1, \"fault\": \"x\"}", "{\"at_ms\": -1, \"fault\": \"corrupt\"}",
-        "{\"at_ms\": 1.5, \"fault\": \"corrupt\"}", "{\"at_ms\": \"1\", \"fault\": \"corrupt\"}",
-        "{\"at_ms\": 1, \"at_frame\": 1, \"fault\": \"corrupt\"}",
-        "{\"at_ms\": 1, \"fault\": \"corrupt\", \"rate\": 2}", "{\"at_ms\": 1, \"fault\": \"corrupt\", \"value\": 2}",
-        "{\"at_ms\": 1, \"fault\": \"no-echo\", \"rate\": 1}",
-        "{\"at_ms\": 1, \"fault\": \"corrupt\", \"for_ms\": 1, \"for_frames\": 1}",
-        "{\"at_ms\": 1, \"fault\": \"corrupt\", \"until\": 1}", "{\"at_ms\": 1e999, \"fault\": \"corrupt\"}"}) {
+  std::string nested;
+  for (int i = 0; i < 200000; ++i) nested += "{\"a\":";
+  const char* const deep = nested.c_str();
+  for (const char* line : {"{",
+                           "[]",
+                           "{} {}",
+                           "{}",
+                           "{\"fault\": \"corrupt\"}",
+                           "{\"at_ms\": 1}",
+                           "{\"at_ms\": 1, \"fault\": 7}",
+                           "{\"at_ms\": 1, \"fault\": \"x\"}",
+                           "{\"at_ms\": -1, \"fault\": \"corrupt\"}",
+                           "{\"at_ms\": 1.5, \"fault\": \"corrupt\"}",
+                           "{\"at_ms\": \"1\", \"fault\": \"corrupt\"}",
+                           "{\"at_ms\": 1, \"at_frame\": 1, \"fault\": \"corrupt\"}",
+                           "{\"at_ms\": 1, \"fault\": \"corrupt\", \"rate\": 2}",
+                           "{\"at_ms\": 1, \"fault\": \"corrupt\", \"value\": 2}",
+                           "{\"at_ms\": 1, \"fault\": \"no-echo\", \"rate\": 1}",
+                           "{\"at_ms\": 1, \"fault\": \"corrupt\", \"for_ms\": 1, \"for_frames\": 1}",
+                           "{\"at_ms\": 1, \"fault\": \"corrupt\", \"until\": 1}",
+                           "{\"at_ms\": 1, \"fault\": \"close\", \"a\\nb\": 1}",
+                           "{\"at_ms\": 1e999, \"fault\": \"corrupt\"}",
+                           deep}) {
     std::istringstream script(std::string("\n") + line + "\n");
     try {
       ParseFaultScript(script, "arm.jsonl");

@@ -260,7 +260,9 @@ class Replay {
   void Leave() {
     host_.reset();
     endpoint_.Release(false);
-    if (endpoint_.Kind() == Link::Kind::Serial) throw Failure(ToString(endpoint_.Address()) + ": the line is gone");
+    done_ = !schedule_.Due() && pending_.empty();  // it has got everything
+    if (!done_ && endpoint_.Kind() == Link::Kind::Serial)
+      throw Failure(ToString(endpoint_.Address()) + ": the line is gone");
   }
 
   Schedule schedule_;

@@ -5,6 +5,7 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 
@@ -20,18 +21,27 @@ namespace {
 /// The scripted answer of this call, if there is one; sets errno.
 std::optional<long> Scripted(const char* name) {
   auto& answers = Calls().answers[name];
-  if (answers.empty()) return std::nullopt;
-  const std::optional<SystemCalls::Answer> answer = answers.front();
-  answers.pop_front();
+  if (answers.empty() && !Calls().decide) return std::nullopt;
+  const std::optional<SystemCalls::Answer> answer = answers.empty() ? Calls().decide(name) : answers.front();
+  if (!answers.empty()) answers.pop_front();
   if (!answer) return std::nullopt;
   errno = answer->error;
   return answer->result;
+}
+
+/// The scripted result of a call that moves up to size bytes, or what move(size) moves.
+template <typename Move>
+ssize_t Moved(const char* name, size_t size, Move move) {
+  const auto answer = Scripted(name);
+  if (answer && *answer != SystemCalls::kOneByte) return *answer;
+  return move(answer ? std::min<size_t>(size, 1) : size);
 }
 
 }  // namespace
 }  // namespace velta::test
 
 using velta::test::Calls;
+using velta::test::Moved;
 using velta::test::Scripted;
 
 // NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
@@ -45,8 +55,9 @@ int __wrap_socket(int domain, int type, int protocol) {
 
 int __real_connect(int, const sockaddr*, socklen_t);
 int __wrap_connect(int fd, const sockaddr* address, socklen_t size) {
-  if (const auto answer = Scripted("connect")) return static_cast<int>(*answer);
-  return __real_connect(fd, address, size);
+  const int result = __real_connect(fd, address, size);  // goes on in the background, whatever is told
+  const auto answer = Scripted("connect");
+  return answer ? static_cast<int>(*answer) : result;
 }
 
 int __real_poll(pollfd*, nfds_t, int);
@@ -70,30 +81,36 @@ int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t 
 
 ssize_t __real_send(int, const void*, size_t, int);
 ssize_t __wrap_send(int fd, const void* data, size_t size, int flags) {
-  if (const auto answer = Scripted("send")) return *answer;
-  return __real_send(fd, data, size, flags);
+  return Moved("send", size, [&](size_t some) { return __real_send(fd, data, some, flags); });
 }
 
 ssize_t __real_recv(int, void*, size_t, int);
 ssize_t __wrap_recv(int fd, void* data, size_t size, int flags) {
-  if (const auto answer = Scripted("recv")) return *answer;
-  return __real_recv(fd, data, size, flags);
+  return Moved("recv", size, [&](size_t some) { return __real_recv(fd, data, some, flags); });
 }
 
 ssize_t __real_read(int, void*, size_t);
 ssize_t __wrap_read(int fd, void* data, size_t size) {
-  if (const auto answer = Scripted("read")) return *answer;
-  return __real_read(fd, data, size);
+  return Moved("read", size, [&](size_t some) { return __real_read(fd, data, some); });
 }
 
 ssize_t __real_write(int, const void*, size_t);
 ssize_t __wrap_write(int fd, const void* data, size_t size) {
-  if (Calls().capture_writes) {
-    Calls().written.emplace_back(static_cast<const char*>(data), size);
-    if (const auto answer = Scripted("write")) return *answer;
-    return static_cast<ssize_t>(size);
-  }
-  return __real_write(fd, data, size);
+  if (!Calls().capture_writes) return Moved("write", size, [&](size_t some) { return __real_write(fd, data, some); });
+  Calls().written.emplace_back(static_cast<const char*>(data), size);
+  return Moved("write", size, [](size_t some) { return static_cast<ssize_t>(some); });
+}
+
+int __real_open(const char*, int, ...);
+int __wrap_open(const char* path, int flags, ...) {
+  if (const auto answer = Scripted("open")) return static_cast<int>(*answer);
+  return __real_open(path, flags);
+}
+
+int __real_tcgetattr(int, termios*);
+int __wrap_tcgetattr(int fd, termios* settings) {
+  if (const auto answer = Scripted("tcgetattr")) return static_cast<int>(*answer);
+  return __real_tcgetattr(fd, settings);
 }
 
 int __real_tcsetattr(int, int, const termios*);
@@ -109,9 +126,11 @@ int __wrap_ioctl(int fd, unsigned long request, ...) {
   va_start(arguments, request);
   void* argument = va_arg(arguments, void*);
   va_end(arguments);
-  if (request != TIOCGSERIAL && request != TIOCSSERIAL) return __real_ioctl(fd, request, argument);
-  if (const auto answer = Scripted("ioctl")) return static_cast<int>(*answer);
-  if (!Calls().serial) return __real_ioctl(fd, request, argument);
+  const bool of_serial = request == TIOCGSERIAL || request == TIOCSSERIAL;
+  if (const auto answer = of_serial || Calls().decide ? Scripted("ioctl") : std::nullopt) {
+    return static_cast<int>(*answer);
+  }
+  if (!of_serial || !Calls().serial) return __real_ioctl(fd, request, argument);
   auto& settings = *static_cast<serial_struct*>(argument);
   if (request == TIOCGSERIAL) settings = *Calls().serial;
   if (request == TIOCSSERIAL) Calls().serial = settings;

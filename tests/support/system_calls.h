@@ -25,6 +25,10 @@ struct SystemCalls {
   /// Answers for the next calls, by name; a nullopt lets one call pass.
   std::map<std::string, std::deque<std::optional<Answer>>> answers;
 
+  /// When set, asked about every call that has no scripted answer.
+  std::function<std::optional<Answer>(const char* name)> decide;
+  static constexpr long kOneByte = -2;  ///< as a result of send, recv, read and write: only one byte moves
+
   int poll_timeout_ms = -2;             ///< as asked last
   std::optional<serial_struct> serial;  ///< when set, a serial driver that answers TIOCGSERIAL and TIOCSSERIAL
   std::vector<termios> applied;         ///< by tcsetattr
