@@ -56,7 +56,8 @@ stub cmake 'case $1 in
   --install) [ "$2" = build/release ] && '"$(command -v cmake)"' --install '"$build_dir"' --prefix '"$prefix"' ;;
 esac'
 stub g++ 'exec '"$(command -v "$1")"' "${@//\/usr\/local/'"$prefix"'}" -L'"$prefix"'/lib'
-stub velta 'exec timeout 20 '"$build_dir"'/tools/velta "${@//192.168.0.10:5000/127.0.0.1:$VELTA_PORT}"'
+stub velta 'set -- "${@//192.168.0.10:5000/127.0.0.1:$VELTA_PORT}"
+exec timeout 20 '"$build_dir"'/tools/velta "${@//0.0.0.0/127.0.0.1}"'
 velta=$build_dir/tools/velta
 if [ -x "$velta" ]; then
   "$velta" sim -n 6 tcp://127.0.0.1:0 >"$work/sim" & controller=$!
