@@ -184,7 +184,7 @@ std::string Ask(const Link& link, int joints, Clock::time_point deadline) {
     if (Clock::now() >= next) {
       next += milliseconds(50);
       SendPacket idle(joints);
-      client.SendOnce(idle, false);
+      if (!client.SendOnce(idle, false)) return std::string("the link is lost: ") + std::strerror(errno);
       last = idle.GetTimeStamp();
       if (first == 0) first = last;
     }
@@ -197,7 +197,7 @@ std::string Ask(const Link& link, int joints, Clock::time_point deadline) {
     std::this_thread::sleep_for(std::chrono::microseconds(200));
   }
   if (has_status) return "status frames arrive, but none echoes a command";
-  return client.IsConnected() ? "connected, but no status frame arrives" : "the connection was lost";
+  return client.IsConnected() ? "connected, but no status frame arrives" : "the link is lost";
 }
 
 int Check(const Options& options) {
