@@ -23,7 +23,7 @@ constexpr std::int64_t kMs = 1'000'000;
 
 TEST(MonitorModel, ShowsStatesInWordsAndMarksWhatChanged) {
   MonitorModel model(2);
-  const auto expect_unmarked = [&](int joint, std::int64_t now) {
+  const auto expect_unmarked = [&](std::size_t joint, std::int64_t now) {
     for (const auto& cell : model.Row(joint, now)) EXPECT_FALSE(cell.changed || cell.fault) << cell.text;
   };
   EXPECT_EQ(model.Traffic(0), "no status yet  discarded 0 bytes");
