@@ -15,7 +15,7 @@ void Run(Input& in) {
   const auto stream = ComposeStream(in, [n](unsigned stamp, unsigned fill) -> std::vector<char> {
     return test::Bytes().U8(0xAB).U8(0xCD).U64(stamp).U8(fill).Fill(18 * static_cast<std::size_t>(n), fill).Crc();
   });
-  const auto size = static_cast<std::size_t>(18 * n + 13);
+  const auto size = 18 * static_cast<std::size_t>(n) + 13;
   const auto expected = FramesOf(stream, size);
 
   sim::CommandFramer framer(n);

@@ -41,7 +41,7 @@ void Run(Input& in) {
   std::string text = form == 0 ? in.Rest() : Compose(in, expected);
   if (form == 2) {
     const std::vector<char> more = in.Take(in.Byte());
-    text.replace(in.Byte() * 2 % text.size(), in.Below(4), std::string(more.begin(), more.end()));
+    text.replace(std::size_t{2} * in.Byte() % text.size(), in.Below(4), std::string(more.begin(), more.end()));
   }
   MasterControllerClient client(n);
   const bool taken = client.PushSendQueueJson(text, in.Flag());

@@ -36,7 +36,7 @@ void Run(Input& in) {
   for (int i = 0; i < n; ++i) {
     const bool named = std::count(expected.begin(), expected.end(), i) != 0;
     const txJoint_t& joint = packet.joints[static_cast<std::size_t>(i)];
-    Check(joint.id == i && joint.order == (named ? 0x11 : 0) && joint.value4 == (named ? 4 : 0),
+    Check(joint.id == i && joint.order == (named ? 0x11 : 0) && joint.value4 == (named ? 4.0F : 0.0F),
           "named joints are commanded, the others are not");
   }
 }

@@ -63,7 +63,10 @@ void Run(Input& in) {
     file = Compose(in);
   }
   if (form == Cut) file.bytes.resize(where % file.bytes.size());
-  if (form == Changed) file.bytes[where % file.bytes.size()] ^= static_cast<char>(change);
+  if (form == Changed) {
+    char& byte = file.bytes[where % file.bytes.size()];
+    byte = static_cast<char>(static_cast<unsigned char>(byte) ^ change);
+  }
 
   static const int fd = memfd_create("recording", 0);
   Check(ftruncate(fd, 0) == 0 &&

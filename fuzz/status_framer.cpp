@@ -15,7 +15,7 @@ void Run(Input& in) {
   const unsigned largest = in.Flag() ? 9 : 3000;
   const auto stream =
       ComposeStream(in, [n](unsigned stamp, unsigned fill) { return test::StatusFrame(n, stamp, 0, fill); });
-  const auto size = static_cast<std::size_t>(79 * n + 24);
+  const auto size = 79 * static_cast<std::size_t>(n) + 24;
   const auto expected = FramesOf(stream, size);
 
   PacketParser parser(n);

@@ -20,7 +20,7 @@ std::vector<char> ComposeStream(Input& in, Make make) {
         stream.Add(frame);
         break;
       case 1:
-        frame[in.Byte() % frame.size()] ^= static_cast<char>(1 << in.Below(8));
+        frame[in.Byte() % frame.size()] = static_cast<char>(in.Byte());
         stream.Add(frame);
         break;
       case 2:

@@ -17,15 +17,15 @@ namespace {
 thread_local long allocations_left = -1;  // below 0 none fails
 }
 
-// Not inlined: the compiler would take malloc and delete for a mismatch.
-__attribute__((noinline)) void* operator new(std::size_t size) {
+// Not inlined: seen at once, malloc and delete look mismatched to the compiler.
+[[gnu::noinline]] void* operator new(std::size_t size) {
   if (allocations_left >= 0 && allocations_left-- == 0) throw std::bad_alloc();
   void* const memory = std::malloc(size);
   if (memory == nullptr) throw std::bad_alloc();
   return memory;
 }
-__attribute__((noinline)) void operator delete(void* memory) noexcept { std::free(memory); }
-__attribute__((noinline)) void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 
 namespace {
 
