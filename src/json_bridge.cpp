@@ -168,15 +168,9 @@ class StateDocument {
     array& states = members.emplace("jointState", value(array())).first->second.get<array>();
     states.reserve(joints);
     joints_.reserve(joints);
-    value empty(JointDocument::Members());
-    for (std::size_t i = 0; i < joints; ++i) {
-      if (i + 1 < joints) {
-        states.push_back(empty);
-      } else {
-        states.push_back(std::move(empty));
-      }
-      joints_.emplace_back(states.back().get<object>());
-    }
+    if (joints != 0) states.emplace_back(JointDocument::Members());
+    while (states.size() < joints) states.push_back(states.front());
+    for (value& state : states) joints_.emplace_back(state.get<object>());
   }
 
   std::size_t Joints() const { return joints_.size(); }
