@@ -179,6 +179,12 @@ class VELTA_API MasterControllerClient {
 
  private:
   bool InitAs(std::unique_ptr<AbstractClient> client);
+  void Enqueue(SendPacket&& packet);
+
+  // Kept between calls for their memory alone.
+  std::vector<char> read_bytes_;
+  std::vector<char> write_bytes_;
+  std::vector<RecvPacket> spare_packets_;
 };
 
 #endif  // VELTA_MASTER_CONTROLLER_CLIENT_H_

@@ -2,6 +2,7 @@
 #ifndef VELTA_PACKET_PARSER_H_
 #define VELTA_PACKET_PARSER_H_
 
+#include <cstddef>
 #include <deque>
 #include <vector>
 
@@ -34,6 +35,15 @@ class VELTA_API PacketParser {
   std::deque<char> buffer;  ///< bytes received and not yet consumed, oldest at the front; unbounded
   int state;                ///< 0; kept for the object's layout, never used
   int jointNum;             ///< joints per frame (n)
+
+ private:
+  friend class MasterControllerClient;
+
+  /// Push and Parse at once, without the way through the buffer where there is none: what a receive step does.
+  /// @param[in,out] bytes    the bytes to push; what they hold afterwards is of no use
+  /// @param[in,out] packets  overwritten from the front, made longer where that is not enough
+  /// @return packets found
+  std::size_t Cut(std::vector<char>& bytes, std::vector<RecvPacket>& packets);
 };
 
 #endif  // VELTA_PACKET_PARSER_H_

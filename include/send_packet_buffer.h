@@ -2,6 +2,8 @@
 #ifndef VELTA_SEND_PACKET_BUFFER_H_
 #define VELTA_SEND_PACKET_BUFFER_H_
 
+#include <array>
+#include <cstddef>
 #include <map>
 #include <mutex>
 #include <string>
@@ -43,6 +45,11 @@ class VELTA_API SendPacketBuffer {
   std::map<int, SendPacket> packet_map_;                 ///< every packet, by arrival
   std::unordered_map<std::string, int> unique_key_map_;  ///< arrival of each unique key's packet
   mutable std::mutex mutex_;
+
+ private:
+  // Emptied nodes of packet_map_, kept for their memory; guarded by mutex_.
+  std::array<std::map<int, SendPacket>::node_type, 16> spare_nodes_;
+  std::size_t spare_count_ = 0;
 };
 
 #endif  // VELTA_SEND_PACKET_BUFFER_H_

@@ -22,6 +22,7 @@ class VELTA_API SendPacketMerger {
  public:
   /// Empties every buffer, one after the other, and returns what is to be sent, in order: the merged ordinary packets,
   /// the ordinary ones that collided, then the unique ones.
+  /// @param buffers   one per source, in the order in which they are emptied
   /// @param joint_num joints of the arm (n)
   static std::deque<SendPacket> getMergedPacket(std::vector<std::shared_ptr<SendPacketBuffer>>& buffers, int joint_num);
 

@@ -41,6 +41,18 @@ class VELTA_API UniqueSendPacketMap {
   std::unordered_map<std::string, bool> sent_map_;  ///< has every key of packet_map_
   std::unique_ptr<std::mutex> mutex_;
   std::atomic<std::size_t> waiting_{0};  ///< keys not sent: with none, the key scan looks at nothing
+
+ private:
+  friend class MasterControllerClient;
+
+  /// Insert, taking the packet. key may be the packet's own.
+  void Place(const std::string& key, SendPacket&& packet);
+
+  /// @return the first of GetNotSentKeys(), or null; without a lock either
+  const std::string* FirstNotSentKey() const;
+
+  /// A key before which no key waits, or null for the first; the search begins there and starts anew where that fails.
+  mutable std::atomic<const std::string*> search_from_{nullptr};
 };
 
 #endif  // VELTA_UNIQUE_SEND_PACKET_MAP_H_

@@ -4,9 +4,10 @@ set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 build_packages=(g++ make cmake picojson-dev libcli11-dev libncurses-dev gnuplot-nox)
-test_packages=(libgtest-dev nlohmann-json3-dev)
+test_packages=(libgtest-dev nlohmann-json3-dev pkg-config tmux util-linux)
 check_packages=(clang clang-format clang-tidy cppcheck)
-bench_packages=(libbenchmark-dev)
+bench_packages=(libbenchmark-dev nlohmann-json3-dev gnuplot-nox)
+package_packages=(abigail-tools dpkg-dev gzip lintian man-db)
 proof_packages=(gcovr valgrind)
 
 # need PACKAGE... installs the Debian packages that are missing, and nothing else.
@@ -41,4 +42,11 @@ build() {
   echo "building ($preset)"
   quietly cmake --preset "$preset"
   quietly cmake --build --preset "$preset" "$@"
+}
+
+# package_flags sets the compiler's flags to those of the distribution, for the preset "package".
+package_flags() {
+  export CXXFLAGS LDFLAGS DEB_BUILD_MAINT_OPTIONS=hardening=+all
+  CXXFLAGS="$(dpkg-buildflags --get CPPFLAGS) $(dpkg-buildflags --get CXXFLAGS)"
+  LDFLAGS=$(dpkg-buildflags --get LDFLAGS)
 }

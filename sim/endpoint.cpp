@@ -45,7 +45,7 @@ void Endpoint::Open() {
   }
 }
 
-void Endpoint::OpenSocket() {
+Fd Endpoint::Bind() {
   const std::string what = "cannot listen on " + Link();
   const bool is_tcp = Kind() == EndpointConfig::Kind::Tcp;
   Fd fd(socket(AF_INET, (is_tcp ? SOCK_STREAM : SOCK_DGRAM) | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
@@ -58,11 +58,15 @@ void Endpoint::OpenSocket() {
   if (inet_pton(AF_INET, config_.host.c_str(), &address.sin_addr) != 1) Throw(what, EINVAL);
   auto* const generic = reinterpret_cast<sockaddr*>(&address);
   socklen_t size = sizeof address;
-  if (bind(fd.Get(), generic, size) != 0 || (is_tcp && listen(fd.Get(), 16) != 0) ||
-      getsockname(fd.Get(), generic, &size) != 0) {
-    Throw(what, errno);
-  }
+  if (bind(fd.Get(), generic, size) != 0 || getsockname(fd.Get(), generic, &size) != 0) Throw(what, errno);
   config_.port = ntohs(address.sin_port);
+  return fd;
+}
+
+void Endpoint::OpenSocket() {
+  if (Kind() == EndpointConfig::Kind::Tcp && !reserved_) reserved_ = Bind();
+  Fd fd = Bind();
+  if (Kind() == EndpointConfig::Kind::Tcp && listen(fd.Get(), 16) != 0) Throw("cannot listen on " + Link(), errno);
   fd_ = std::move(fd);
 }
 
@@ -82,9 +86,10 @@ void Endpoint::OpenPty() {
 
   if (!config_.path.empty()) {
     std::error_code error;
-    const fs::file_status status = fs::symlink_status(config_.path, error);
-    if (fs::exists(status) && !fs::is_symlink(status)) {
-      throw std::runtime_error("cannot make the link " + config_.path + ": it exists and is no symbolic link");
+    // Only what an earlier run may have left behind is replaced.
+    const bool is_ours = fs::read_symlink(config_.path, error).string().rfind("/dev/pts/", 0) == 0;
+    if (!is_ours && fs::exists(fs::symlink_status(config_.path, error))) {
+      throw std::runtime_error("cannot make the link " + config_.path + ": it exists and does not lead to a pty");
     }
     fs::remove(config_.path, error);
     fs::create_symlink(name, config_.path, error);

@@ -74,11 +74,13 @@ class Endpoint {
   ssize_t Write(const Peer& peer, const char* bytes, std::size_t size) const;
 
  private:
+  Fd Bind();
   void OpenSocket();
   void OpenPty();
 
   EndpointConfig config_;
   Fd fd_;
+  Fd reserved_;         ///< TCP: bound but not listening, so that nobody gets the port while the endpoint is closed
   std::string device_;  ///< the pty's
 };
 

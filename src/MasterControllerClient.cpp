@@ -8,6 +8,7 @@
 #include "SerialClient.h"
 #include "TcpClient.h"
 #include "UdpClient.h"
+#include "command_frame.h"
 #include "json_bridge.h"
 #include "send_packet_merger.h"
 #include "text.h"
@@ -86,8 +87,8 @@ std::string MasterControllerClient::GetVersion() {
 }
 
 int MasterControllerClient::ReceiveStatus() {
-  std::vector<char> bytes;
-  const int count = client_ != nullptr ? client_->Read(bytes) : -1;
+  read_bytes_.clear();
+  const int count = client_ != nullptr ? client_->Read(read_bytes_) : -1;
   if (count < 1) {
     if (count == -1) {
       is_connected_ = false;
@@ -95,15 +96,16 @@ int MasterControllerClient::ReceiveStatus() {
     }
     return 0;
   }
-  packet_parser_->Push(std::move(bytes));
-  std::vector<RecvPacket> packets = packet_parser_->Parse();
-  for (RecvPacket& packet : packets) {
+  std::vector<RecvPacket> packets = std::move(spare_packets_);
+  const std::size_t found = packet_parser_->Cut(read_bytes_, packets);
+  for (std::size_t i = 0; i < found; ++i) {
     // The size is read without the mutex, deliberately: only this thread appends.
-    if (GetRecvBufferSize() < static_cast<std::size_t>(max_recv_buffer_size_)) PushRecvBuffer(packet);
-    last_recv_host_timestamp_ = packet.header.hostTimestamp;
-    last_recv_packet_ = std::move(packet);
+    if (GetRecvBufferSize() < static_cast<std::size_t>(max_recv_buffer_size_)) PushRecvBuffer(packets[i]);
+    last_recv_host_timestamp_ = packets[i].header.hostTimestamp;
+    last_recv_packet_ = std::move(packets[i]);  // an exchange: the older packet becomes a spare
   }
-  return static_cast<int>(packets.size());
+  spare_packets_ = std::move(packets);
+  return static_cast<int>(found);
 }
 
 void MasterControllerClient::PushRecvBuffer(RecvPacket packet) {
@@ -149,6 +151,11 @@ void MasterControllerClient::PushSendQueue(SendPacket& packet, bool confirm_rece
   send_queue_.push_back(packet);
 }
 
+void MasterControllerClient::Enqueue(SendPacket&& packet) {
+  const std::lock_guard<std::mutex> lock(*mutex_);
+  send_queue_.push_back(std::move(packet));
+}
+
 void MasterControllerClient::PushFrontSendQueue(SendPacket& packet, bool confirm_received) {
   const std::lock_guard<std::mutex> lock(*mutex_);
   packet.SetConfirmReceived(confirm_received);
@@ -158,7 +165,8 @@ void MasterControllerClient::PushFrontSendQueue(SendPacket& packet, bool confirm
 bool MasterControllerClient::PushSendQueueJson(const std::string& json, bool confirm_received) {
   try {
     SendPacket packet = velta::detail::CommandFromJson(json, joint_num_);
-    PushSendQueue(packet, confirm_received);
+    packet.SetConfirmReceived(confirm_received);
+    Enqueue(std::move(packet));
     return true;
   } catch (...) {  // whatever is wrong with the document, nothing was queued
     return false;
@@ -209,9 +217,9 @@ void MasterControllerClient::MergeIndependentSendPacketBuffer() {
   for (const auto& entry : named) buffers.push_back(entry.second);
   for (SendPacket& packet : SendPacketMerger::getMergedPacket(buffers, joint_num_)) {
     if (packet.IsUnique()) {
-      InsertUniqueSendMap(packet);
+      unique_send_map_.Place(packet.GetUniqueKey(), std::move(packet));
     } else {
-      PushSendQueue(packet, packet.GetConfirmReceived());
+      Enqueue(std::move(packet));
     }
   }
 }
@@ -219,7 +227,8 @@ void MasterControllerClient::MergeIndependentSendPacketBuffer() {
 bool MasterControllerClient::SendOnce(SendPacket& packet, bool keep_timestamp) {
   if (!keep_timestamp && packet.GetTimeStamp() == last_send_timestamp_) packet.SetTimeStamp(packet.GetTimeStamp() + 1);
   last_send_timestamp_ = packet.GetTimeStamp();
-  if (client_ != nullptr && client_->Write(packet.GetCharVector()) != -1) return true;
+  velta::detail::WriteCommandFrame(packet, write_bytes_);
+  if (client_ != nullptr && client_->Write(write_bytes_) != -1) return true;
   is_connected_ = false;
   LogLine(kLostConnection);
   return false;
@@ -231,9 +240,9 @@ bool MasterControllerClient::TakeNextPacket() {
     cur_send_packet_ = PopSendQueue();
     return true;
   }
-  const std::vector<std::string> keys = unique_send_map_.GetNotSentKeys();
-  if (keys.empty()) return false;
-  cur_send_packet_ = unique_send_map_.GetSendPacket(keys.front());
+  const std::string* const key = unique_send_map_.FirstNotSentKey();
+  if (key == nullptr) return false;
+  cur_send_packet_ = unique_send_map_.GetSendPacket(*key);
   return true;
 }
 

@@ -50,7 +50,8 @@ MasterControllerClientMock::MasterControllerClientMock(int joint_num, int cycle_
       inner_state_(joint_num),
       traj_via_points_(inner_state_.joints.size()),
       traj_target_(inner_state_.joints.size()),
-      traj_start_(inner_state_.joints.size()) {
+      traj_start_(inner_state_.joints.size()),
+      snapshot_(joint_num) {
   is_init_ = true;  // without any link, deliberately: the facade behaves as if one were open
   is_connected_ = true;
   inner_state_.header.timestamp = 0;
@@ -65,7 +66,9 @@ MasterControllerClientMock::~MasterControllerClientMock() {
 
 // The state is copied without state_mutex_, deliberately: a snapshot may mix the values of two cycles.
 int MasterControllerClientMock::ReceiveStatus() {
-  SetRecvBuffer(inner_state_);
+  snapshot_ = inner_state_;
+  PushRecvBuffer(snapshot_);
+  last_recv_packet_ = std::move(snapshot_);
   return static_cast<int>(recv_buffer_.size());
 }
 

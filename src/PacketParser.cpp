@@ -2,7 +2,6 @@
 #include "PacketParser.h"
 
 #include <algorithm>
-#include <array>
 #include <cstring>
 #include <iterator>
 
@@ -10,7 +9,39 @@
 
 namespace {
 
+constexpr char kMark[2] = {static_cast<char>(velta::kStartMark[0]), static_cast<char>(velta::kStartMark[1])};
+
 std::deque<char>::difference_type Steps(std::size_t n) { return static_cast<std::deque<char>::difference_type>(n); }
+
+/// @return the first start mark; without one the last byte, which may be the first half of one
+const char* FindMark(const char* at, const char* end) {
+  while (end - at >= 2) {
+    if (at[0] == kMark[0] && at[1] == kMark[1]) return at;
+    const void* const next = std::memchr(at + 1, kMark[0], static_cast<std::size_t>(end - at - 1));
+    if (next == nullptr) return end - 1;
+    at = static_cast<const char*>(next);
+  }
+  return at;
+}
+
+/// A negative joint count gives a size that no buffer reaches.
+std::size_t FrameSize(int jointNum) { return static_cast<std::size_t>(velta::StatusFrameSizes(jointNum).packet); }
+
+/// Calls put(frame) for every whole frame with a right CRC.
+/// @return bytes consumed
+template <typename Put>
+std::size_t CutFrames(const std::vector<char>& bytes, std::size_t frame_size, Put put) {
+  const char* at = bytes.data();
+  const char* const end = at + bytes.size();
+  const auto left = [&] { return static_cast<std::size_t>(end - at); };
+  while (left() >= frame_size) {
+    at = FindMark(at, end);
+    if (left() < frame_size) break;
+    if (velta::detail::StatusCrcIsRight(at, frame_size)) put(at);
+    at += frame_size;  // also with a wrong CRC, deliberately
+  }
+  return bytes.size() - left();
+}
 
 }  // namespace
 
@@ -24,39 +55,44 @@ int PacketParser::Push(std::vector<char> bytes) {
 }
 
 void PacketParser::SearchHeader() {
-  constexpr char kFirst = static_cast<char>(velta::kStartMark[0]);
-  constexpr char kSecond = static_cast<char>(velta::kStartMark[1]);
-  std::array<char, 4096> run;  // the queue's bytes in one piece, so that memchr can search them
-  while (buffer.size() >= 2) {
-    if (buffer[0] == kFirst && buffer[1] == kSecond) return;
-    const std::size_t length = std::min(run.size(), buffer.size());
-    std::copy_n(buffer.begin(), length, run.begin());
-    // Drop up to the next mark in the run, or to its last byte, which may be the first half of one.
-    const char* const last = run.data() + length - 1;
-    const char* p = run.data() + 1;
-    while ((p = static_cast<const char*>(std::memchr(p, kFirst, static_cast<std::size_t>(last - p)))) != nullptr &&
-           p[1] != kSecond) {
-      ++p;
-    }
-    const auto drop = static_cast<std::size_t>((p != nullptr ? p : last) - run.data());
-    buffer.erase(buffer.begin(), buffer.begin() + Steps(drop));
-  }
+  if (buffer.size() < 2) return;
+  const auto mark = std::search(buffer.begin(), buffer.end(), std::begin(kMark), std::end(kMark));
+  buffer.erase(buffer.begin(), mark != buffer.end() ? mark : mark - 1);
 }
 
 std::vector<RecvPacket> PacketParser::Parse() {
   std::vector<RecvPacket> packets;
-  // A negative size becomes one that no buffer reaches.
-  const auto frame_size = static_cast<std::size_t>(velta::StatusFrameSizes(jointNum).packet);
-  std::vector<char> frame;
-  while (buffer.size() >= frame_size) {
-    SearchHeader();
-    if (buffer.size() < frame_size) break;
-    const auto end = buffer.begin() + Steps(frame_size);
-    frame.assign(buffer.begin(), end);
-    buffer.erase(buffer.begin(), end);
-    if (!velta::detail::StatusCrcIsRight(frame.data(), frame_size)) continue;  // costs the whole length, deliberately
+  const std::size_t frame_size = FrameSize(jointNum);
+  if (buffer.size() < frame_size) return packets;
+  const std::vector<char> bytes(buffer.begin(), buffer.end());  // in one piece, for the search and the CRC
+  packets.reserve(bytes.size() / frame_size);
+  const std::size_t consumed = CutFrames(bytes, frame_size, [&](const char* frame) {
     packets.emplace_back(jointNum);
-    velta::detail::CopyStatusFrame(frame.data(), packets.back());
-  }
+    velta::detail::CopyStatusFrame(frame, packets.back());
+  });
+  buffer.erase(buffer.begin(), buffer.begin() + Steps(consumed));
   return packets;
+}
+
+std::size_t PacketParser::Cut(std::vector<char>& bytes, std::vector<RecvPacket>& packets) {
+  const std::size_t frame_size = FrameSize(jointNum);
+  const bool direct = buffer.empty();
+  if (!direct) {
+    buffer.insert(buffer.end(), bytes.begin(), bytes.end());
+    if (buffer.size() < frame_size) return 0;
+    bytes.assign(buffer.begin(), buffer.end());
+  }
+  std::size_t count = 0;
+  const std::size_t consumed = CutFrames(bytes, frame_size, [&](const char* frame) {
+    if (count == packets.size()) packets.emplace_back(jointNum);
+    RecvPacket& packet = packets[count++];
+    if (packet.jointNum != jointNum) packet = RecvPacket(jointNum);
+    velta::detail::CopyStatusFrame(frame, packet);
+  });
+  if (direct) {
+    buffer.insert(buffer.end(), bytes.begin() + Steps(consumed), bytes.end());
+  } else {
+    buffer.erase(buffer.begin(), buffer.begin() + Steps(consumed));
+  }
+  return count;
 }

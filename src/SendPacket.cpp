@@ -3,9 +3,9 @@
 
 #include <algorithm>
 #include <cstring>
-#include <string_view>
 #include <utility>
 
+#include "command_frame.h"
 #include "text.h"
 
 namespace {
@@ -19,11 +19,17 @@ void VisitNamedJoints(const std::string& ids, int jointNum, Visit visit) {
     for (int i = 0; i < jointNum; ++i) visit(i);
     return;
   }
-  for (std::string_view rest = ids; !rest.empty();) {
-    const std::size_t slash = std::min(rest.find('/'), rest.size());
-    const std::optional<int> id = velta::detail::ParseInt32(rest.substr(0, slash));
-    if (id && *id >= 0 && *id < jointNum) visit(*id);
-    rest.remove_prefix(std::min(slash + 1, rest.size()));
+  constexpr int kPlainDigits = 9;  // as many fit into an int, whatever they are
+  const char* const end = ids.data() + ids.size();
+  for (const char* p = ids.data(); p != end; p += p != end ? 1 : 0) {
+    const char* const token = p;
+    int id = 0;
+    for (; p != end && p - token < kPlainDigits && *p >= '0' && *p <= '9'; ++p) id = id * 10 + (*p - '0');
+    if (p == token || (p != end && *p != '/')) {
+      p = std::find(p, end, '/');
+      id = velta::detail::ParseInt32({token, static_cast<std::size_t>(p - token)}).value_or(-1);
+    }
+    if (id >= 0 && id < jointNum) visit(id);
   }
 }
 
@@ -107,7 +113,7 @@ void SendPacket::SetValue(const std::vector<int>& ids, int n, float v) {
 std::vector<int> SendPacket::ParseIDString(const std::string& ids) const {
   std::vector<int> result;
   const bool all = ids == "all";
-  result.reserve(all ? joints.size() : static_cast<std::size_t>(std::count(ids.begin(), ids.end(), '/')) + 1);
+  result.reserve(all ? joints.size() : ids.size() / 2 + 1);
   VisitNamedJoints(ids, jointNum, [&](int id) { result.push_back(id); });
   return result;
 }
@@ -125,16 +131,21 @@ void SendPacket::SetCommonCommand(const std::string& ids, int order, float value
   SetCommonCommand(ids, static_cast<ePacketOrder>(order), value1, value2, value3, value4);
 }
 
-std::vector<char> SendPacket::GetCharVector() const {
-  const std::size_t records = joints.size() * sizeof(txJoint_t);
-  std::vector<char> frame(sizeof header + records + velta::kCrcSize);
-  std::memcpy(frame.data(), &header, sizeof header);
-  if (records != 0) std::memcpy(frame.data() + sizeof header, joints.data(), records);
-  const std::size_t covered = sizeof header + records;
+void velta::detail::WriteCommandFrame(const SendPacket& packet, std::vector<char>& frame) {
+  const std::size_t records = packet.joints.size() * sizeof(txJoint_t);
+  const std::size_t covered = sizeof packet.header + records;
+  frame.resize(covered + kCrcSize);
+  std::memcpy(frame.data(), &packet.header, sizeof packet.header);
+  if (records != 0) std::memcpy(frame.data() + sizeof packet.header, packet.joints.data(), records);
   const unsigned short crc =
       CalcCrc16(reinterpret_cast<const unsigned char*>(frame.data()), static_cast<unsigned short>(covered));
   frame[covered] = static_cast<char>(crc & 0xFF);
   frame[covered + 1] = static_cast<char>(crc >> 8);
+}
+
+std::vector<char> SendPacket::GetCharVector() const {
+  std::vector<char> frame;
+  velta::detail::WriteCommandFrame(*this, frame);
   return frame;
 }
 

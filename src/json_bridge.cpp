@@ -10,6 +10,7 @@
 #include <iterator>
 #include <optional>
 #include <stdexcept>
+#include <string_view>
 #include <type_traits>
 #include <utility>
 
@@ -34,15 +35,58 @@ void Assign(std::string& text, Integer number) {
 }
 
 /// Adds a string member. The reference stays good while the object lives, whatever is added to it.
-std::string& AddText(object& members, const std::string& key) {
+std::string& AddText(object& members, const char* key) {
   return members.emplace(key, value(std::string())).first->second.get<std::string>();
 }
+
+/// Text under construction, written a character at a time at half the price of std::string.
+class Output {
+ public:
+  using value_type = char;
+
+  explicit Output(std::size_t expected) { MakeRoom(expected); }
+
+  void push_back(char c) {
+    if (at_ == end_) MakeRoom(text_.size());
+    *at_++ = c;
+  }
+
+  std::string Take() {
+    text_.resize(Used());
+    return std::move(text_);
+  }
+
+ private:
+  std::size_t Used() const { return static_cast<std::size_t>(at_ - text_.data()); }
+
+  void MakeRoom(std::size_t more) {
+    const std::size_t used = at_ != nullptr ? Used() : 0;
+    text_.resize(text_.size() + more);
+    at_ = text_.data() + used;
+    end_ = text_.data() + text_.size();
+  }
+
+  std::string text_;
+  char* at_ = nullptr;
+  char* end_ = nullptr;
+};
 
 /// One joint's members, built once and overwritten for every packet.
 class JointDocument {
  public:
+  /// @return the members, all empty
+  static object Members() {
+    object members;
+    for (const char* key : kKeys) AddText(members, key);
+    return members;
+  }
+
+  /// @param members  a copy of Members()
   explicit JointDocument(object& members) {
-    for (std::size_t i = 0; i < kKeys.size(); ++i) texts_[i] = &AddText(members, kKeys[i]);
+    std::array<std::string*, kKeys.size()> in_order;
+    std::transform(members.begin(), members.end(), in_order.begin(),
+                   [](auto& member) { return &member.second.template get<std::string>(); });
+    for (std::size_t i = 0; i < kKeys.size(); ++i) texts_[i] = in_order[kPlaces[i]];
   }
 
   void Set(std::size_t joint_id, const rxJoint_t& joint) {
@@ -98,8 +142,20 @@ class JointDocument {
                                                         "general_1",
                                                         "general_2",
                                                         "general_3"};
+  /// Where each key stands among the sorted keys of an object.
+  static constexpr std::array<std::size_t, kKeys.size()> Places() {
+    std::array<std::size_t, kKeys.size()> places{};
+    for (std::size_t i = 0; i < kKeys.size(); ++i) {
+      for (const std::string_view other : kKeys) places[i] += other < std::string_view(kKeys[i]) ? 1u : 0u;
+    }
+    return places;
+  }
+  static const std::array<std::size_t, kKeys.size()> kPlaces;
+
   std::array<std::string*, kKeys.size()> texts_;
 };
+
+constexpr std::array<std::size_t, JointDocument::kKeys.size()> JointDocument::kPlaces = JointDocument::Places();
 
 /// A whole document, built once and overwritten for every packet.
 class StateDocument {
@@ -112,8 +168,13 @@ class StateDocument {
     array& states = members.emplace("jointState", value(array())).first->second.get<array>();
     states.reserve(joints);
     joints_.reserve(joints);
+    value empty(JointDocument::Members());
     for (std::size_t i = 0; i < joints; ++i) {
-      states.emplace_back(object());
+      if (i + 1 < joints) {
+        states.push_back(empty);
+      } else {
+        states.push_back(std::move(empty));
+      }
       joints_.emplace_back(states.back().get<object>());
     }
   }
@@ -127,10 +188,9 @@ class StateDocument {
     for (std::size_t i = 0; i < joints_.size(); ++i) joints_[i].Set(i + 1, packet.joints[i]);
     constexpr std::size_t kHeaderText = 128;
     constexpr std::size_t kJointText = 640;
-    std::string text;
-    text.reserve(kHeaderText + joints_.size() * kJointText);
-    root_.serialize(std::back_inserter(text));
-    return text;
+    Output output(kHeaderText + joints_.size() * kJointText);
+    root_.serialize(std::back_inserter(output));
+    return output.Take();
   }
 
  private:

@@ -7,17 +7,24 @@ SendPacketBuffer::SendPacketBuffer() = default;
 SendPacketBuffer::~SendPacketBuffer() = default;
 
 void SendPacketBuffer::pushBack(const SendPacket& packet) {
-  std::map<int, SendPacket> arrival;  // built before anything changes, so that a failed allocation changes nothing
   const std::lock_guard<std::mutex> lock(mutex_);
-  arrival.emplace(index_, packet);
+  const auto arrival = [&] {
+    if (spare_count_ == 0) return packet_map_.emplace_hint(packet_map_.end(), index_, packet);
+    auto& node = spare_nodes_[spare_count_ - 1];
+    node.mapped() = packet;
+    node.key() = index_;
+    --spare_count_;
+    return packet_map_.insert(packet_map_.end(), std::move(node));
+  }();
   if (packet.IsUnique()) {
-    const auto [entry, is_new] = unique_key_map_.try_emplace(packet.GetUniqueKey(), index_);
-    if (!is_new) {
-      packet_map_.erase(entry->second);
-      entry->second = index_;
+    try {
+      const auto [entry, is_new] = unique_key_map_.try_emplace(packet.GetUniqueKey(), index_);
+      if (!is_new) packet_map_.erase(std::exchange(entry->second, index_));
+    } catch (...) {  // a failed allocation changes nothing
+      packet_map_.erase(arrival);
+      throw;
     }
   }
-  packet_map_.insert(packet_map_.end(), arrival.extract(arrival.begin()));
   ++index_;
 }
 
@@ -28,11 +35,13 @@ void SendPacketBuffer::popAllPackets(std::unordered_map<std::string, SendPacket>
   not_unique_packets.reserve(not_unique_packets.size() + packet_map_.size());
   // Key by key, so that an allocation that fails on the way leaves neither a key without its packet nor half a packet.
   for (auto entry = unique_key_map_.begin(); entry != unique_key_map_.end(); entry = unique_key_map_.erase(entry)) {
-    const auto packet = packet_map_.find(entry->second);
-    unique_packets.try_emplace(entry->first, std::move(packet->second));
-    packet_map_.erase(packet);
+    unique_packets.try_emplace(entry->first, std::move(packet_map_.at(entry->second)));
+    packet_map_.erase(entry->second);
   }
   for (auto& entry : packet_map_) not_unique_packets.push_back(std::move(entry.second));
+  while (!packet_map_.empty() && spare_count_ < spare_nodes_.size()) {
+    spare_nodes_[spare_count_++] = packet_map_.extract(packet_map_.begin());
+  }
   reset();
 }
 

@@ -2,6 +2,7 @@
 #include "send_packet_merger.h"
 
 #include <iterator>
+#include <optional>
 #include <utility>
 
 namespace {
@@ -24,21 +25,19 @@ std::deque<SendPacket> MergeLists(std::vector<PacketList>& lists, int joint_num,
   std::deque<SendPacket> merged;
   std::deque<SendPacket> left_over;
   for (std::size_t pass = 0;; ++pass) {
-    SendPacket fresh(0);
-    bool any_active = false;
+    std::optional<SendPacket> fresh;
     bool any_merged = false;
     for (PacketList& list : lists) {
       if (pass >= list.size()) continue;
-      if (!any_active) fresh = SendPacket(joint_num);
-      any_active = true;
-      if (SendPacketMerger::mergePacket(fresh, list[pass])) {
+      if (!fresh) fresh.emplace(joint_num);
+      if (SendPacketMerger::mergePacket(*fresh, list[pass])) {
         any_merged = true;
       } else {
         left_over.push_back(Take(list[pass], source));
       }
     }
-    if (!any_active) break;
-    if (any_merged) merged.push_back(std::move(fresh));
+    if (!fresh) break;
+    if (any_merged) merged.push_back(std::move(*fresh));
   }
   Append(merged, left_over);
   return merged;

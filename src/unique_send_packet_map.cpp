@@ -7,12 +7,13 @@ UniqueSendPacketMap::UniqueSendPacketMap() : mutex_(std::make_unique<std::mutex>
 
 UniqueSendPacketMap::~UniqueSendPacketMap() { mutex_.reset(); }
 
-void UniqueSendPacketMap::Insert(const std::string& key, const SendPacket& packet) {
-  SendPacket copy = packet;
+void UniqueSendPacketMap::Insert(const std::string& key, const SendPacket& packet) { Place(key, SendPacket(packet)); }
+
+void UniqueSendPacketMap::Place(const std::string& key, SendPacket&& packet) {
   const std::lock_guard<std::mutex> lock(*mutex_);
   bool& sent = sent_map_.try_emplace(key, true).first->second;
-  packet_map_.insert_or_assign(key, std::move(copy));
-  if (sent) ++waiting_;
+  const auto entry = packet_map_.insert_or_assign(key, std::move(packet)).first;
+  if (sent) search_from_ = waiting_++ == 0 ? &entry->first : nullptr;
   sent = false;
 }
 
@@ -35,4 +36,19 @@ std::vector<std::string> UniqueSendPacketMap::GetNotSentKeys() const {
     if (!sent_map_.at(entry.first)) keys.push_back(entry.first);
   }
   return keys;
+}
+
+const std::string* UniqueSendPacketMap::FirstNotSentKey() const {
+  const std::string* from = search_from_;
+  while (waiting_ != 0) {
+    for (auto entry = from != nullptr ? packet_map_.find(*from) : packet_map_.begin(); entry != packet_map_.end();
+         ++entry) {
+      if (sent_map_.at(entry->first)) continue;
+      search_from_ = &entry->first;
+      return &entry->first;
+    }
+    if (from == nullptr) break;
+    from = nullptr;
+  }
+  return nullptr;
 }

@@ -3,7 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <random>
 #include <set>
+#include <sstream>
 
 #include "support/bytes.h"
 #include "support/capture.h"
@@ -27,15 +30,6 @@ SendPacket Stamped(unsigned long stamp) {
 
 class Client : public testing::Test {
  protected:
-  void Queue(unsigned long stamp, bool confirm = false) {
-    SendPacket p = Stamped(stamp);
-    client.PushSendQueue(p, confirm);
-  }
-  void QueueUnique(const std::string& key, unsigned long stamp) {
-    SendPacket p = Stamped(stamp);
-    p.SetUniqueKey(key);
-    client.InsertUniqueSendMap(p);
-  }
   void Steps(int count) {
     for (int i = 0; i < count; ++i) client.SendPacketInBuffer();
   }
@@ -52,8 +46,6 @@ class Client : public testing::Test {
   ScriptedClient client{1};
   ScriptedLink& link = *client.link;
 };
-
-using Stamps = std::vector<unsigned long>;
 
 TEST(ClientWithoutLink, RefusesEverythingQuietly) {
   MasterControllerClient client(2);
@@ -189,101 +181,86 @@ TEST_F(Client, AFailedReadOrWriteIsALostConnection) {
   EXPECT_FALSE(client.IsConnected());
 }
 
-TEST_F(Client, SendsTheQueueInOrderThenTheUniqueKeys) {
-  Steps(1);
-  QueueUnique("k", 40);
-  Queue(10);
-  Queue(20);
-  SendPacket front = Stamped(30);
-  client.PushFrontSendQueue(front, false);
-  EXPECT_EQ(client.GetSendBufferSize(), 3u);
-  Steps(6);
-  EXPECT_EQ(Sent(), (Stamps{30, 10, 20, 40}));
-  QueueUnique("k", 50);
-  QueueUnique("k", 60);
-  Steps(2);
-  EXPECT_EQ(Sent(), (Stamps{30, 10, 20, 40, 60}));
-  Queue(70);
-  client.FlushSendBuffer();
-  Steps(1);
-  EXPECT_EQ(link.writes.size(), 5u);
-  EXPECT_EQ(client.PopSendQueue().joints.size(), 1u);
+/// A story of the send step, in statements separated by ';':
+///   q100 q100c f100    push a packet of that stamp to the queue's back (c: confirmed) or front
+///   k100 x100          file it under the unique key k or x
+///   a100 b100          push it, unique with key k, to the named buffer a or b
+///   r100               a status arrives that echoes that stamp
+///   o100 o100k         SendOnce, or with the stamp kept
+///   s3                 three send steps
+///   flush shut         empty the queue; shut the gate
+///   =1 2               what was sent so far
+///   #2                 packets left in the queue
+///   >1                 lines printed by the last statement of steps, the last of them ending with this
+class SendStory : public Client {
+ protected:
+  void Play(const std::string& story) {
+    std::istringstream statements(story);
+    std::string printed;
+    for (std::string text; statements >> std::ws && std::getline(statements, text, ';');) {
+      SCOPED_TRACE(text);
+      const char what = text[0];
+      const unsigned long number = std::strtoul(text.c_str() + 1, nullptr, 10);
+      SendPacket p = Stamped(number);
+      p.SetServoOn("0");
+      p.SetUniqueKey(std::string(1, what));
+      if (what == 'q') client.PushSendQueue(p, text.back() == 'c');
+      if (what == 'f' && number != 0) client.PushFrontSendQueue(p, false);
+      if (what == 'k' || what == 'x') client.InsertUniqueSendMap(p);
+      if (what == 'a' || what == 'b') client.PushBackIndependentSendBuffer(p, std::string(1, what), false, true, "k");
+      if (what == 'r') Arrive(1, number), client.ReceiveStatus();
+      if (what == 'o') client.SendOnce(p, text.back() == 'k');
+      if (what == 's' && number != 0) printed = Printed([&] { Steps(static_cast<int>(number)); });
+      if (text == "flush") client.FlushSendBuffer();
+      if (text == "shut") client.ready_to_send_ = false;
+      std::string is = text;
+      if (what == '=') {
+        is = "=";
+        for (const unsigned long stamp : Sent()) is += (is == "=" ? "" : " ") + std::to_string(stamp);
+      }
+      if (what == '#') is = "#" + std::to_string(client.GetSendBufferSize());
+      if (what == '>') is = ">" + printed.substr(0, printed.size() - (printed.empty() ? 0 : 1));
+      EXPECT_EQ(is, text);
+    }
+  }
+};
+
+TEST_F(SendStory, TheQueueGoesInOrderAndBeforeTheUniqueKeys) {
+  Play(
+      "s1; =; k40; q10; q20; f30; #3; s6; =30 10 20 40; k50; k60; s2; =30 10 20 40 60; q70; flush; #0; s1; #0; =30 10 "
+      "20 40 60");
+  EXPECT_EQ(client.PopSendQueue().joints[0].order, 0);  // from an empty queue: nothing is commanded
 }
 
-TEST_F(Client, TwoFramesInARowNeverCarryTheSameStamp) {
-  for (const unsigned long stamp : {7UL, 7UL, 8UL, 9UL, 9UL}) Queue(stamp);
-  Steps(5);
-  EXPECT_EQ(Sent(), (Stamps{7, 8, 9, 10, 9}));  // only the frame before counts
-  SendPacket again = Stamped(9);
-  client.SendOnce(again, true);
-  EXPECT_EQ(Sent().back(), 9u);
-  EXPECT_EQ(again.GetTimeStamp(), 9u);
-  client.SendOnce(again, false);
-  EXPECT_EQ(again.GetTimeStamp(), 10u);
+TEST_F(SendStory, TwoFramesInARowNeverCarryTheSameStamp) {
+  Play("q7; q7; q8; q9; q9; s5; =7 8 9 10 9; o9k; =7 8 9 10 9 9; o9; =7 8 9 10 9 9 10");
   EXPECT_EQ(client.last_send_timestamp_, 10u);
 }
 
-TEST_F(Client, AnEchoEndsTheWaitAndTheSameStepSendsTheNext) {
-  Queue(100, true);
-  Queue(200);
-  Steps(50);
-  EXPECT_EQ(Sent(), Stamps{100});
-  Arrive(1, 99);
-  client.ReceiveStatus();
-  Steps(1);
-  EXPECT_EQ(Sent(), Stamps{100});
-  Arrive(2, 100);
-  client.ReceiveStatus();
-  Steps(1);
-  EXPECT_EQ(Sent(), (Stamps{100, 200}));
-  EXPECT_EQ(client.wait_count_, 0);
+TEST_F(SendStory, AnEchoEndsTheWaitAndTheSameStepSendsTheNext) {
+  Play("q100c; q200c; s50; =100; r99; s1; =100; r100; s1; =100 200; s100; =100 200; >; s1; =100 200 201");
 }
 
-TEST_F(Client, AnUnconfirmedCommandIsSentFiveTimesThenTheQueueIsDropped) {
-  Queue(100, true);
-  Queue(900);
-  QueueUnique("k", 800);
-  Steps(1);
-  for (int timeout = 1; timeout <= 4; ++timeout) {
-    EXPECT_EQ(Printed([&] { Steps(100); }), "");
-    const std::string line = "Timeout: " + std::to_string(timeout) + "\n";
-    EXPECT_EQ(Printed([&] { Steps(1); }), line);
-    EXPECT_EQ(Sent().back(), 100u + static_cast<unsigned>(timeout));
-    EXPECT_EQ(link.writes.size(), 1u + static_cast<unsigned>(timeout));
-  }
-  EXPECT_EQ(Printed([&] { Steps(101); }), "Timeout: 5\nSend timeout. Clear all send data buffer.\n");
-  EXPECT_EQ(link.writes.size(), 5u);
-  EXPECT_EQ(client.GetSendBufferSize(), 0u);
+TEST_F(SendStory, AnUnconfirmedCommandIsSentFiveTimesThenTheQueueIsDropped) {
+  Play(
+      "q100c; q900; k800; s1; =100; s100; >; =100; s1; >Timeout: 1; =100 101; s100; >; s1; >Timeout: 2; =100 101 102; "
+      "s100; >;"
+      "s1; >Timeout: 3; s100; >; s1; >Timeout: 4; =100 101 102 103 104; #1; s100; >; s1;"
+      ">Timeout: 5\nSend timeout. Clear all send data buffer.; =100 101 102 103 104; #0");
   EXPECT_FALSE(client.wait_confirm_);
   EXPECT_TRUE(client.ready_to_send_);
   EXPECT_EQ(client.wait_count_ + client.timeout_count_, 0);
-  Steps(1);
-  EXPECT_EQ(Sent().back(), 800u);  // the unique map keeps its packets
+  Play("s1; =100 101 102 103 104 800");  // the unique map keeps its packets
 }
 
-TEST_F(Client, ALateEchoOfAnEarlierSendDoesNotConfirmTheResend) {
-  Queue(100, true);
-  Printed([&] { Steps(102); });
-  EXPECT_EQ(Sent(), (Stamps{100, 101}));
-  Arrive(1, 100);
-  client.ReceiveStatus();
-  Steps(1);
-  EXPECT_TRUE(client.wait_confirm_);
-  EXPECT_EQ(client.timeout_count_, 1);
-  Arrive(1, 101);
-  client.ReceiveStatus();
-  Steps(1);
-  EXPECT_FALSE(client.wait_confirm_);
-  EXPECT_EQ(client.timeout_count_, 0);
+TEST_F(SendStory, ALateEchoOfAnEarlierSendDoesNotConfirmTheResend) {
+  Play("q100c; q300; s102; >Timeout: 1; =100 101; r100; s1; =100 101; r101; s1; =100 101 300");
+  EXPECT_EQ(client.timeout_count_ + client.wait_count_, 0);
 }
 
-TEST_F(Client, TheGateStaysShutWhileNeitherReadyNorWaiting) {
-  client.ready_to_send_ = false;
-  Queue(1);
-  Steps(300);
-  EXPECT_TRUE(link.writes.empty());
-  EXPECT_EQ(client.GetSendBufferSize(), 1u);
-}
+TEST_F(SendStory, TheGateStaysShutWhileNeitherReadyNorWaiting) { Play("shut; q1; s300; >; =; #1"); }
+
+TEST_F(SendStory, UniquePacketsThatCollideReplaceEachOther) { Play("a9; b9; a1; b2; s3; =2"); }
 
 TEST_F(Client, NamedBuffersMergeIntoTheQueueAndTheUniqueMap) {
   ScriptedClient arm(2);
@@ -318,20 +295,6 @@ TEST_F(Client, NamedBuffersMergeIntoTheQueueAndTheUniqueMap) {
   EXPECT_TRUE(arm.cur_send_packet_.GetConfirmReceived());
 }
 
-TEST_F(Client, UniquePacketsThatCollideReplaceEachOther) {
-  const auto push = [&](const char* buffer, unsigned long stamp) {
-    SendPacket p = Stamped(stamp);
-    p.SetServoOn("0");
-    client.PushBackIndependentSendBuffer(p, buffer, false, true, "k");
-  };
-  client.CreateIndependentSendPacketBuffer("a");
-  client.CreateIndependentSendPacketBuffer("b");
-  push("a", 1);
-  push("b", 2);
-  Steps(3);
-  EXPECT_EQ(Sent(), Stamps{2});
-}
-
 TEST_F(Client, SizesAndKeysAreReadWithoutTheMutex) {
   const std::lock_guard<std::mutex> lock(*client.mutex_);
   EXPECT_EQ(client.GetRecvBufferSize() + client.GetSendBufferSize(), 0u);
@@ -351,6 +314,23 @@ TEST_F(Client, APacketOverridesReachPushRecvBuffer) {
   counting.ReceiveStatus();
   counting.ReceiveStatus();
   EXPECT_EQ(counting.seen, (std::set<std::uint64_t>{5, 6}));
+}
+
+TEST(UniqueKeys, AreSentInTheMapsOrder) {
+  ScriptedClient client(1);
+  std::mt19937 random(4);
+  for (unsigned step = 0; step < 2000; ++step) {
+    for (auto fresh = random() % (step % 500 < 250 ? 4 : 2); fresh > 0; --fresh) {
+      SendPacket packet(1);
+      packet.SetUniqueKey(std::to_string(random() % (20 + step)));
+      client.InsertUniqueSendMap(packet);
+    }
+    const std::vector<std::string> waiting = client.unique_send_map_.GetNotSentKeys();
+    client.SendPacketInBuffer();
+    if (waiting.empty()) continue;
+    ASSERT_EQ(client.cur_send_packet_.GetUniqueKey(), waiting.front()) << step;
+    ASSERT_EQ(client.unique_send_map_.GetNotSentKeys().size(), waiting.size() - 1);
+  }
 }
 
 }  // namespace

@@ -7,8 +7,10 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <iostream>
 #include <iterator>
 #include <memory>
@@ -25,6 +27,7 @@
 #include "PacketParser.h"
 #include "SerialClient.h"
 #include "TcpClient.h"
+#include "UdpClient.h"
 #include "frames.h"
 #include "link.h"
 #include "server.h"
@@ -154,10 +157,16 @@ class ServedController {
   ServedController(const ServedController&) = delete;
   ServedController& operator=(const ServedController&) = delete;
   ~ServedController() {
-    eventfd_write(stop_fd_, 1);
-    thread_.join();
+    Stop();
     server_.reset();
     close(stop_fd_);
+  }
+
+  /// Ends the service. @return what happened
+  Summary Stop() {
+    eventfd_write(stop_fd_, 1);
+    if (thread_.joinable()) thread_.join();
+    return server_->GetSummary();
   }
 
   const tools::Link& Link() const { return link_; }
@@ -291,15 +300,22 @@ class Host : public MasterControllerClient {
   Clock::time_point last_delivery_ = Clock::now();
 };
 
-class FaultMatrix : public testing::TestWithParam<Case> {
- protected:
-  void SetUp() override { cout_ = std::cout.rdbuf(nullptr); }  // the client's log lines
-  void TearDown() override { std::cout.rdbuf(cout_); }
-
-  static void Pace() { std::this_thread::sleep_for(std::chrono::microseconds(300)); }  // of the host's control loop
+/// Keeps the client's log lines to itself.
+class Quiet {
+ public:
+  Quiet() : cout_(std::cout.rdbuf(nullptr)) {}
+  Quiet(const Quiet&) = delete;
+  Quiet& operator=(const Quiet&) = delete;
+  ~Quiet() { std::cout.rdbuf(cout_); }
 
  private:
-  std::streambuf* cout_ = nullptr;
+  std::streambuf* cout_;
+};
+
+void Pace() { std::this_thread::sleep_for(std::chrono::microseconds(300)); }  // of the host's control loop
+
+class FaultMatrix : public testing::TestWithParam<Case> {
+  Quiet quiet_;
 };
 
 TEST_P(FaultMatrix, EndsAsExpected) {
@@ -323,6 +339,8 @@ TEST_P(FaultMatrix, EndsAsExpected) {
     if (host->Strangers() != 0 && attempt == 1) continue;
     EXPECT_TRUE(host->IsAt(end)) << host->Describe();
     EXPECT_EQ(host->Strangers(), 0u);
+    const bool strikes = work != Work::Idle;  // without a command some have nothing to strike
+    for (const auto& [fault, count] : controller.Stop().faults) EXPECT_TRUE(count > 0 || !strikes) << fault;
     break;
   }
   EXPECT_EQ(OpenDescriptors(), descriptors);
@@ -333,9 +351,91 @@ INSTANTIATE_TEST_SUITE_P(, FaultMatrix,
                                           testing::Values(Work::Idle, Work::Unconfirmed, Work::Confirmed, Work::Json)),
                          [](const auto& cell) { return Name(cell.param); });
 
+/// What a fault makes of status frames, datagram by datagram.
+struct WireCase {
+  const char* rule;
+  std::function<bool(const std::vector<char>& datagram, ServedController& controller)> is_right;
+};
+
+class FaultOnTheWire : public testing::Test {
+  Quiet quiet_;
+};
+
+TEST_F(FaultOnTheWire, IsWhatItsNameTells) {
+  constexpr std::size_t kFrame = 79 * kJoints + 24;
+  constexpr std::size_t kEcho = 10;  // the echoed stamp's place in a frame
+  const auto has_size = [](std::size_t size) {
+    return [size](const auto& bytes, auto&) { return bytes.size() == size; };
+  };
+  const auto echoes = [](std::uint64_t stamp) {
+    return [stamp](const auto& bytes, auto&) { return std::memcmp(bytes.data() + kEcho, &stamp, sizeof stamp) == 0; };
+  };
+  SendPacket command(kJoints);
+  const WireCase cases[] = {
+      {"drop-status=0", [](const auto& bytes, auto& controller) { return controller.HasSent(bytes); }},
+      {"drop-command=0", echoes(command.GetTimeStamp())},
+      {"no-echo", echoes(0)},
+      {"stale-echo", echoes(0)},  // before the first command
+      {"byte-writes", has_size(1)},
+      {"coalesce=3", has_size(3 * kFrame)},
+      {"wrong-joints", has_size(kFrame + 79)},
+      {"wrong-joints=1", has_size(kFrame - 79)},
+      {"truncate", [](const auto& bytes, auto&) { return !bytes.empty() && bytes.size() < kFrame; }},
+      {"corrupt",
+       [](const auto& bytes, auto& controller) {
+         for (std::size_t bit = 0; bit < 8 * kFrame && bytes.size() == kFrame; ++bit) {
+           std::vector<char> repaired = bytes;
+           repaired[bit / 8] = static_cast<char>(repaired[bit / 8] ^ (1 << bit % 8));
+           if (controller.HasSent(repaired)) return true;
+         }
+         return false;
+       }},
+      {"garbage=1:40",
+       [](const auto& bytes, auto& controller) {
+         return bytes.size() > kFrame && bytes.size() <= kFrame + 40 &&
+                controller.HasSent(std::vector<char>(bytes.end() - kFrame, bytes.end()));
+       }},
+  };
+  for (const WireCase& wire : cases) {
+    ServedController controller(Kind::Udp, wire.rule);
+    UdpClient link(controller.Link().host, controller.Link().port);
+    ASSERT_TRUE(link.Init());
+    link.Write(command.GetCharVector());
+    const auto deadline = Clock::now() + std::chrono::seconds(20);
+    int datagrams = 0;
+    for (std::vector<char> bytes; datagrams < 6 && Clock::now() < deadline;) {
+      if (link.Read(bytes) <= 0) continue;
+      ++datagrams;
+      EXPECT_TRUE(wire.is_right(bytes, controller)) << wire.rule << ", a datagram of " << bytes.size();
+    }
+    EXPECT_EQ(datagrams, 6) << wire.rule;
+  }
+}
+
+TEST_F(FaultOnTheWire, DelaysTheEcho) {
+  for (const char* rule : {"delay-command=1:60", "delay-status=1:60", "late-echo=60"}) {
+    for (const Kind kind : {Kind::Tcp, Kind::Udp}) {
+      ServedController controller(kind, rule);
+      MasterControllerClient host(kJoints);
+      ASSERT_TRUE(tools::OpenLink(host, controller.Link()));
+      SendPacket command(kJoints);
+      const auto start = Clock::now();
+      host.SendOnce(command, true);
+      while (host.GetLastRecvPacket().header.hostTimestamp != command.GetTimeStamp() &&
+             Clock::now() - start < std::chrono::seconds(20)) {
+        host.ReceiveStatus();
+      }
+      EXPECT_GE(Clock::now() - start, milliseconds(60)) << rule;
+      EXPECT_LT(Clock::now() - start, std::chrono::seconds(20)) << rule;
+    }
+  }
+}
+
 /// Commands by the thousand at a controller that does not read for a while. The link's writes come back, at once from a
 /// full TCP window and when the device has taken all from a pty, and afterwards the controller executes commands again.
-class FullWindow : public testing::TestWithParam<Kind> {};
+class FullWindow : public testing::TestWithParam<Kind> {
+  Quiet quiet_;
+};
 
 TEST_P(FullWindow, EndsWhenTheControllerReadsAgain) {
   const std::size_t descriptors = OpenDescriptors();

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/bytes.h"
@@ -81,6 +82,9 @@ TEST_F(Recording, IsTheDocumentedBytes) {
   const char frame[] = {'\xab', '\xcd', 0};
   const Passage passage{LinkEvent::kToHost, frame, 3, 0x0102030405060708, 0x1112131415161718};
   EXPECT_EQ(RecordBytes(passage), kRecord);
+  const std::pair<LinkEvent, char> codes[] = {
+      {LinkEvent::kToController, 0}, {LinkEvent::kToHost, 1}, {LinkEvent::kOpened, 2}, {LinkEvent::kClosed, 3}};
+  for (const auto& [event, code] : codes) EXPECT_EQ(BareRecord(event, 1, {})[1], code);
   {
     RecordingWriter writer(path_, {1, "tcp://1.2.3.4:5"}, false);
     writer.Write(passage);
@@ -125,7 +129,8 @@ TEST_F(Recording, CutAnywhereKeepsTheWholeRecords) {
       continue;
     }
     const auto complete = static_cast<std::size_t>(std::upper_bound(ends.begin(), ends.end(), size) - ends.begin() - 1);
-    for (const std::size_t zeros : {0, 1, 5000}) {  // what a file system may leave behind the cut
+    for (const std::size_t zeros :
+         {std::size_t{0}, std::size_t{1}, std::size_t{5000}}) {  // what a file system may leave behind the cut
       if (zeros != 0 && size != ends[complete]) continue;
       Put(Joined({cut, Bytes(zeros, 0)}));
       RecordingReader reader(path_);
@@ -191,7 +196,7 @@ TEST_F(Recording, LeavesAFileOfThatNameAlone) {
   Put({'x'});
   EXPECT_THROW(RecordingWriter(path_, {6, ""}, false), velta::tools::Failure);
   EXPECT_EQ(Content(), Bytes{'x'});
-  RecordingWriter(path_, {6, ""}, true);
+  const RecordingWriter replacing(path_, {6, ""}, true);
   EXPECT_EQ(Content(), HeaderBytes({6, ""}));
 }
 

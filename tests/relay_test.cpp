@@ -4,9 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <random>
 #include <string>
 #include <vector>
@@ -141,6 +143,10 @@ TEST_P(Streams, LetAHostGoAndTakeTheNext) {
     EXPECT_TRUE(stand.Collect(stand.controller, bytes.size()) == bytes);
     ASSERT_TRUE(stand.Send(stand.controller, bytes));
     EXPECT_TRUE(stand.Collect(host, bytes.size()) == bytes);
+    if (GetParam().host == Link::Kind::Pty) {  // what this host leaves unread is not for the next one
+      ASSERT_TRUE(stand.Send(stand.controller, Bytes(100, 's')));
+      ASSERT_TRUE(stand.Until([&] { return stand.seen_down.size() % 1100 == 0; }));
+    }
     host.Close();
     if (GetParam().controller == Link::Kind::Tcp) {
       ASSERT_TRUE(stand.Until([&] { return !stand.controller.Receive() && stand.controller.ended; }));
@@ -200,6 +206,16 @@ TEST(Relay, AbsentUdpControllerIsNoEnd) {
   }
   ASSERT_TRUE(stand.Until([&] { return stand.seen_up.size() == 20; }));
   EXPECT_EQ(stand.events, "o");
+
+  // What became of one datagram does not cost the next one: the controller is back between them.
+  host.Send(Bytes{'y'});
+  host.Send(Bytes{'z'});
+  stand.relay.Step(1000);
+  ASSERT_EQ(stand.seen_up.back(), 'y');
+  Peer back(Link::Kind::Udp, stand.controller.link.port);
+  std::optional<Bytes> got;
+  ASSERT_TRUE(stand.Until([&] { return (got = back.Receive()).has_value(); }));
+  EXPECT_EQ(*got, Bytes{'z'});
 }
 
 TEST(Relay, PassesOneSidedCloseOn) {
@@ -226,6 +242,21 @@ TEST(Relay, PassesResetOn) {
     ASSERT_TRUE(stand.Until([&] { return !to.Receive() && to.error == ECONNRESET; })) << by_host;
     EXPECT_EQ(stand.events, "oc");
   }
+}
+
+// A host that has gone does not read what the controller still sends, and the controller learns it as it would alone.
+TEST(Relay, SendingToAHostThatHasGoneIsAReset) {
+  Stand stand(Link::Kind::Tcp, Link::Kind::Tcp);
+  Peer host(stand.relay.Address());
+  ASSERT_TRUE(stand.Until([&] { return stand.relay.Connected(); }));
+  host.Close();
+  ASSERT_TRUE(stand.Until([&] { return !stand.controller.Receive() && stand.controller.ended; }));
+  ASSERT_TRUE(stand.Until([&] {
+    if (stand.events == "oc") return true;
+    stand.controller.Send(Bytes(10, 'x'));
+    return false;
+  }));
+  EXPECT_EQ(stand.controller.Send(Bytes(10, 'x')), 0u);  // refused at once, as only a reset does
 }
 
 // A controller that never closes its side must not keep a host out that has closed and is back.

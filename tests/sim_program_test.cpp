@@ -5,6 +5,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -64,15 +65,17 @@ TEST(SimProgram, ListensOnEveryEndpointAndAnswersTheCheckThere) {
     const auto link = sim.ReadAfter("listening on ");
     ASSERT_TRUE(link) << prefix;
     EXPECT_EQ(link->find(prefix), 0u) << *link;
-    const RunResult check = RunProgram(Sim({"-n", "2", "--check", *link}));
-    EXPECT_EQ(check.status, 0) << check.err;
-    EXPECT_NE(check.out.find(" answers, after "), std::string::npos) << check.out;
-    EXPECT_EQ(check.err, "");
+    for (int host = 1; host <= 2; ++host) {  // the second one finds nothing of the first one's
+      const RunResult check = RunProgram(Sim({"-n", "2", "--check", *link}));
+      EXPECT_EQ(check.status, 0) << check.err;
+      EXPECT_NE(check.out.find(" answers, after "), std::string::npos) << check.out;
+      EXPECT_EQ(check.err, "");
+    }
   }
   sim.Signal(SIGINT);
   EXPECT_EQ(sim.Wait(), 0);
   EXPECT_EQ(sim.Errors(), "");  // no progress in a pipe
-  EXPECT_NE(sim.Output().find("connections     4\n"), std::string::npos) << sim.Output();
+  EXPECT_NE(sim.Output().find("connections     8\n"), std::string::npos) << sim.Output();
   EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(folder.File("arm"))));
 }
 
@@ -95,6 +98,63 @@ TEST(SimProgram, CheckTellsHowFarItCame) {
   ExpectOneLine(check("5", link), 1, "no status frame arrives");
   ExpectOneLine(check("2", "tcp://127.0.0.1:1"), 1, "Connection refused");
   ExpectOneLine(check("2", "serial:///nonexistent/tty"), 1, "No such file or directory");
+
+  Process slow(Sim({"-n", "2", "tcp://127.0.0.1:0", "--cycle-ms", "60000"}));
+  ExpectOneLine(check("2", slow.ReadAfter("listening on ").value_or("")), 1, "no status frame arrives");
+  const Folder folder;
+  Process refusing(Sim({"-n", "2", "tcp://127.0.0.1:0", "pty:" + folder.File("arm"), "--fault", "refuse"}));
+  ExpectOneLine(check("2", refusing.ReadAfter("listening on ").value_or("")), 1, "Connection refused");
+  ExpectOneLine(check("2", refusing.ReadAfter("listening on ").value_or("")), 1, "No such file or directory");
+}
+
+/// The next status of a client, within the tests' patience.
+bool Receive(MasterControllerClient& client) {
+  const auto deadline = Clock::now() + Process::kPatience;
+  while (Clock::now() < deadline) {
+    if (client.ReceiveStatus() > 0) return true;
+  }
+  return false;
+}
+
+TEST(SimProgram, AnswersTheUdpPeerThatSentLastAlone) {
+  Process sim(Sim({"-n", "2", "udp://127.0.0.1:0"}));
+  const velta::tools::Link link = velta::tools::ParseLink(sim.ReadAfter("listening on ").value_or(""));
+  MasterControllerClient first(2);
+  MasterControllerClient second(2);
+  SendPacket command(2);
+  for (MasterControllerClient* host : {&first, &second}) {
+    ASSERT_TRUE(velta::tools::OpenLink(*host, link));
+    host->SendOnce(command, true);
+    ASSERT_TRUE(Receive(*host));
+  }
+  while (first.ReceiveStatus() > 0) continue;  // what was on its way
+  for (int i = 0; i < 5; ++i) ASSERT_TRUE(Receive(second));
+  EXPECT_EQ(first.ReceiveStatus(), 0);
+}
+
+TEST(SimProgram, ServesLargeArmsForLong) {
+  Process sim(Sim({"-n", "200", "tcp://127.0.0.1:0", "--cycle-ms", "2"}));
+  MasterControllerClient host(200);
+  ASSERT_TRUE(velta::tools::OpenLink(host, velta::tools::ParseLink(sim.ReadAfter("listening on ").value_or(""))));
+  for (int frames = 0; frames < 100; ++frames) ASSERT_TRUE(Receive(host)) << frames;  // 1.6 MB
+}
+
+TEST(SimProgram, ANewUserOfThePtyFindsNothingOld) {
+  Process sim(Sim({"-n", "2", "pty:", "--cycle-ms", "1"}));
+  const velta::tools::Link link = velta::tools::ParseLink(sim.ReadAfter("listening on ").value_or(""));
+  std::uint64_t newest = 0;
+  {
+    MasterControllerClient host(2);
+    ASSERT_TRUE(velta::tools::OpenLink(host, link));
+    ASSERT_TRUE(Receive(host));
+    newest = host.GetLastRecvPacket().header.timestamp;
+    std::this_thread::sleep_for(milliseconds(100));  // frames that nobody reads
+  }
+  std::this_thread::sleep_for(milliseconds(100));  // nothing tells that the device is seen to be free
+  MasterControllerClient host(2);
+  ASSERT_TRUE(velta::tools::OpenLink(host, link));
+  ASSERT_TRUE(Receive(host));
+  EXPECT_GT(host.GetCurStatePacket().front().header.timestamp, newest + 100'000);  // us
 }
 
 TEST(SimProgram, JsonIsOneDocumentALine) {
@@ -178,11 +238,14 @@ TEST(SimProgram, WhatItCannotDoIsOneLine) {
   std::ofstream(script) << "{\"at_ms\": 1, \"fault\": \"corrupt\"}\n{\"at_ms\": 1, \"fault\": \"corrput\"}\n";
   const std::string file = folder.File("file");
   std::ofstream(file) << "precious";
+  const std::string other_link = folder.File("link");
+  std::filesystem::create_symlink(file, other_link);
   const std::pair<std::vector<std::string>, std::string> cases[] = {
       {{"--script", script}, "faults.jsonl:2: there is no fault 'corrput'"},
       {{"--script", folder.File("missing")}, "No such file"},
       {{"--script", folder.File("")}, "cannot read"},
-      {{"pty:" + file}, "is no symbolic link"},
+      {{"pty:" + file}, "does not lead to a pty"},
+      {{"pty:" + other_link}, "does not lead to a pty"},
       {{"pty:" + folder.File("no/such")}, "No such file"},
       {{"tcp://192.0.2.1:0"}, "cannot listen on tcp://192.0.2.1:0"},
   };
@@ -190,6 +253,8 @@ TEST(SimProgram, WhatItCannotDoIsOneLine) {
     arguments.insert(arguments.begin(), {"-n", "2", "udp://127.0.0.1:0"});
     ExpectOneLine(RunProgram(Sim(arguments)), 1, part);
   }
+  ExpectOneLine(RunProgram({"sh", "-c", VELTA_PROGRAM " sim -n 2 tcp://127.0.0.1:0 >/dev/full"}), 1,
+                "cannot write to standard output");
   std::string text;
   std::ifstream(file) >> text;
   EXPECT_EQ(text, "precious");

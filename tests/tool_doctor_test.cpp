@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <memory>
+#include <list>
 #include <string>
 #include <vector>
 
@@ -19,200 +19,176 @@
 #include "support/simulated_arm.h"
 #include "support/wire_bytes.h"
 
-using velta::test::Chars;
-using velta::test::Process;
-using velta::test::RunProgram;
-using velta::test::SimulatedArm;
-using velta::test::StatusBytes;
-using velta::test::StatusJoint;
-using velta::tools::FitJointCount;
+using namespace velta::test;
+using namespace velta::tools;
 
 namespace fs = std::filesystem;
 
 namespace {
 
-class TemporaryDirectory {
- public:
-  TemporaryDirectory() {
-    std::string name = (fs::temp_directory_path() / "velta-XXXXXX").string();
-    path_ = mkdtemp(name.data());
+class InFolder : public testing::Test {
+ protected:
+  InFolder() : root_(testing::TempDir() + "velta_doctor_" + std::to_string(getpid())) {}
+  ~InFolder() override { fs::remove_all(root_); }
+  void Fill(const char* file, const std::string& text) const {
+    fs::create_directories((root_ / file).parent_path());
+    std::ofstream(root_ / file) << text;
   }
-  TemporaryDirectory(const TemporaryDirectory&) = delete;
-  TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
-  ~TemporaryDirectory() { fs::remove_all(path_); }
-  const fs::path& Path() const { return path_; }
-
- private:
-  fs::path path_;
+  const fs::path root_;
 };
+using Diagnosis = InFolder;
+using Doctor = InFolder;
 
-void Fill(const fs::path& file, const std::string& text) {
-  fs::create_directories(file.parent_path());
-  std::ofstream(file) << text;
-}
+RunResult Examine(const std::string& link) { return Velta({"doctor", "-n", "3", link}); }
 
-TEST(Diagnosis, FindsTheJointCountThatFits) {
-  const std::string seven =
-      StatusBytes(1, 0, std::vector<StatusJoint>(7)) + StatusBytes(2, 0, std::vector<StatusJoint>(7));
+TEST_F(Diagnosis, FindsTheJointCountThatFits) {
+  const std::vector<StatusJoint> joints(7);
+  const std::string seven = StatusText(1, 0, joints) + StatusText(2, 0, joints);
   const std::string damaged = "\xAB\xCD noise" + seven.substr(100, 200) + seven + seven;
-  struct Case {
-    const char* name;
-    std::string bytes;
-    std::optional<int> joints;
-  };
-  for (const Case& c : {Case{"clean", seven, 7}, Case{"amid noise", damaged, 7},
-                        Case{"one frame may be chance", seven.substr(0, 577), {}}, Case{"none", "hello, world", {}},
-                        Case{"nothing", "", {}}, Case{"no joints", StatusBytes(1, 0, {}) + StatusBytes(2, 0, {}), 0}}) {
-    EXPECT_EQ(FitJointCount(Chars(c.bytes), 16), c.joints) << c.name;
+  const std::string none = StatusText(1, 0, {}) + StatusText(2, 0, {});
+  const auto fit = [](const std::string& bytes, int most = 16) { return FitJointCount(Chars(bytes), most); };
+  EXPECT_EQ(fit(seven), 7);
+  EXPECT_EQ(fit(seven, 6), std::nullopt);
+  EXPECT_EQ(fit(damaged), 7);
+  EXPECT_EQ(fit(seven.substr(0, 577)), std::nullopt);  // one frame may be chance
+  EXPECT_EQ(fit("hello, world"), std::nullopt);
+  EXPECT_EQ(fit(""), std::nullopt);
+  EXPECT_EQ(fit(none), 0);
+}
+
+TEST_F(Diagnosis, NamesTheProcessesThatHoldADevice) {
+  const std::string self = "proc/" + std::to_string(getpid());
+  Fill("tty0", "");
+  fs::create_symlink(root_ / "tty0", root_ / "arm");
+  Fill("proc/12/comm", "screen\n");
+  Fill("proc/13/comm", "bash\n");
+  Fill((self + "/comm").c_str(), "self\n");
+  for (const std::string& holder : {std::string("proc/12"), self, std::string("proc/tty")}) {  // the last: no process
+    fs::create_directories(root_ / holder / "fd");
+    fs::create_symlink("/dev/null", root_ / holder / "fd/0");
+    for (const char* fd : {"fd/3", "fd/4"}) fs::create_symlink(fs::canonical(root_ / "tty0"), root_ / holder / fd);
   }
-  EXPECT_EQ(FitJointCount(Chars(seven), 6), std::nullopt);
+  const std::vector<std::string> holders = {"screen (pid 12)"};
+  EXPECT_EQ(HoldersOf(root_ / "proc", root_ / "tty0"), holders);
+  EXPECT_EQ(HoldersOf(root_ / "proc", root_ / "arm"), holders);
+  EXPECT_TRUE(HoldersOf(root_ / "proc", root_ / "tty1").empty());
+  EXPECT_TRUE(HoldersOf(root_ / "nothing", root_ / "tty0").empty());
 }
 
-TEST(Diagnosis, NamesTheProcessesThatHoldADevice) {
-  const TemporaryDirectory root;
-  const fs::path proc = root.Path() / "proc";
-  const fs::path device = root.Path() / "tty0";
-  Fill(device, "");
-  fs::create_symlink(device, root.Path() / "arm");
-  Fill(proc / "12/comm", "screen\n");
-  Fill(proc / "13/comm", "bash\n");
-  Fill(proc / std::to_string(getpid()) / "comm", "self\n");
-  for (const std::string& pid : {std::string("12"), std::to_string(getpid())}) {
-    fs::create_directories(proc / pid / "fd");
-    fs::create_symlink("/dev/null", proc / pid / "fd/0");
-    fs::create_symlink(fs::canonical(device), proc / pid / "fd/3");
-    fs::create_symlink(fs::canonical(device), proc / pid / "fd/4");
+TEST_F(Diagnosis, ReadsTheLatencyTimerOfUsbAdapters) {
+  Fill("dev/ttyUSB0", "");
+  fs::create_symlink(root_ / "dev/ttyUSB0", root_ / "arm");
+  Fill("sys/bus/usb-serial/devices/ttyUSB0/latency_timer", "16\n");
+  EXPECT_EQ(LatencyTimerMs(root_ / "sys", root_ / "arm"), 16);
+  EXPECT_EQ(LatencyTimerMs(root_ / "sys", "/dev/ttyS0"), std::nullopt);
+}
+
+TEST_F(Diagnosis, TellsAJumpOfTheClockFromSlewing) {
+  constexpr std::int64_t kUs = 1000;
+  ClockWatch clock;
+  constexpr std::int64_t kSteps[][3] = {{1'000'000, 10'000, 0},
+                                        {1'010'500, 20'000, 0},
+                                        {1'021'000, 30'000, 0},
+                                        {531'000, 40'000, 500'000},
+                                        {541'000, 50'000, 500'000}};
+  for (const auto& [wall, monotonic, jump] : kSteps) {
+    clock.Add(wall * kUs, monotonic * kUs);
+    EXPECT_EQ(clock.Jump(), jump * kUs) << wall;
   }
-  fs::create_directories(proc / "tty/fd");  // not a process
-  fs::create_symlink(fs::canonical(device), proc / "tty/fd/3");
-  const std::vector<std::string> holder = {"screen (pid 12)"};
-  EXPECT_EQ(velta::tools::HoldersOf(proc, device), holder);
-  EXPECT_EQ(velta::tools::HoldersOf(proc, root.Path() / "arm"), holder);
-  EXPECT_TRUE(velta::tools::HoldersOf(proc, root.Path() / "tty1").empty());
-  EXPECT_TRUE(velta::tools::HoldersOf(root.Path() / "nothing", device).empty());
 }
 
-TEST(Diagnosis, ReadsTheLatencyTimerOfUsbAdapters) {
-  const TemporaryDirectory root;
-  Fill(root.Path() / "dev/ttyUSB0", "");
-  fs::create_symlink(root.Path() / "dev/ttyUSB0", root.Path() / "arm");
-  Fill(root.Path() / "sys/bus/usb-serial/devices/ttyUSB0/latency_timer", "16\n");
-  EXPECT_EQ(velta::tools::LatencyTimerMs(root.Path() / "sys", root.Path() / "arm"), 16);
-  EXPECT_EQ(velta::tools::LatencyTimerMs(root.Path() / "sys", "/dev/ttyS0"), std::nullopt);
-}
-
-TEST(Diagnosis, TellsAJumpOfTheClockFromSlewing) {
-  constexpr std::int64_t kMs = 1'000'000;
-  velta::tools::ClockWatch clock;
-  clock.Add(1000 * kMs, 10 * kMs);
-  clock.Add(1010 * kMs + kMs / 2, 20 * kMs);
-  clock.Add(1021 * kMs, 30 * kMs);
-  EXPECT_EQ(clock.Jump(), 0);
-  clock.Add(531 * kMs, 40 * kMs);
-  EXPECT_EQ(clock.Jump(), 500 * kMs);
-  clock.Add(541 * kMs, 50 * kMs);
-  EXPECT_EQ(clock.Jump(), 500 * kMs);
-}
-
-TEST(Diagnosis, TellsWhatKeepsJointsFromMoving) {
+TEST_F(Diagnosis, TellsWhatKeepsJointsFromMoving) {
   RecvPacket status(4);
-  ASSERT_TRUE(status.Parse(Chars(StatusBytes(1, 0, {{0}, {2, 'f'}, {3, 0, 12}, {0, 'm'}}))));
-  const std::vector<std::string> causes = velta::tools::WhyNothingMoves(status);
+  ASSERT_TRUE(status.Parse(Chars(StatusText(1, 0, {{0}, {2, 'f'}, {3, 0, 12}, {0, 'm'}}))));
+  const std::vector<std::string> causes = WhyNothingMoves(status);
+  constexpr const char* kCauses[] = {
+      "joints 2 report a fault", "joints 0/3 have their servo off: velta send LINK servo-on --joints 0/3",
+      "joints 3 refused a trajectory because their servo", "joints 1 refused a trajectory because it had no points"};
   ASSERT_EQ(causes.size(), 4U);
-  EXPECT_EQ(causes[0].rfind("joints 2 report a fault", 0), 0U) << causes[0];
-  EXPECT_EQ(causes[1], "joints 0/3 have their servo off: velta send LINK servo-on --joints 0/3");
-  EXPECT_EQ(causes[2].rfind("joints 3 refused a trajectory because their servo", 0), 0U) << causes[2];
-  EXPECT_EQ(causes[3].rfind("joints 1 refused a trajectory because it had no points", 0), 0U) << causes[3];
-  ASSERT_TRUE(status.Parse(Chars(StatusBytes(1, 0, std::vector<StatusJoint>(4)))));
-  EXPECT_TRUE(velta::tools::WhyNothingMoves(status).empty());
+  for (std::size_t i = 0; i < 4; ++i) EXPECT_EQ(causes[i].rfind(kCauses[i], 0), 0U) << causes[i];
+  ASSERT_TRUE(status.Parse(Chars(StatusText(1, 0, std::vector<StatusJoint>(4)))));
+  EXPECT_TRUE(WhyNothingMoves(status).empty());
 }
 
-bool Has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
-TEST(Doctor, NamesTheCause) {
+TEST_F(Doctor, NamesTheCause) {
   struct Case {
-    const char* endpoint;
-    std::vector<std::string> options;
+    const char *endpoint, *options;
     int status;
     const char* said;
   };
-  const Case cases[] = {
-      {"tcp://127.0.0.1:0", {}, 0, "[warn] joints 0/1/2 have their servo off: velta send LINK servo-on --joints 0/1/2"},
-      {"udp://127.0.0.1:0", {"--on-command"}, 0, "[ ok ] 30 good statuses of 3 joints, only in answer to commands"},
-      {"pty:", {}, 0, "[ ok ] the controller echoes "},
-      {"tcp://127.0.0.1:0", {"--fault", "refuse"}, 1, "refuses: the machine is there, but nothing listens on port "},
-      {"tcp://127.0.0.1:0", {"--fault", "drop-status"}, 1, "[FAIL] connected, but silent"},
-      {"udp://127.0.0.1:0", {"--fault", "drop-status"}, 1, "[FAIL] nothing came back, to no command"},
-      {"pty:", {"--fault", "drop-status"}, 1, "[FAIL] the device is open, but silent"},
-      {"tcp://127.0.0.1:0", {"--fault", "wrong-joints=5"}, 1, "the controller is set to 5 joints; use -n 5"},
-      {"pty:", {"--fault", "truncate"}, 1, "nor of 0 to 64 joints: check the baud rate and the wiring"},
-      {"tcp://127.0.0.1:0", {"--fault", "no-echo"}, 1, "[FAIL] statuses arrive, but the echo never comes"},
-      {"tcp://127.0.0.1:0", {"--fault", "stale-echo"}, 1, "[FAIL] the echo is stale"},
-      {"tcp://127.0.0.1:0", {"--fault", "late-echo=60"}, 0, "[warn] the echo comes late, usually after "},
-      {"tcp://127.0.0.1:0", {"--fault", "freeze"}, 1, "[FAIL] the status is frozen"},
-      {"tcp://127.0.0.1:0", {"--fault", "close"}, 1, "[FAIL] the controller closed the link"},
-      {"tcp://127.0.0.1:0", {"--fault", "reset=100"}, 1, "[FAIL] the controller closed the link"},
-      {"tcp://127.0.0.1:0", {"--fault", "garbage=0.5"}, 0, "belong to none: look for noise or lost bytes"},
-      {"tcp://127.0.0.1:0", {"--fault", "drop-command=0.5"}, 0, "[warn] the controller echoes only "},
+  // clang-format off
+  constexpr Case kCases[] = {
+      {"tcp:", "", 0, "[warn] joints 0/1/2 have their servo off: velta send LINK servo-on --joints 0/1/2"},
+      {"udp:", "--on-command", 0, "[ ok ] 30 good statuses of 3 joints, only in answer to commands"},
+      {"pty:", "", 0, "[ ok ] the controller echoes "},
+      {"tcp:", "--fault refuse", 1, "refuses: the machine is there, but nothing listens on port "},
+      {"tcp:", "--fault drop-status", 1, "[FAIL] connected, but silent"},
+      {"udp:", "--fault drop-status", 1, "[FAIL] nothing came back, to no command"},
+      {"pty:", "--fault drop-status", 1, "[FAIL] the device is open, but silent"},
+      {"tcp:", "--fault wrong-joints=5", 1, "the controller is set to 5 joints; use -n 5"},
+      {"pty:", "--fault truncate", 1, "nor of 0 to 64 joints: check the baud rate and the wiring"},
+      {"tcp:", "--fault no-echo", 1, "[FAIL] statuses arrive, but the echo never comes"},
+      {"tcp:", "--fault stale-echo", 1, "[FAIL] the echo is stale"},
+      {"tcp:", "--fault late-echo=60", 0, "[warn] the echo comes late, usually after "},
+      {"tcp:", "--fault freeze", 1, "[FAIL] the status is frozen"},
+      {"tcp:", "--fault close", 1, "[FAIL] the controller closed the link"},
+      {"tcp:", "--fault reset=100", 1, "[FAIL] the controller closed the link"},
+      {"tcp:", "--fault garbage=0.5", 0, "belong to none: look for noise or lost bytes"},
+      {"tcp:", "--fault drop-command=0.5", 0, "[warn] the controller echoes only "},
   };
-  // All at once: each takes its time listening.
-  std::vector<std::unique_ptr<SimulatedArm>> arms;
-  std::vector<std::unique_ptr<Process>> doctors;
-  for (const Case& c : cases) {
-    arms.push_back(std::make_unique<SimulatedArm>(c.endpoint, c.options));
-    doctors.push_back(
-        std::make_unique<Process>(std::vector<std::string>{VELTA_PROGRAM, "doctor", "-n", "3", arms.back()->Link()}));
+  // clang-format on
+  std::list<SimulatedArm> arms;
+  std::list<Process> doctors;  // all at once: each takes its time listening
+  for (const Case& c : kCases) {
+    const std::string endpoint = c.endpoint;
+    arms.emplace_back(endpoint == "pty:" ? endpoint : endpoint + "//127.0.0.1:0", c.options);
+    doctors.emplace_back(Argv({"doctor", "-n", "3", arms.back().Link()}));
   }
-  for (std::size_t i = 0; i < std::size(cases); ++i) {
-    const std::string fault = cases[i].options.empty() ? "none" : cases[i].options.back();
-    EXPECT_EQ(doctors[i]->Wait(), cases[i].status) << cases[i].endpoint << " " << fault << "\n" << doctors[i]->Output();
-    EXPECT_TRUE(Has(doctors[i]->Output(), cases[i].said)) << cases[i].endpoint << " " << fault << "\n"
-                                                          << doctors[i]->Output();
-    EXPECT_TRUE(Has(doctors[i]->Output(), "\nverdict: ")) << doctors[i]->Output();
-    EXPECT_EQ(doctors[i]->Errors(), "");
+  for (const Case& c : kCases) {
+    Process& doctor = doctors.front();
+    EXPECT_EQ(doctor.Wait(), c.status) << c.endpoint << " " << c.options << "\n" << doctor.Output();
+    EXPECT_TRUE(Has(doctor.Output(), c.said)) << c.endpoint << " " << c.options << "\n" << doctor.Output();
+    EXPECT_TRUE(Has(doctor.Output(), "\nverdict: ")) << doctor.Output();
+    EXPECT_EQ(doctor.Errors(), "");
+    doctors.pop_front();
   }
 }
 
-TEST(Doctor, NamesTheCauseWithoutAController) {
-  const TemporaryDirectory root;
-  Fill(root.Path() / "file", "");
+TEST_F(Doctor, NamesTheCauseWithoutAController) {
+  Fill("file", "");
+  Listener listener;
+  const std::string named = "tcp://localhost:" + std::to_string(listener.link.port);
   struct Case {
     std::string link;
     int status;
     const char* said;
   };
-  for (const Case& c : {
-           Case{"tcp://no-such-host.invalid:5000", 1, "[FAIL] cannot resolve 'no-such-host.invalid'"},
-           Case{"udp://127.0.0.1:9", 1, "refuses: the machine is there, but nothing listens on that UDP port"},
-           Case{"serial://" + (root.Path() / "nothing").string(), 1, "nothing does not exist: plug the adapter in"},
-           Case{"serial://" + (root.Path() / "file").string(), 1, "not a serial device"},
-           Case{"tcp://127.0.0.1:port", 2, "velta: bad link "},
-           Case{"arm", 2, "velta: bad link "},
-           Case{"pty:/tmp/arm", 2, "velta: pty:/tmp/arm is an endpoint"},
-       }) {
-    const auto run = RunProgram({VELTA_PROGRAM, "doctor", "-n", "3", c.link});
+  for (const Case& c :
+       {Case{"tcp://no-such-host.invalid:5000", 1, "[FAIL] cannot resolve 'no-such-host.invalid'"},
+        Case{"udp://127.0.0.1:9", 1, "refuses: the machine is there, but nothing listens on that UDP port"},
+        Case{"serial://" + (root_ / "nothing").string(), 1, "nothing does not exist: plug the adapter in"},
+        Case{"serial://" + (root_ / "file").string(), 1, "not a serial device"},
+        Case{"tcp://127.0.0.1:port", 2, "velta: bad link "}, Case{"arm", 2, "velta: bad link "},
+        Case{"pty:/tmp/arm", 2, "velta: pty:/tmp/arm is an endpoint"},
+        Case{named, 1, "[warn] 'localhost' is a name, which the library does not resolve: use 127.0.0.1"}}) {
+    const auto run = Examine(c.link);
     EXPECT_EQ(run.status, c.status) << c.link << run.out << run.err;
     EXPECT_TRUE(Has(c.status == 2 ? run.err : run.out, c.said)) << c.link << "\n" << run.out << run.err;
   }
-  velta::test::Listener listener;
-  const auto named = RunProgram({VELTA_PROGRAM, "doctor", "-n", "3", "tcp://localhost" + listener.Link().substr(15)});
-  EXPECT_TRUE(Has(named.out, "[warn] 'localhost' is a name, which the library does not resolve: use 127.0.0.1"))
-      << named.out;
-  EXPECT_TRUE(Has(named.out, "[FAIL] connected, but silent")) << named.out;
 }
 
-TEST(Doctor, LooksAtTheSerialDeviceItself) {
+TEST_F(Doctor, LooksAtTheSerialDeviceItself) {
   SimulatedArm arm("pty:");
   const std::string device = arm.Link().substr(9, arm.Link().find('?') - 9);
   const int held = open(device.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
   ASSERT_GE(held, 0) << arm.Link();
-  const auto busy = RunProgram({VELTA_PROGRAM, "doctor", "-n", "3", arm.Link()});
+  const auto busy = Examine(arm.Link());
   close(held);
   EXPECT_EQ(busy.status, 0) << busy.out;
   EXPECT_TRUE(Has(busy.out, "[warn] another process holds " + device + ": ")) << busy.out;
   EXPECT_TRUE(Has(busy.out, "(pid " + std::to_string(getpid()) + ")")) << busy.out;
 
-  const auto baud = RunProgram({VELTA_PROGRAM, "doctor", "-n", "3", "serial://" + device + "?baud=123457"});
+  const auto baud = Examine("serial://" + device + "?baud=123457");
   EXPECT_EQ(baud.status, 1);
   EXPECT_TRUE(Has(baud.out, "cannot be set to 123457 baud")) << baud.out;
 
@@ -226,9 +202,17 @@ TEST(Doctor, LooksAtTheSerialDeviceItself) {
       << forbidden.out << forbidden.err;
 }
 
-TEST(Doctor, StopsAtOnce) {
-  velta::test::Listener listener;
-  Process doctor({VELTA_PROGRAM, "doctor", "-n", "3", listener.Link()});
+TEST_F(Doctor, NoticesAnotherHost) {
+  SimulatedArm arm;
+  Process other(Argv({"ping", "-n", "3", arm.Link(), "-c", "100000"}));
+  const auto run = Examine(arm.Link());
+  EXPECT_EQ(run.status, 0) << run.out;
+  EXPECT_TRUE(Has(run.out, "[warn] the controller also echoes commands that are not from here")) << run.out;
+}
+
+TEST_F(Doctor, StopsAtOnce) {
+  Listener listener;
+  Process doctor(Argv({"doctor", "-n", "3", listener.Link()}));
   ASSERT_TRUE(doctor.ReadAfter("[ ok ] opened "));
   doctor.Signal(SIGINT);
   EXPECT_EQ(doctor.Wait(std::chrono::milliseconds(1000)), 1);

@@ -89,19 +89,20 @@ float ParseArgument(char kind, const std::string& name, const std::string& text)
 void CheckJoints(const CommandWord& command, int joint_num, const std::string& joints) {
   if (command.of_arm) {
     if (!joints.empty()) throw UsageError(std::string(command.name) + " commands the whole arm and takes no --joints");
-    if (joint_num < 1) throw UsageError(std::string(command.name) + " needs an arm with at least one joint");
     return;
   }
   if (joints == "all") return;
   if (joints.empty() || joints.back() == '/') {
     throw UsageError(std::string(command.name) + " needs --joints: 'all', or indices from 0 separated by '/'");
   }
-  for (const std::string& token : Split(joints, '/')) {
+  const std::vector<std::string> tokens = Split(joints, '/');
+  const auto wrong = std::find_if(tokens.begin(), tokens.end(), [joint_num](const std::string& token) {
     unsigned int joint = 0;
-    if (Convert(token, joint) && joint < static_cast<unsigned int>(std::max(joint_num, 0))) continue;
-    throw UsageError("--joints " + joints + ": '" + token + "' is not a joint of this arm (0 to " +
-                     std::to_string(joint_num - 1) + ")");
-  }
+    return !Convert(token, joint) || joint >= static_cast<unsigned int>(joint_num);
+  });
+  if (wrong == tokens.end()) return;
+  throw UsageError("--joints " + joints + ": '" + *wrong + "' is not a joint of this arm (0 to " +
+                   std::to_string(joint_num - 1) + ")");
 }
 
 }  // namespace

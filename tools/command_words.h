@@ -24,7 +24,7 @@ const std::vector<CommandWord>& CommandWords();
 /// One line per command: word, arguments, meaning.
 std::vector<std::string> ListCommandWords();
 
-/// @param joint_num  joints of the arm (n)
+/// @param joint_num  joints of the arm (n), 1 or more
 /// @param word       a command's word
 /// @param arguments  its arguments as typed, exactly as many as it takes
 /// @param joints     "all" or 0-based indices separated by "/"; empty for an arm command

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <cstring>
 #include <fstream>
@@ -58,6 +59,13 @@ class CsvWriter {
   std::string row_;
 };
 
+/// Told by the bytes: an argument of -0 is an argument.
+bool CarriesNothing(const txJoint_t& joint) {
+  std::array<char, sizeof joint> bytes;
+  std::memcpy(bytes.data(), &joint, bytes.size());
+  return std::all_of(bytes.begin() + 1, bytes.end(), [](char byte) { return byte == 0; });  // all but the id
+}
+
 /// A command as the document that MasterControllerClient::PushSendQueueJson takes, and its time stamp. Joints that
 /// carry nothing are left out.
 std::string CommandDocument(const SendPacket& command) {
@@ -65,10 +73,8 @@ std::string CommandDocument(const SendPacket& command) {
                      std::to_string(+command.header.armOrder) + "\",\"jointCommand\":[";
   const char* separator = "";
   for (std::size_t i = 0; i < command.joints.size(); ++i) {
-    txJoint_t joint = command.joints[i];
-    joint.id = 0;
-    const txJoint_t nothing{};
-    if (std::memcmp(&joint, &nothing, sizeof joint) == 0) continue;
+    const txJoint_t& joint = command.joints[i];
+    if (CarriesNothing(joint)) continue;
     text += separator + ("{\"jointName\":\"" + std::to_string(i + 1)) + "\",\"jointOrder\":\"" +
             std::to_string(+joint.order) + "\",\"value1\":\"" + Shortest(+joint.value1) + "\",\"value2\":\"" +
             Shortest(+joint.value2) + "\",\"value3\":\"" + Shortest(+joint.value3) + "\",\"value4\":\"" +

@@ -74,7 +74,7 @@ std::vector<std::string> HoldersOf(const fs::path& proc, const fs::path& device)
       if (fs::read_symlink(file->path(), gone) != target) continue;
       std::string name;
       std::getline(std::ifstream(process->path() / "comm"), name);
-      holders.push_back(name + " (pid " + pid + ")");
+      holders.push_back(name.append(" (pid ").append(pid).append(")"));
       break;
     }
   }

@@ -170,8 +170,10 @@ class Doctor {
     }
     Good(device + " can be read and written");
     holders_ = HoldersOf("/proc", device);
-    for (const std::string& holder : holders_) {
-      Warn("another process holds " + device + ": " + holder + "; two readers share the bytes, stop one of them");
+    if (!holders_.empty()) {
+      std::string names;
+      for (const std::string& holder : holders_) names.append(names.empty() ? "" : ", ").append(holder);
+      Warn("another process holds " + device + ": " + names + "; two readers share the bytes, stop one of them");
     }
     const std::optional<int> latency = LatencyTimerMs("/sys", device);
     if (!latency) return;

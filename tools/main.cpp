@@ -31,33 +31,15 @@ int Run(int argc, char** argv) {
       "  velta ping -n 6 tcp://127.0.0.1:43210");
 
   Action action;
-#ifdef VELTA_HAVE_SIM
   AddSim(app, action);
-#endif
-#ifdef VELTA_HAVE_MONITOR
   AddMonitor(app, action);
-#endif
-#ifdef VELTA_HAVE_RECORD
   AddRecord(app, action);
-#endif
-#ifdef VELTA_HAVE_CONVERT
   AddConvert(app, action);
-#endif
-#ifdef VELTA_HAVE_PLOT
   AddPlot(app, action);
-#endif
-#ifdef VELTA_HAVE_PLAY
   AddPlay(app, action);
-#endif
-#ifdef VELTA_HAVE_SEND
   AddSend(app, action);
-#endif
-#ifdef VELTA_HAVE_PING
   AddPing(app, action);
-#endif
-#ifdef VELTA_HAVE_DOCTOR
   AddDoctor(app, action);
-#endif
 
   try {
     app.parse(argc, argv);

@@ -109,13 +109,10 @@ class Screen {
     constexpr int kFirstRow = 4;
     const int joints = static_cast<int>(model.Joints());
     const int rows = std::min(joints, std::max({height - 12, std::min(3, height - 5), 1}));
-    const int first = std::clamp(static_cast<int>(joint_) - rows / 2, 0, joints - rows);
+    auto joint = static_cast<std::size_t>(std::clamp(static_cast<int>(joint_) - rows / 2, 0, joints - rows));
     const Columns columns = Fitting();
     DrawTitles(kFirstRow - 1, columns);
-    for (int i = 0; i < rows; ++i) {
-      const auto joint = static_cast<std::size_t>(first + i);
-      DrawJoint(kFirstRow + i, joint, model.Row(joint, now), columns);
-    }
+    for (int i = 0; i < rows; ++i, ++joint) DrawJoint(kFirstRow + i, joint, model.Row(joint, now), columns);
     int line = kFirstRow + rows + 1;
     const auto width = static_cast<std::size_t>(std::max(getmaxx(stdscr), 1));
     const auto lines = static_cast<std::size_t>(std::clamp(height - line - 2, 1, 16));

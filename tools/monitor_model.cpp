@@ -24,7 +24,12 @@ std::string Value(float value, int digits) {
 }
 
 /// Bit for bit, so that a value that is no number does not change for ever.
-bool Differ(float a, float b) { return std::memcmp(&a, &b, sizeof a) != 0; }
+bool Differ(float a, float b) {
+  std::uint32_t bits[2];
+  std::memcpy(&bits[0], &a, sizeof a);
+  std::memcpy(&bits[1], &b, sizeof b);
+  return bits[0] != bits[1];
+}
 
 }  // namespace
 

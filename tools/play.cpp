@@ -163,8 +163,8 @@ int SendCommands(const Options& options) {
       listen();
       if (progress.IsDue()) progress.Show("sent " + Count(sent, "command"));
     }
-    // The last command's echo is on its way; 200 ms are plenty, and a stop does not wait.
-    const std::int64_t patience = MonotonicNs() + 200'000'000;
+    // The last command's echo is on its way; a second is plenty, and a stop does not wait.
+    const std::int64_t patience = MonotonicNs() + 1'000'000'000;
     while (awaited != 0 && !StopRequested() && MonotonicNs() < patience) {
       WaitUntil(patience, wire.Fd(), POLLIN);
       listen();
@@ -260,7 +260,9 @@ class Replay {
   void Leave() {
     host_.reset();
     endpoint_.Release(false);
-    if (endpoint_.Kind() == Link::Kind::Serial) throw Failure(ToString(endpoint_.Address()) + ": the line is gone");
+    done_ = !schedule_.Due() && pending_.empty();  // it has got everything
+    if (!done_ && endpoint_.Kind() == Link::Kind::Serial)
+      throw Failure(ToString(endpoint_.Address()) + ": the line is gone");
   }
 
   Schedule schedule_;

@@ -407,7 +407,8 @@ int Run(Options options) {
     const std::size_t dot = options.excerpt.file.rfind('.');
     const std::size_t slash = options.excerpt.file.rfind('/');
     const bool has_suffix = dot != std::string::npos && (slash == std::string::npos || dot > slash + 1);
-    options.output = options.excerpt.file.substr(0, has_suffix ? dot : std::string::npos) + ".png";
+    options.output.assign(options.excerpt.file, 0, has_suffix ? dot : std::string::npos);
+    options.output += ".png";
   }
   const std::string& output = options.output;
   const auto ends_with = [&output](const std::string& suffix) {

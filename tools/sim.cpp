@@ -107,7 +107,8 @@ void PrintSummary(const sim::Summary& summary, bool json) {
       {"garbage_bytes", summary.garbage},   {"status_frames", summary.status_frames},
       {"overruns", summary.overruns}};
   if (json) {
-    picojson::object document{{"event", picojson::value("summary")}, {"ms", Count(static_cast<std::uint64_t>(summary.seconds * 1e3))}};
+    picojson::object document{{"event", picojson::value("summary")},
+                              {"ms", Count(static_cast<std::uint64_t>(summary.seconds * 1e3))}};
     for (const auto& [name, count] : counts) document[name] = Count(count);
     picojson::object faults;
     for (const auto& [name, count] : summary.faults) faults[name] = Count(count);
@@ -161,6 +162,7 @@ int Serve(Options options) {
       Out() << "listening on " << link << std::endl;
     }
   }
+  if (!Out()) throw Failure("cannot write to standard output");
   {
     Progress progress(server);
     server.Run(StopFd(), [&] { progress.Show(); });
@@ -182,7 +184,7 @@ std::string Ask(const Link& link, int joints, Clock::time_point deadline) {
     if (Clock::now() >= next) {
       next += milliseconds(50);
       SendPacket idle(joints);
-      client.SendOnce(idle, false);
+      if (!client.SendOnce(idle, false)) return std::string("the link is lost: ") + std::strerror(errno);
       last = idle.GetTimeStamp();
       if (first == 0) first = last;
     }
@@ -195,7 +197,7 @@ std::string Ask(const Link& link, int joints, Clock::time_point deadline) {
     std::this_thread::sleep_for(std::chrono::microseconds(200));
   }
   if (has_status) return "status frames arrive, but none echoes a command";
-  return client.IsConnected() ? "connected, but no status frame arrives" : "the connection was lost";
+  return client.IsConnected() ? "connected, but no status frame arrives" : "the link is lost";
 }
 
 int Check(const Options& options) {
@@ -210,8 +212,9 @@ int Check(const Options& options) {
     if (trouble.empty()) {
       const double ms = MsSince(start);
       if (options.json) {
-        PrintJson(
-            {{"event", picojson::value("check")}, {"link", picojson::value(ToString(link))}, {"us", Count(static_cast<std::uint64_t>(ms * 1e3))}});
+        PrintJson({{"event", picojson::value("check")},
+                   {"link", picojson::value(ToString(link))},
+                   {"us", Count(static_cast<std::uint64_t>(ms * 1e3))}});
       } else {
         Out() << ToString(link) << " answers, after " << std::fixed << std::setprecision(1) << ms << " ms" << std::endl;
       }

@@ -28,10 +28,10 @@ float ReadF32(const std::vector<char>& bytes, std::size_t offset) {
 
 }  // namespace
 
-StandIn::StandIn(Link link, int joints, int drop_every)
+StandIn::StandIn(Link link, int joints, int drop_every, int port)
     : link_(link), drop_every_(drop_every), joints_(static_cast<std::size_t>(joints)) {
   if (link == Link::Pty) {
-    fd_ = posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK);  // a host that is gone must not hold us
+    fd_ = posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);  // a host that is gone must not hold us
     if (fd_ < 0 || grantpt(fd_) != 0 || unlockpt(fd_) != 0) throw std::runtime_error("no pseudo terminal");
     address_ = ptsname(fd_);
     termios raw{};  // until the host opens the device, nothing may be echoed back
@@ -39,10 +39,13 @@ StandIn::StandIn(Link link, int joints, int drop_every)
     cfmakeraw(&raw);
     tcsetattr(fd_, TCSANOW, &raw);
   } else {
-    listener_ = socket(AF_INET, link == Link::Tcp ? SOCK_STREAM : SOCK_DGRAM, 0);
+    listener_ = socket(AF_INET, (link == Link::Tcp ? SOCK_STREAM : SOCK_DGRAM) | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    const int again = 1;  // a port whose last connection has only just ended
+    setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &again, sizeof again);
     socklen_t size = sizeof address;
     if (bind(listener_, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
         getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &size) != 0 ||
@@ -78,7 +81,7 @@ void StandIn::Run() {
         const ssize_t count = read(fd_, bytes, sizeof bytes);
         if (count > 0) Receive(bytes, static_cast<std::size_t>(count));
       } else if (link_ == Link::Tcp) {
-        fd_ = accept(listener_, nullptr, nullptr);
+        fd_ = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
       } else {
         sockaddr_in peer{};
         socklen_t size = sizeof peer;

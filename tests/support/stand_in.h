@@ -21,7 +21,8 @@ class StandIn {
   enum class Link { Tcp, Udp, Pty };
 
   /// @param drop_every every so-many-th command frame is lost before the controller sees it; 0 for none
-  StandIn(Link link, int joints, int drop_every = 0);
+  /// @param port       where to listen; 0 lets the system choose
+  StandIn(Link link, int joints, int drop_every = 0, int port = 0);
   ~StandIn();
 
   /// "127.0.0.1:PORT" or the device's path.

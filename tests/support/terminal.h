@@ -17,9 +17,8 @@ namespace velta::test {
 class Terminal {
  public:
   /// @param command a shell command line
-  Terminal(int columns, int lines, const std::string& command) {
-    Tmux({"new-session", "-d", "-s", "t", "-x", std::to_string(columns), "-y", std::to_string(lines),
-          command + "; echo EXIT $?; sleep 60"});
+  Terminal(const std::string& columns, const std::string& lines, const std::string& command) {
+    Tmux({"new-session", "-d", "-s", "t", "-x", columns, "-y", lines, command + "; echo EXIT $?; sleep 60"});
   }
   Terminal(const Terminal&) = delete;
   Terminal& operator=(const Terminal&) = delete;
@@ -27,20 +26,17 @@ class Terminal {
 
   /// @param key a character or tmux's name of a key
   void Press(const std::string& key) { Tmux({"send-keys", "-t", "t", key}); }
-  void Resize(int columns, int lines) {
-    Tmux({"resize-window", "-t", "t", "-x", std::to_string(columns), "-y", std::to_string(lines)});
+  void Resize(const std::string& columns, const std::string& lines) {
+    Tmux({"resize-window", "-t", "t", "-x", columns, "-y", lines});
   }
 
   /// @return the screen once it shows text (or, with `shown` false, no longer does); the last screen at the deadline
   std::string Await(const std::string& text, bool shown = true) {
-    std::string screen;
-    const auto end = std::chrono::steady_clock::now() + Process::kPatience;
-    do {
-      screen = Tmux({"capture-pane", "-p", "-t", "t"}).out;
-      if ((screen.find(text) != std::string::npos) == shown) return screen;
+    for (const auto end = std::chrono::steady_clock::now() + Process::kPatience;;) {
+      std::string screen = Tmux({"capture-pane", "-p", "-t", "t"}).out;
+      if (Has(screen, text) == shown || std::chrono::steady_clock::now() >= end) return screen;
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    } while (std::chrono::steady_clock::now() < end);
-    return screen;
+    }
   }
 
  private:

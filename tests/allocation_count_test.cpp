@@ -1,0 +1,114 @@
+// SPDX-License-Identifier: MIT
+// What a control cycle may allocate once it runs: exact counts, so that a stray copy fails here and not in the field.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <functional>
+#include <new>
+
+#include "MasterControllerClientMock.h"
+#include "PacketParser.h"
+#include "support/bytes.h"
+#include "support/scripted_link.h"
+
+namespace {
+thread_local std::size_t allocations = 0;  // the simulator's thread does not count
+}
+
+// Not inlined: the compiler would take malloc and delete for a mismatch.
+__attribute__((noinline)) void* operator new(std::size_t size) {
+  ++allocations;
+  if (void* const memory = std::malloc(size != 0 ? size : 1)) return memory;
+  throw std::bad_alloc();
+}
+__attribute__((noinline)) void operator delete(void* memory) noexcept { std::free(memory); }
+__attribute__((noinline)) void operator delete(void* memory, std::size_t /*size*/) noexcept { std::free(memory); }
+
+namespace {
+
+using velta::test::StatusFrame;
+
+constexpr int kJoints = 7;
+constexpr int kCycles = 200;  // a multiple of the packets in a node of the plain queue
+
+/// A link that is always ready and keeps nothing.
+struct ReadyLink : AbstractClient {
+  bool Init() override { return true; }
+  bool Connect() override { return true; }
+  int Disconnect() override { return 0; }
+  int Read(std::vector<char>& data) override {
+    data.assign(frame.begin(), frame.end());
+    return static_cast<int>(data.size());
+  }
+  int Write(const std::vector<char>& data) override { return static_cast<int>(data.size()); }
+  std::vector<char> frame = StatusFrame(kJoints, 1);
+};
+
+struct ReadyClient : MasterControllerClient {
+  ReadyClient() : MasterControllerClient(kJoints) { client_ = new ReadyLink; }
+  void HearNothing() { static_cast<ReadyLink*>(client_)->frame.clear(); }
+};
+
+/// Allocations per hundred calls, after two that fill what is kept.
+std::size_t PerHundred(const std::function<void()>& call) {
+  call();
+  call();
+  const std::size_t before = allocations;
+  for (int i = 0; i < kCycles; ++i) call();
+  return (allocations - before) * 100 / kCycles;
+}
+
+struct Row {
+  const char* name;
+  std::size_t expected;  ///< per hundred calls
+  std::function<void()> call;
+};
+
+TEST(Allocations, AreTheseAndNoMore) {
+  ReadyClient client, silent, keyed, named;
+  MasterControllerClientMock simulator(kJoints, 10);
+  silent.HearNothing();
+  SendPacket packet(kJoints), unique(kJoints);
+  packet.SetServoOn("all");
+  unique.SetUniqueKey("a key");
+  for (int i = 0; i < 9; ++i) named.CreateIndependentSendPacketBuffer(std::to_string(i));
+  RecvPacket status(kJoints);
+  PacketParser parser(kJoints);
+  const std::vector<char> frame = StatusFrame(kJoints, 1);
+
+  const std::vector<Row> rows = {
+      {"a receive step that hears nothing", 0, [&] { silent.ReceiveStatus(); }},
+      {"a send step without a command", 0, [&] { silent.SendPacketInBuffer(); }},
+      {"the same with idle named buffers", 0, [&] { named.SendPacketInBuffer(); }},
+      {"a status: its records in the receive buffer", 100, [&] { client.ReceiveStatus(), client.FlushRecvBuffer(); }},
+      {"a command: its records and a quarter of a node in the queue", 125,
+       [&] { client.PushSendQueue(packet, false), client.SendPacketInBuffer(); }},
+      {"a keyed command: filed and handed out", 200,
+       [&] { keyed.InsertUniqueSendMap(unique), keyed.SendPacketInBuffer(); }},
+      {"the simulator's cycle", 225,
+       [&] {
+         simulator.PushSendQueue(packet, false);
+         simulator.SendPacketInBuffer();
+         simulator.ReceiveStatus();
+         simulator.FlushRecvBuffer();
+       }},
+      {"collecting: as much room again", 200, [&] { client.PushRecvBuffer(status), client.GetCurStatePacket(); }},
+      {"building and serialising", 200,
+       [&] {
+         SendPacket built(kJoints);
+         built.SetRefPosition("all", 1);
+         built.SetServoOn("0/2/5");
+         built.GetCharVector();
+       }},
+      {"reading an ID string", 100, [&] { packet.ParseIDString("0/1/2/3/4/5/6"); }},
+      {"bytes that are no frame yet, but for the caller's own copy", 100,
+       [&] {
+         parser.Push(std::vector<char>(1, 'x'));
+         parser.Parse();
+         parser.buffer.pop_back();
+       }},
+  };
+  for (const Row& row : rows) EXPECT_EQ(PerHundred(row.call), row.expected) << row.name;
+}
+
+}  // namespace
