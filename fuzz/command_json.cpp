@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Any text, or a document made of decisions: it becomes exactly one whole packet, or nothing.
+#include <cerrno>
+
 #include "json_bridge.h"
 #include "support/bytes.h"
 #include "support/scripted_link.h"
@@ -13,7 +15,7 @@ std::string Compose(Input& in, SendPacket& expected) {
   const unsigned arm = in.Byte();
   std::string text = "{\"armOrder\":\"" + std::to_string(arm) + "\",\"jointCommand\":[";
   expected.header.armOrder = static_cast<unsigned char>(arm);
-  for (unsigned i = in.Below(6); i > 0; --i) {
+  for (unsigned i = in.Below(64); i > 0; --i) {
     const int name = static_cast<int>(in.Below(8)) - 1;
     const unsigned order = in.Byte() * 3;
     text += "{\"jointName\":\"" + std::to_string(name) + "\",\"jointOrder\":\"" + std::to_string(order) + "\"";
@@ -44,6 +46,7 @@ void Run(Input& in) {
     text.replace(std::size_t{2} * in.Byte() % text.size(), in.Below(4), std::string(more.begin(), more.end()));
   }
   MasterControllerClient client(n);
+  errno = ERANGE;  // as an earlier call of the host may leave it
   const bool taken = client.PushSendQueueJson(text, in.Flag());
   Check(taken || form != 1, "a whole document is taken");
   Check(client.GetSendBufferSize() == (taken ? 1 : 0), "one packet, or nothing");
