@@ -30,9 +30,9 @@ int main(int argc, char** argv) {
     arm.ReceiveStatus();
     arm.SendPacketInBuffer();
     for (const RecvPacket& status : arm.GetCurStatePacket()) position = status.joints[2].position;
-    if (std::fabs(position - kTarget) < 0.01f) break;
+    if (std::fabs(position - kTarget) < 0.004f) break;
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   std::printf("joint 2 is at %.2f\n", static_cast<double>(position));
-  return std::fabs(position - kTarget) < 0.01f ? 0 : 1;
+  return std::fabs(position - kTarget) < 0.004f ? 0 : 1;
 }
