@@ -1,153 +1,192 @@
 // SPDX-License-Identifier: MIT
-// Each example as a user runs it, over a real link, against a controller that shares no code with the library.
+// Each example as a user runs it: a process of its own, over a real link, against the simulated controller.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
-#include <cstdio>
+#include <cstring>
 #include <memory>
-#include <string>
-#include <vector>
+#include <regex>
+#include <thread>
 
-#include "support/stand_in.h"
+#include "server.h"
+#include "support/process.h"
 
 namespace {
 
-using velta::test::StandIn;
+using velta::sim::Server;
+using velta::sim::Summary;
+using velta::test::Has;
+using velta::test::Process;
+using velta::test::RunResult;
+using velta::test::Split;
+using Kind = velta::sim::EndpointConfig::Kind;
 
-/// A running example: its lines as they come, then its status.
-class Example {
+/// The controller, served by a thread.
+class Arm {
  public:
-  explicit Example(const std::string& arguments, const std::string& input = "") {
-    const std::string from = input.empty() ? "" : "printf '%s' '" + input + "' | ";
-    pipe_ = popen((from + "timeout 60 " VELTA_EXAMPLES "/" + arguments + " 2>&1").c_str(), "r");
+  explicit Arm(std::size_t joints, const std::string& fault = "", Kind kind = Kind::Tcp, int port = 0) {
+    velta::sim::ServerConfig config;
+    config.joints = static_cast<int>(joints);
+    config.endpoints.push_back({kind, "127.0.0.1", port, ""});
+    if (!fault.empty()) config.faults = {velta::sim::ParseFaultFlag(fault)};
+    config.on_status = [this](const std::vector<char>& frame) { last_status_ = frame; };
+    server_ = std::make_unique<Server>(std::move(config));
+    thread_ = std::thread([this] { server_->Run(stop_fd_); });
   }
-  ~Example() { Status(); }
-  Example(const Example&) = delete;
-  Example& operator=(const Example&) = delete;
-
-  /// Reads on until text has come, or everything.
-  bool Tells(const std::string& text) {
-    char bytes[4096];
-    while (output.find(text) == std::string::npos && pipe_ != nullptr && std::fgets(bytes, sizeof bytes, pipe_))
-      output += bytes;
-    return output.find(text) != std::string::npos;
-  }
-
-  int Status() {
-    if (pipe_ == nullptr) return status_;
-    Tells("\n\n");  // never comes: reads everything
-    const int status = pclose(pipe_);
-    pipe_ = nullptr;
-    return status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  Arm(const Arm&) = delete;
+  Arm& operator=(const Arm&) = delete;
+  ~Arm() {
+    Stop();
+    close(stop_fd_);
   }
 
-  std::string output;
+  /// Ends the service. @return what happened
+  Summary Stop() {
+    eventfd_write(stop_fd_, 1);
+    if (thread_.joinable()) thread_.join();
+    return server_->GetSummary();
+  }
+
+  /// The port, or the device's path.
+  std::string Address() const {
+    const std::string link = server_->Links().at(0);
+    return link.substr(link[0] == 's' ? std::strlen("serial://") : link.rfind(':') + 1);
+  }
+
+  /// From the last status frame, after Stop().
+  float Position(std::size_t joint) const {
+    float position = 0;
+    std::memcpy(&position, &last_status_.at(22 + 79 * joint + 35), sizeof position);
+    return position;
+  }
 
  private:
-  std::FILE* pipe_ = nullptr;
-  int status_ = -1;
+  const int stop_fd_ = eventfd(0, EFD_CLOEXEC);
+  std::vector<char> last_status_;
+  std::unique_ptr<Server> server_;
+  std::thread thread_;
 };
 
-/// "127.0.0.1:PORT" as two arguments.
-std::string Arguments(const StandIn& controller) {
-  std::string address = controller.Address();
-  return address.replace(address.find(':'), 1, " ");
+/// An example's command line; '@' stands for the controller's address.
+std::vector<std::string> Command(std::string text, const Arm& arm) {
+  if (text.find('@') != std::string::npos) text.replace(text.find('@'), 1, arm.Address());
+  return Split(VELTA_EXAMPLES "/" + text, ' ');
+}
+RunResult Play(const std::string& text, const Arm& arm, const std::string& input = "") {
+  return velta::test::RunProgram(Command(text, arm), input);
 }
 
 struct Row {
   const char* name;
-  int joints;
-  int drop_every;
-  int commands;  ///< that the controller accepts
-  const char* output;
-  int joint;  ///< that ends at
-  float position;
+  const char* command;
+  std::vector<float> positions;  ///< of every joint, in the end
+  unsigned commands;             ///< that the controller executes
+  const char* output;            ///< a regular expression
+  const char* fault = "";
+  Kind kind = Kind::Tcp;
+  float tolerance = 0.01f;
 };
 
-class ExampleOverTcp : public testing::TestWithParam<Row> {};
+class LinkedExample : public testing::TestWithParam<Row> {};
 
-TEST_P(ExampleOverTcp, DoesWhatItsPageTells) {
+TEST_P(LinkedExample, DoesWhatItsPageTells) {
   const Row& row = GetParam();
-  StandIn controller(StandIn::Link::Tcp, row.joints, row.drop_every);
-  Example example(std::string(row.name) + " " + Arguments(controller));
-  EXPECT_EQ(example.Status(), 0) << example.output;
-  controller.Stop();
-  EXPECT_TRUE(example.Tells(row.output)) << example.output;
-  EXPECT_EQ(controller.commands, row.commands);
-  EXPECT_EQ(controller.bad_bytes, 0);
-  EXPECT_EQ(controller.positions[static_cast<std::size_t>(row.joint)], row.position);
+  Arm arm(row.positions.size(), row.fault, row.kind);
+  const RunResult run = Play(row.command, arm);
+  const Summary summary = arm.Stop();
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_TRUE(std::regex_search(run.out, std::regex(row.output))) << run.out;
+  EXPECT_EQ(summary.executed, row.commands);
+  EXPECT_EQ(summary.bad_crc + summary.garbage, 0u);
+  for (const auto& fault : summary.faults) EXPECT_GT(fault.second, 0u);
+  for (std::size_t i = 0; i < row.positions.size(); ++i) {
+    EXPECT_NEAR(arm.Position(i), row.positions[i], row.tolerance) << i;
+  }
 }
 
+// drive_arm sends servo on, mode and four trajectory commands that two sources have each a half of; two_sources ends on
+// its way.
+// clang-format off
 INSTANTIATE_TEST_SUITE_P(
-    All, ExampleOverTcp,
-    testing::Values(Row{"move_joint", 6, 0, 5, "joint 2 is at 30.00\n", 2, 30},
-                    Row{"two_sources", 6, 0, 5,
-                        "different joints: 4 packets become 2 frames\n"
-                        "a joint that both want: 4 packets become 4 frames\n"
-                        "200 set-points under one key: still 4 frames, and 1 that waits until they are gone\n",
-                        0, 0},
-                    Row{"confirmed_commands", 6, 2, 4,  // every second frame is lost, and sent again
-                        "home: confirmed\n", 0, 0},
-                    Row{"status_thread", 6, 0, 60, "60 commands fed, 0 left, statuses collected\n", 0, 0},
-                    Row{"gripper_and_payload", 7, 0, 9, "gripper at 12.00\npayload set\n", 6, 12},
-                    Row{"simulator_swap", 6, 0, 5, "arrived\n", 5, 15}),
+    All, LinkedExample,
+    testing::Values(
+        Row{"DriveArmOverTcp", "drive_arm --tcp 127.0.0.1:@ -n 6", {10, -15, 20, -25, 30, -35}, 6,
+            "confirmations    6\ntime-outs        0\n"},
+        Row{"DriveArmOverUdp", "drive_arm --udp 127.0.0.1:@ -n 7", {10, -15, 20, -25, 30, -35, 40}, 6,
+            "confirmations    6\ntime-outs        0\n", "", Kind::Udp},
+        Row{"DriveArmOfOneJoint", "drive_arm --udp 127.0.0.1:@ -n 1", {10}, 6, "confirmations    6\n", "", Kind::Udp},
+        Row{"DriveArmOverPty", "drive_arm --serial @:115200 -n 2", {10, -15}, 6, "confirmations    6\n", "", Kind::Pty},
+        Row{"DriveArmWithLostCommands", "drive_arm --tcp 127.0.0.1:@ -n 3", {10, -15, 20}, 6,
+            "confirmations    6\ntime-outs        [1-9]", "drop-command=0.7"},
+        Row{"MoveJoint", "move_joint 127.0.0.1 @", {0, 0, 30, 0, 0, 0}, 5, "joint 2 is at 30.00\n"},
+        Row{"TwoSources", "two_sources 127.0.0.1 @", {18, 0, 0, 0, 0, 0}, 5,
+            "different joints: 4 packets become 2 frames\na joint that both want: 4 packets become 4 frames\n"
+            "200 set-points under one key: still 4 frames, and 1 that waits until they are gone\n", "", Kind::Tcp, 17},
+        Row{"ConfirmedCommands", "confirmed_commands 127.0.0.1 @", {0, 0, 0, 0, 0, 0}, 4, "home: confirmed\n",
+            "drop-command=0.7"},
+        Row{"StatusThread", "status_thread 127.0.0.1 @", {0, 0, 0, 0, 0, 0}, 60,
+            "60 commands fed, 0 left, statuses collected\n"},
+        Row{"GripperAndPayload", "gripper_and_payload 127.0.0.1 @", {0, 0, 0, 0, 0, 0, 12}, 9,
+            "gripper at 12.00\npayload set\n"},
+        Row{"SimulatorSwap", "simulator_swap 127.0.0.1 @", {15, 15, 15, 15, 15, 15}, 5, "arrived\n"},
+        Row{"SerialLine", "serial_line @ 115200", {0, 0}, 1, "the controller answers, joint 1 has servo on\n", "",
+            Kind::Pty}),
     [](const auto& row) { return row.param.name; });
-
-TEST(Example, ConfirmedCommandsGivesUpOnAControllerThatConfirmsNothing) {
-  StandIn controller(StandIn::Link::Tcp, 6, 1);
-  Example example("confirmed_commands " + Arguments(controller));
-  EXPECT_EQ(example.Status(), 1);
-  EXPECT_TRUE(example.Tells("brakes off: not confirmed\n")) << example.output;
-}
+// clang-format on
 
 TEST(Example, JsonBridgeConfirmsDocumentsAndRefusesOthers) {
-  StandIn controller(StandIn::Link::Tcp, 6);
-  const std::string on =
-      R"({"armOrder":"0","jointCommand":[{"jointName":"3","jointOrder":"162","value1":"0","value2":"0","value3":"0","value4":"0"}]})";
-  Example example("json_bridge " + Arguments(controller), on + "\nnonsense\n");
-  EXPECT_EQ(example.Status(), 1);
-  EXPECT_TRUE(example.Tells("json_bridge: not a command document: nonsense\n")) << example.output;
-  const std::size_t third = example.output.find(R"("joint_id":"3")");
-  EXPECT_EQ(example.output.find(R"("systemMode":"2")"), example.output.find(R"("systemMode":"2")", third));
-  controller.Stop();
-  EXPECT_EQ(controller.commands, 1);
-}
-
-TEST(Example, SerialLineTalksToATty) {
-  StandIn controller(StandIn::Link::Pty, 2);
-  Example example("serial_line " + controller.Address() + " 115200");
-  EXPECT_EQ(example.Status(), 0) << example.output;
-  EXPECT_TRUE(example.Tells("the controller answers, joint 1 has servo on\n"));
+  Arm arm(6);
+  const RunResult run = Play("json_bridge 127.0.0.1 @", arm,
+                             R"({"armOrder":"0","jointCommand":[{"jointName":"3","jointOrder":"162",)"
+                             R"("value1":"0","value2":"0","value3":"0","value4":"0"}]})"
+                             "\nnonsense\n");
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.err, "json_bridge: not a command document: nonsense\n");
+  const std::size_t servo_on = run.out.find(R"("systemMode":"2")");
+  EXPECT_GT(servo_on, run.out.find(R"("joint_id":"3")")) << run.out;
+  EXPECT_LT(servo_on, run.out.find(R"("joint_id":"4")")) << run.out;
+  EXPECT_EQ(arm.Stop().executed, 1u);
 }
 
 TEST(Example, ReconnectSendsNothingOldOverTheNewLink) {
-  auto deaf = std::make_unique<StandIn>(StandIn::Link::Tcp, 6, 1);  // confirms nothing, so commands stay queued
-  const std::string arguments = Arguments(*deaf);
-  const int port = std::stoi(arguments.substr(arguments.find(' ')));
-  Example example("reconnect " + arguments);
-  ASSERT_TRUE(example.Tells("connected, joint 0 is at 0.00\n"));
+  auto deaf = std::make_unique<Arm>(6, "drop-command");  // confirms nothing, so commands stay queued
+  const int port = std::stoi(deaf->Address());
+  Process example(Command("reconnect 127.0.0.1 @", *deaf));
+  ASSERT_EQ(example.ReadLine(), "Success to open TCP Connection to 127.0.0.1");
+  ASSERT_EQ(example.ReadLine(), "connected, joint 0 is at 0.00");
   deaf.reset();
-  ASSERT_TRUE(example.Tells("link lost, 4 queued commands discarded\n")) << example.output;
-  StandIn controller(StandIn::Link::Tcp, 6, 0, port);
-  EXPECT_EQ(example.Status(), 0) << example.output;
-  controller.Stop();
-  EXPECT_TRUE(example.Tells("arrived\n")) << example.output;
-  EXPECT_EQ(controller.commands, 5);  // those of the new session alone
-  EXPECT_EQ(controller.positions[0], 20);
+  ASSERT_TRUE(example.ReadAfter("link lost, 4 queued commands discarded"));
+  Arm arm(6, "", Kind::Tcp, port);
+  EXPECT_EQ(example.Wait(), 0) << example.Errors();
+  EXPECT_EQ(arm.Stop().executed, 5u);  // those of the new session alone
+  EXPECT_NEAR(arm.Position(0), 20, 0.01f);
 }
 
-TEST(Example, SimulatorSwapNeedsNoArm) {
-  Example example("simulator_swap");
-  EXPECT_EQ(example.Status(), 0) << example.output;
-  EXPECT_TRUE(example.Tells("arrived\n"));
+TEST(Example, NeedsNoArmWithTheSimulator) {
+  const Arm unused(1);
+  EXPECT_TRUE(Has(Play("simulator_swap", unused).out, "arrived\n"));
+  EXPECT_TRUE(Has(Play("drive_arm -n 4", unused).out, "joint 3   position   -25.000  target   -25.000  arrived\n"));
 }
 
-TEST(Example, BadUsageIsOneLineAndStatus2) {
+TEST(Example, TellsWhatIsWrongInOneLineAndItsStatus) {
+  const Arm other(3, "", Kind::Udp);  // a controller of another joint count
+  const Arm deaf(6, "drop-command");
+  std::vector<std::tuple<std::string, const Arm&, int, std::string>> rows = {
+      {"drive_arm --tcp nonsense", other, 2, "drive_arm: --tcp: needs IP:PORT\n"},
+      {"drive_arm --joints 0", other, 2, "drive_arm: "},
+      {"drive_arm --tcp 127.0.0.1:1", other, 1, "drive_arm: cannot open 127.0.0.1:1\n"},
+      {"drive_arm --serial /no/such/tty:9600", other, 1, "drive_arm: cannot open /no/such/tty:9600\n"},
+      {"drive_arm --udp 127.0.0.1:@ -n 2 --timeout 1", other, 1, "drive_arm: the controller does not confirm\n"},
+      {"confirmed_commands 127.0.0.1 @", deaf, 1, "brakes off: not confirmed\n"}};
   for (const char* name : {"move_joint", "two_sources", "confirmed_commands", "json_bridge", "reconnect",
                            "status_thread", "gripper_and_payload", "serial_line"}) {
-    Example example(name);
-    EXPECT_EQ(example.Status(), 2) << name;
-    EXPECT_EQ(example.output.find(std::string("usage: ") + name + " "), 0u) << example.output;
+    rows.emplace_back(name, other, 2, std::string("usage: ") + name + " ");
+  }
+  for (const auto& [command, arm, status, text] : rows) {
+    const RunResult run = Play(command, arm);
+    EXPECT_EQ(run.status, status) << command;
+    EXPECT_TRUE(Has(run.err + run.out, text)) << run.err << run.out;
   }
 }
 
