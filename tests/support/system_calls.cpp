@@ -47,11 +47,28 @@ using velta::test::Scripted;
 // NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
 extern "C" {
 
-int __real_socket(int, int, int);
-int __wrap_socket(int domain, int type, int protocol) {
-  if (const auto answer = Scripted("socket")) return static_cast<int>(*answer);
-  return __real_socket(domain, type, protocol);
-}
+#define VELTA_TEST_WRAP(name, parameters, arguments)                     \
+  int __real_##name parameters;                                          \
+  int __wrap_##name parameters {                                         \
+    const auto answer = Scripted(#name);                                 \
+    return answer ? static_cast<int>(*answer) : __real_##name arguments; \
+  }
+VELTA_TEST_WRAP(socket, (int domain, int type, int protocol), (domain, type, protocol))
+VELTA_TEST_WRAP(getsockopt, (int fd, int level, int name, void* value, socklen_t* size), (fd, level, name, value, size))
+VELTA_TEST_WRAP(setsockopt, (int fd, int level, int name, const void* value, socklen_t size),
+                (fd, level, name, value, size))
+VELTA_TEST_WRAP(tcgetattr, (int fd, termios* settings), (fd, settings))
+#undef VELTA_TEST_WRAP
+
+#define VELTA_TEST_WRAP_MOVING(name, parameters, arguments)                          \
+  ssize_t __real_##name parameters;                                                  \
+  ssize_t __wrap_##name parameters {                                                 \
+    return Moved(#name, size, [&](size_t some) { return __real_##name arguments; }); \
+  }
+VELTA_TEST_WRAP_MOVING(send, (int fd, const void* data, size_t size, int flags), (fd, data, some, flags))
+VELTA_TEST_WRAP_MOVING(recv, (int fd, void* data, size_t size, int flags), (fd, data, some, flags))
+VELTA_TEST_WRAP_MOVING(read, (int fd, void* data, size_t size), (fd, data, some))
+#undef VELTA_TEST_WRAP_MOVING
 
 int __real_connect(int, const sockaddr*, socklen_t);
 int __wrap_connect(int fd, const sockaddr* address, socklen_t size) {
@@ -67,33 +84,6 @@ int __wrap_poll(pollfd* fds, nfds_t count, int timeout) {
   return __real_poll(fds, count, timeout);
 }
 
-int __real_getsockopt(int, int, int, void*, socklen_t*);
-int __wrap_getsockopt(int fd, int level, int name, void* value, socklen_t* size) {
-  if (const auto answer = Scripted("getsockopt")) return static_cast<int>(*answer);
-  return __real_getsockopt(fd, level, name, value, size);
-}
-
-int __real_setsockopt(int, int, int, const void*, socklen_t);
-int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t size) {
-  if (const auto answer = Scripted("setsockopt")) return static_cast<int>(*answer);
-  return __real_setsockopt(fd, level, name, value, size);
-}
-
-ssize_t __real_send(int, const void*, size_t, int);
-ssize_t __wrap_send(int fd, const void* data, size_t size, int flags) {
-  return Moved("send", size, [&](size_t some) { return __real_send(fd, data, some, flags); });
-}
-
-ssize_t __real_recv(int, void*, size_t, int);
-ssize_t __wrap_recv(int fd, void* data, size_t size, int flags) {
-  return Moved("recv", size, [&](size_t some) { return __real_recv(fd, data, some, flags); });
-}
-
-ssize_t __real_read(int, void*, size_t);
-ssize_t __wrap_read(int fd, void* data, size_t size) {
-  return Moved("read", size, [&](size_t some) { return __real_read(fd, data, some); });
-}
-
 ssize_t __real_write(int, const void*, size_t);
 ssize_t __wrap_write(int fd, const void* data, size_t size) {
   if (!Calls().capture_writes) return Moved("write", size, [&](size_t some) { return __real_write(fd, data, some); });
@@ -105,12 +95,6 @@ int __real_open(const char*, int, ...);
 int __wrap_open(const char* path, int flags, ...) {
   if (const auto answer = Scripted("open")) return static_cast<int>(*answer);
   return __real_open(path, flags);
-}
-
-int __real_tcgetattr(int, termios*);
-int __wrap_tcgetattr(int fd, termios* settings) {
-  if (const auto answer = Scripted("tcgetattr")) return static_cast<int>(*answer);
-  return __real_tcgetattr(fd, settings);
 }
 
 int __real_tcsetattr(int, int, const termios*);
