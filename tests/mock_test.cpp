@@ -1,6 +1,4 @@
 // SPDX-License-Identifier: MIT
-#include "MasterControllerClientMock.h"
-
 #include <gtest/gtest.h>
 
 #include <array>
@@ -14,6 +12,7 @@
 #include <sstream>
 #include <thread>
 
+#include "MasterControllerClientMock.h"
 #include "support/capture.h"
 
 namespace {
@@ -23,12 +22,8 @@ using std::chrono::steady_clock;
 
 /// Waits for a condition, at most 5 s.
 bool Eventually(const std::function<bool()>& condition) {
-  const auto deadline = steady_clock::now() + std::chrono::seconds(5);
-  while (!condition()) {
-    if (steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(milliseconds(1));
-  }
-  return true;
+  for (int i = 0; i < 5000 && !condition(); ++i) std::this_thread::sleep_for(milliseconds(1));
+  return condition();
 }
 
 /// A simulator whose state thread has ended: a test moves it on, one step at a time.
@@ -56,16 +51,12 @@ struct Stepped : MasterControllerClientMock {
 
 TEST(Simulator, StandsInForAConnectedClient) {
   Stepped sim(2);
-  EXPECT_TRUE(sim.IsInit());
-  EXPECT_TRUE(sim.IsConnected());
+  EXPECT_TRUE(sim.IsInit() && sim.IsConnected());
   EXPECT_FALSE(sim.Connect());
   EXPECT_EQ(velta::test::Printed([&] { EXPECT_FALSE(sim.ReConnect(2)); }),
             "[VELTA] Try to Re-Connect\n[VELTA] Try: 0...failed.\n[VELTA] Try: 1...failed.\n");
-  for (int i = 1; i <= 3; ++i) EXPECT_EQ(sim.ReceiveStatus(), i);
-  EXPECT_EQ(sim.GetCurStatePacket().size(), 3u);
-  for (int i = 0; i < 5000; ++i) sim.ReceiveStatus();  // no bound here
-  EXPECT_EQ(sim.GetRecvBufferSize(), 5000u);
-
+  for (int i = 1; i <= 5000; ++i) ASSERT_EQ(sim.ReceiveStatus(), i);  // no bound here
+  EXPECT_EQ(sim.GetCurStatePacket().size(), 5000u);
   RecvPacket packet(2);
   packet.header.hostTimestamp = 77;
   sim.SetRecvBuffer(packet);
@@ -73,61 +64,55 @@ TEST(Simulator, StandsInForAConnectedClient) {
   EXPECT_EQ(+sim.recv_buffer_.back().header.hostTimestamp, 77u);
 }
 
+SendPacket ServoOn(const std::string& ids, unsigned long stamp) {
+  SendPacket p(2);
+  p.SetServoOn(ids);
+  p.SetTimeStamp(stamp);
+  return p;
+}
+
 TEST(Simulator, InterpretsOneCommandPerStepWithoutTheGate) {
   Stepped sim(2);
-  sim.SendPacketInBuffer();
-  EXPECT_EQ(+sim.Header().hostTimestamp, 0u);
-  SendPacket unique(2), queued(2), arm(2), named(2);
-  unique.SetTimeStamp(1);
+  /// One step: the echo, and the modes of both joints.
+  const auto step = [&] {
+    sim.SendPacketInBuffer();
+    return std::array<std::uint64_t, 3>{sim.Header().hostTimestamp, sim.Joint(0).systemMode, sim.Joint(1).systemMode};
+  };
+  using Seen = decltype(step());
+  EXPECT_EQ(step(), (Seen{0, 0, 0}));
+  SendPacket unique = ServoOn("", 1), queued = ServoOn("1", 2), arm = ServoOn("all", 3), named = ServoOn("0", 4);
   unique.SetUniqueKey("k");
-  queued.SetTimeStamp(2);
-  queued.SetServoOn("1");
-  arm.SetTimeStamp(3);
-  arm.SetServoOn("all");
   arm.SetPayload(1, 2, 3, 4);
-  named.SetTimeStamp(4);
-  named.SetServoOn("0");
   sim.InsertUniqueSendMap(unique);
   sim.PushSendQueue(queued, true);
   sim.PushSendQueue(arm, true);
   sim.CreateIndependentSendPacketBuffer("source");
-
-  sim.SendPacketInBuffer();
-  EXPECT_EQ(+sim.Header().hostTimestamp, 2u);
-  EXPECT_EQ(sim.Joint(0).systemMode, 0);
-  EXPECT_EQ(sim.Joint(1).systemMode, 2);
-  EXPECT_FALSE(sim.wait_confirm_);
-  EXPECT_TRUE(sim.ready_to_send_);
-  sim.SendPacketInBuffer();
-  EXPECT_EQ(+sim.Header().hostTimestamp, 3u);
-  EXPECT_EQ(sim.Joint(0).systemMode, 0);  // an arm order hides the joint commands
-  sim.SendPacketInBuffer();
-  EXPECT_EQ(+sim.Header().hostTimestamp, 1u);
-  sim.SendPacketInBuffer();
-  EXPECT_EQ(+sim.Header().hostTimestamp, 1u);
-
+  EXPECT_EQ(step(), (Seen{2, 0, 2}));
+  EXPECT_TRUE(sim.ready_to_send_ && !sim.wait_confirm_);
+  EXPECT_EQ(step(), (Seen{3, 0, 2}));  // an arm order hides the joint commands
+  EXPECT_EQ(step(), (Seen{1, 0, 2}));
+  EXPECT_EQ(step(), (Seen{1, 0, 2}));
   sim.PushBackIndependentSendBuffer(named, "source", true, false, "");
-  sim.SendPacketInBuffer();
-  EXPECT_EQ(sim.Joint(0).systemMode, 2);
+  const std::uint64_t merged = step()[0];
+  EXPECT_EQ(merged, sim.cur_send_packet_.GetTimeStamp());
+  EXPECT_EQ(step(), (Seen{merged, 2, 2}));
   sim.ReceiveStatus();
-  EXPECT_EQ(+sim.GetLastRecvPacket().header.hostTimestamp, sim.cur_send_packet_.GetTimeStamp());
+  EXPECT_EQ(+sim.GetLastRecvPacket().header.hostTimestamp, merged);
 }
 
 TEST(Simulator, SkipsRecordsThatItsArmDoesNotHave) {
-  Stepped sim(1);
-  SendPacket wide(300);
+  Stepped sim(1), empty(-1);
+  SendPacket wide(300), none(0);
   wide.SetServoOn("all");
   wide.SetJointOrder(256, ePacketOrder::ServoOff);  // would be joint 0 if cut to 8 bits
   sim.ParseSendPacket(wide);
   EXPECT_EQ(sim.Joint().systemMode, 2);
-  SendPacket none(0);
   none.SetGripperMaxEffort(1);
   none.SetTimeStamp(9);
   sim.ParseSendPacket(none);
   EXPECT_EQ(+sim.Header().hostTimestamp, 9u);
   sim.Order(0xA2, 0, 0, 0, 0, 5);
   sim.TrajControlStart(5);
-  Stepped empty(-1);
   empty.ParseSendPacket(wide);
   empty.ManageTrajState();
   EXPECT_EQ(empty.ReceiveStatus(), 1);
@@ -135,16 +120,17 @@ TEST(Simulator, SkipsRecordsThatItsArmDoesNotHave) {
 
 TEST(Simulator, SetsJointTypesByNumberAndName) {
   Stepped sim(3);
-  sim.SetJointType(0, "gripper_revolute");
-  sim.SetJointType(1, "gripper_prismatic");
-  sim.SetJointType(2, 9);
-  for (const int joint : {3, 5, -1}) sim.SetJointType(joint, 1);
-  sim.SetJointType(0, "gripper_Revolute");
-  EXPECT_EQ(sim.Joint(0).type, 2);
-  EXPECT_EQ(sim.Joint(1).type, 1);
-  EXPECT_EQ(sim.Joint(2).type, 9);
-  sim.SetJointType(2, "revolute");
-  EXPECT_EQ(sim.Joint(2).type, 0);
+  for (const int joint : {3, 5, -1}) sim.SetJointType(joint, 9);
+  sim.SetJointType(0, 9);
+  EXPECT_EQ(sim.Joint(0).type, 9);
+  for (const auto& [name, type] : {std::pair{"gripper_revolute", 2},
+                                   {"gripper_Revolute", 2},
+                                   {"gripper_prismatic", 1},
+                                   {"", 1},
+                                   {"revolute", 0}}) {
+    sim.SetJointType(2, name);
+    EXPECT_EQ(sim.Joint(2).type, type) << name;
+  }
 }
 
 /// A story of one simulator with two joints, in statements separated by ';':
@@ -173,24 +159,21 @@ void Play(const std::string& story) {
         {"queue", points.size()}, {"p", front.position}, {"v", front.velocity}, {"a", front.acceleration},
         {"t", front.time}, {"clock", +sim.Header().duration}};
     // clang-format on
-    if (word[0][0] == '@') {
-      joint = static_cast<unsigned char>(std::stoi(word[0].substr(1)));
-    } else if (word[0][0] == '*') {
-      for (int i = std::stoi(word[0].substr(1)); i > 0; --i) sim.ManageTrajState();
-    } else if (word[0][0] == '!' || word[0][0] == '?') {
-      for (const std::string& w : word) {
-        const std::string key = w.substr(1, w.find('=') - 1);
-        const double value = std::stod(w.substr(w.find('=') + 1));
-        EXPECT_TRUE(w[0] == '!' || std::fabs(fields.at(key) - value) < 0.002) << w << " is " << fields.at(key);
-        if (w[0] == '!' && key == "ew") state.ewStatus = static_cast<std::uint32_t>(value);
-        if (w[0] == '!' && key == "trj") state.trjStatus = static_cast<std::uint8_t>(value);
-        if (w[0] == '!' && key == "via") state.trjViaRemain = static_cast<std::uint16_t>(value);
-      }
-    } else {
-      std::array<float, 4> v{};
-      for (std::size_t i = 1; i < word.size(); ++i) v.at(i - 1) = std::stof(word[i]);
-      sim.Order(std::stoi(word[0], nullptr, 16), v[0], v[1], v[2], v[3], joint);
+    const char what = word[0][0];
+    if (what == '@') joint = static_cast<unsigned char>(std::stoi(word[0].substr(1)));
+    for (int i = what == '*' ? std::stoi(word[0].substr(1)) : 0; i > 0; --i) sim.ManageTrajState();
+    for (const std::string& w : what == '!' || what == '?' ? word : std::vector<std::string>()) {
+      const std::string key = w.substr(1, w.find('=') - 1);
+      const double value = std::stod(w.substr(w.find('=') + 1));
+      EXPECT_NEAR(w[0] == '?' ? fields.at(key) : value, value, 0.002) << w;
+      if (w[0] == '!' && key == "ew") state.ewStatus = static_cast<std::uint32_t>(value);
+      if (w[0] == '!' && key == "trj") state.trjStatus = static_cast<std::uint8_t>(value);
+      if (w[0] == '!' && key == "via") state.trjViaRemain = static_cast<std::uint16_t>(value);
     }
+    if (std::isxdigit(what) == 0) continue;
+    std::array<float, 4> v{};
+    for (std::size_t i = 1; i < word.size(); ++i) v.at(i - 1) = std::stof(word[i]);
+    sim.Order(std::stoi(word[0], nullptr, 16), v[0], v[1], v[2], v[3], joint);
   }
 }
 
@@ -238,9 +221,7 @@ INSTANTIATE_TEST_SUITE_P(
         StoryCase{"ViaClearResetsLettersAlone",
                   "3A 1 1; !trj=99; 30; ?queue=0 ?trj=99; !trj=100; 30; ?trj=0; !trj=255; 30; ?trj=0"}),
     [](const auto& row) { return row.param.name; });
-// clang-format on
 
-// clang-format off
 INSTANTIATE_TEST_SUITE_P(
     Trajectory, Story,
     testing::Values(
@@ -286,13 +267,11 @@ TEST(SimulatedOrder, IgnoresEveryOtherCode) {
 
 TEST(StateThread, AdvancesTimeTrajectoryAndVelocity) {
   MasterControllerClientMock sim(2, 10);
-  SendPacket p(2);
-  p.SetServoOn("all");
+  SendPacket p = ServoOn("all", 1);
   sim.PushSendQueue(p, false);
   p.SetRefPosition("1", 1.8f);  // 0.1 s
   sim.PushSendQueue(p, false);
-  sim.SendPacketInBuffer();
-  sim.SendPacketInBuffer();
+  for (int i = 0; i < 2; ++i) sim.SendPacketInBuffer();
   const auto joint = [&] {
     sim.ReceiveStatus();
     return sim.GetLastRecvPacket().joints[1];
@@ -301,10 +280,9 @@ TEST(StateThread, AdvancesTimeTrajectoryAndVelocity) {
   EXPECT_TRUE(Eventually([&] { return joint().trjStatus == 4; }));
   EXPECT_TRUE(Eventually([&] { return joint().velocity == 0; }));
   EXPECT_EQ(joint().position, 1.8f);
-  const std::vector<RecvPacket> packets = sim.GetCurStatePacket();
-  for (std::size_t i = 1; i < packets.size(); ++i) {
-    const std::uint64_t step = packets[i].header.timestamp - packets[i - 1].header.timestamp;
-    ASSERT_EQ(step % 10000, 0u);
+  std::uint64_t last = 0;
+  for (const RecvPacket& packet : sim.GetCurStatePacket()) {
+    ASSERT_EQ((packet.header.timestamp - std::exchange(last, packet.header.timestamp)) % 10000, 0u);
   }
 }
 
