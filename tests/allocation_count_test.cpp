@@ -26,57 +26,47 @@ __attribute__((noinline)) void operator delete(void* memory, std::size_t /*size*
 
 namespace {
 
-using velta::test::StatusFrame;
-
 constexpr int kJoints = 7;
 constexpr int kCycles = 200;  // a multiple of the packets in a node of the plain queue
 
 /// A link that is always ready and keeps nothing.
-struct ReadyLink : AbstractClient {
-  bool Init() override { return true; }
-  bool Connect() override { return true; }
-  int Disconnect() override { return 0; }
+struct ReadyLink : velta::test::ScriptedLink {
+  explicit ReadyLink(bool hears) {
+    if (hears) frame = velta::test::StatusFrame(kJoints, 1);
+  }
   int Read(std::vector<char>& data) override {
     data.assign(frame.begin(), frame.end());
     return static_cast<int>(data.size());
   }
   int Write(const std::vector<char>& data) override { return static_cast<int>(data.size()); }
-  std::vector<char> frame = StatusFrame(kJoints, 1);
+  std::vector<char> frame;
 };
 
-struct ReadyClient : MasterControllerClient {
-  ReadyClient() : MasterControllerClient(kJoints) { client_ = new ReadyLink; }
-  void HearNothing() { static_cast<ReadyLink*>(client_)->frame.clear(); }
+struct ReadyClient : velta::test::ScriptedClient {
+  explicit ReadyClient(bool hears = true) : ScriptedClient(kJoints, new ReadyLink(hears)) {}
 };
 
 /// Allocations per hundred calls, after two that fill what is kept.
 std::size_t PerHundred(const std::function<void()>& call) {
-  call();
-  call();
-  const std::size_t before = allocations;
-  for (int i = 0; i < kCycles; ++i) call();
+  std::size_t before = 0;
+  for (int i = -2; i < kCycles; ++i, call()) {
+    if (i == 0) before = allocations;
+  }
   return (allocations - before) * 100 / kCycles;
 }
 
-struct Row {
-  const char* name;
-  std::size_t expected;  ///< per hundred calls
-  std::function<void()> call;
-};
-
 TEST(Allocations, AreTheseAndNoMore) {
-  ReadyClient client, silent, keyed, named;
+  ReadyClient client, silent(false), keyed, named;
   MasterControllerClientMock simulator(kJoints, 10);
-  silent.HearNothing();
   SendPacket packet(kJoints), unique(kJoints);
   packet.SetServoOn("all");
   unique.SetUniqueKey("a key");
   for (int i = 0; i < 9; ++i) named.CreateIndependentSendPacketBuffer(std::to_string(i));
   RecvPacket status(kJoints);
   PacketParser parser(kJoints);
-  const std::vector<char> frame = StatusFrame(kJoints, 1);
 
-  const std::vector<Row> rows = {
+  // clang-format off
+  const std::vector<std::tuple<const char*, std::size_t, std::function<void()>>> rows = {
       {"a receive step that hears nothing", 0, [&] { silent.ReceiveStatus(); }},
       {"a send step without a command", 0, [&] { silent.SendPacketInBuffer(); }},
       {"the same with idle named buffers", 0, [&] { named.SendPacketInBuffer(); }},
@@ -85,30 +75,21 @@ TEST(Allocations, AreTheseAndNoMore) {
        [&] { client.PushSendQueue(packet, false), client.SendPacketInBuffer(); }},
       {"a keyed command: filed and handed out", 200,
        [&] { keyed.InsertUniqueSendMap(unique), keyed.SendPacketInBuffer(); }},
-      {"the simulator's cycle", 225,
-       [&] {
-         simulator.PushSendQueue(packet, false);
-         simulator.SendPacketInBuffer();
-         simulator.ReceiveStatus();
-         simulator.FlushRecvBuffer();
+      {"the simulator's cycle", 225, [&] {
+         simulator.PushSendQueue(packet, false), simulator.SendPacketInBuffer();
+         simulator.ReceiveStatus(), simulator.FlushRecvBuffer();
        }},
       {"collecting: as much room again", 200, [&] { client.PushRecvBuffer(status), client.GetCurStatePacket(); }},
-      {"building and serialising", 200,
-       [&] {
+      {"building and serialising", 200, [&] {
          SendPacket built(kJoints);
-         built.SetRefPosition("all", 1);
-         built.SetServoOn("0/2/5");
+         built.SetRefPosition("all", 1), built.SetServoOn("0/2/5");
          built.GetCharVector();
        }},
       {"reading an ID string", 100, [&] { packet.ParseIDString("0/1/2/3/4/5/6"); }},
       {"bytes that are no frame yet, but for the caller's own copy", 100,
-       [&] {
-         parser.Push(std::vector<char>(1, 'x'));
-         parser.Parse();
-         parser.buffer.pop_back();
-       }},
-  };
-  for (const Row& row : rows) EXPECT_EQ(PerHundred(row.call), row.expected) << row.name;
+       [&] { parser.Push(std::vector<char>(1, 'x')), parser.Parse(), parser.buffer.pop_back(); }}};
+  // clang-format on
+  for (const auto& [name, expected, call] : rows) EXPECT_EQ(PerHundred(call), expected) << name;
 }
 
 }  // namespace

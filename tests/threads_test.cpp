@@ -13,56 +13,38 @@
 
 namespace {
 
-using velta::test::ReadU64;
-using velta::test::ScriptedClient;
-using velta::test::ScriptedLink;
-using velta::test::StatusFrame;
-
 /// A link on which a status frame has always arrived.
-struct BusyLink : ScriptedLink {
+struct BusyLink : velta::test::ScriptedLink {
   int Read(std::vector<char>& data) override {
-    data = StatusFrame(1, ++stamp, 0);
+    data = velta::test::StatusFrame(1, ++stamp);
     return static_cast<int>(data.size());
   }
   std::uint64_t stamp = 0;
 };
 
-struct BusyClient : ScriptedClient {
-  BusyClient() : ScriptedClient(1) {
-    delete client_;
-    client_ = busy = new BusyLink;
-  }
-  BusyLink* busy;
-};
-
 TEST(Threads, StepsOverlapWithFeedingAndCollecting) {
   constexpr unsigned kFeeders = 3, kCommands = 400;
-  BusyClient client;
+  velta::test::ScriptedClient client(1, new BusyLink);
   std::atomic<unsigned> feeding{kFeeders};
-  std::vector<std::thread> feeders;
+  std::vector<std::thread> threads;
   for (unsigned feeder = 0; feeder < kFeeders; ++feeder) {
-    feeders.emplace_back([&client, &feeding, feeder] {
+    threads.emplace_back([&, feeder] {
       for (unsigned i = 0; i < kCommands; ++i) {
         SendPacket p(1);
-        p.SetTimeStamp(1000000 * (feeder + 1) + 10 * i);
+        p.SetTimeStamp(1000000 * feeder + 10 * i + 10);
         client.PushSendQueue(p, false);
-        if (i % 100 == 0) {
-          client.PushSendQueueJson("{}", false);
-          client.GetSendBufferSize();
-        }
+        if (i % 100 == 0) client.PushSendQueueJson("{}", false), client.GetSendBufferSize();
       }
       --feeding;
     });
   }
   std::atomic<bool> stepping{true};
-  std::uint64_t last = 0;
-  std::thread collector([&] {
-    while (stepping) {
+  threads.emplace_back([&] {
+    for (std::uint64_t last = 0; stepping; client.GetRecvBufferSize()) {
       for (const RecvPacket& packet : client.GetCurStatePacket()) {
         ASSERT_GT(+packet.header.timestamp, last);  // in order, none twice
         last = packet.header.timestamp;
       }
-      client.GetRecvBufferSize();
     }
   });
   while (feeding != 0 || client.GetSendBufferSize() != 0) {
@@ -70,13 +52,12 @@ TEST(Threads, StepsOverlapWithFeedingAndCollecting) {
     client.SendPacketInBuffer();
   }
   stepping = false;
-  collector.join();
-  for (std::thread& feeder : feeders) feeder.join();
+  for (std::thread& thread : threads) thread.join();
 
   std::vector<unsigned> sent(kFeeders);
-  for (const auto& frame : client.busy->writes) {
-    const std::uint64_t stamp = ReadU64(frame, 2);
-    EXPECT_EQ(stamp % 1000000 / 10, sent.at(stamp / 1000000 - 1)++);  // each feeder's order holds
+  for (const auto& frame : client.link->writes) {
+    const std::uint64_t stamp = velta::test::ReadU64(frame, 2);
+    EXPECT_EQ(stamp % 1000000 / 10, ++sent.at(stamp / 1000000));  // each feeder's order holds
   }
   EXPECT_EQ(sent, std::vector<unsigned>(kFeeders, kCommands));
 }
@@ -84,11 +65,9 @@ TEST(Threads, StepsOverlapWithFeedingAndCollecting) {
 TEST(Threads, ASimulatorIsFedWhileItsStateThreadRuns) {
   MasterControllerClientMock sim(2, 1);
   std::thread feeder([&sim] {
-    for (int i = 0; i < 200; ++i) {
-      SendPacket p(2);
-      p.SetServoOn("all");
-      sim.PushSendQueue(p, false);
-    }
+    SendPacket p(2);
+    p.SetServoOn("all");
+    for (int i = 0; i < 200; ++i) sim.PushSendQueue(p, false);
   });
   for (int i = 0; i < 300; ++i) {
     sim.SendPacketInBuffer();

@@ -45,7 +45,7 @@ class ScriptedLink : public AbstractClient {
 
 /// A client on a scripted link, with its members within reach.
 struct ScriptedClient : MasterControllerClient {
-  explicit ScriptedClient(int n) : MasterControllerClient(n), link(new ScriptedLink) {
+  explicit ScriptedClient(int n, ScriptedLink* owned = new ScriptedLink) : MasterControllerClient(n), link(owned) {
     client_ = link;
     is_init_ = is_connected_ = true;
   }
