@@ -23,22 +23,11 @@ quietly() { "$@" >"$work/log" 2>&1 || { cat "$work/log" >&2; fail "failed: $*"; 
 compile() { quietly "$@" -std=c++17 -Wall -Wextra -I"$source_dir/include" -L"$build_dir" -lvelta -Wl,-rpath,"$build_dir" -pthread; }
 sanitized() { [[ " $* " == *fsanitize* ]]; }
 shown() { tr -d '[:space:]' <"$1"; }
-
-prelude='#include <fcntl.h>
-#include <pthread.h>
-#include <sched.h>
-#include <sys/mman.h>
-#include <MasterControllerClient.h>
-#include <MasterControllerClientMock.h>
-#include <atomic>
-#include <chrono>
-#include <cstdio>
-#include <string>
-#include <thread>'
-cat >"$work/document.cpp" <<'EOF'
-#include <MasterControllerClient.h>
-#include <iostream>
-#include <iterator>
+installed() { [ -d "$prefix" ] || quietly cmake --install "$build_dir" --prefix "$prefix"; }
+prelude=$(printf '#include <%s>\n' fcntl.h pthread.h sched.h sys/mman.h MasterControllerClient.h \
+  MasterControllerClientMock.h atomic chrono cstdio string thread iostream iterator)
+cat >"$work/document.cpp" <<EOF
+$prelude
 int main() {
   MasterControllerClient arm(6);
   return arm.PushSendQueueJson({std::istreambuf_iterator<char>(std::cin), {}}, false) ? 0 : 1;
@@ -68,7 +57,7 @@ fi
 
 run_shell() { # a block, line by line, where the line's own program has been replaced
   sanitized "${compiler[@]}" && return
-  [ -d "$prefix" ] || quietly cmake --install "$build_dir" --prefix "$prefix"
+  installed
   while IFS= read -r line; do
     case $line in
       '' | '#'*) ;;
@@ -107,10 +96,8 @@ for page in README.md docs/*.md; do
         if grep -q 'int main' "$block"; then
           cp "$block" "$work/move.cpp"
           compile "${compiler[@]}" "$work/move.cpp" -o "$work/program"
-          if ! grep -q 'InitAs' "$block"; then
-            timeout 30 "$work/program" >"$work/output" || fail "the program fails"
-            ran=1
-          fi
+          grep -q 'InitAs' "$block" || ran=1
+          [ -z "$ran" ] || timeout 30 "$work/program" >"$work/output" || fail "the program fails"
         else
           { echo "$prelude"; grep '^#include' "$block" || true
             echo 'void Fragment(MasterControllerClient& arm); void Fragment(MasterControllerClient& arm) { (void)arm; {'
@@ -128,7 +115,7 @@ for page in README.md docs/*.md; do
       sh) run_shell "$block" ;;
       cmake)
         sanitized "${compiler[@]}" && continue
-        [ -d "$prefix" ] || quietly cmake --install "$build_dir" --prefix "$prefix"
+        installed
         mkdir -p "$work/project" && cp "$block" "$work/project/CMakeLists.txt" && cp "$work/move.cpp" "$work/project/"
         CXX=${compiler[0]} quietly cmake -S "$work/project" -B "$work/project/build" -Dvelta_ROOT="$prefix"
         quietly cmake --build "$work/project/build" ;;
