@@ -100,12 +100,9 @@ TEST(SendPacket, IsIdleAndStampedAfterConstruction) {
 
 TEST(SendPacket, SizesFollowTheJointCount) {
   constexpr int kLowest = std::numeric_limits<int>::min();
-  for (const auto& [n, data, packet] : std::vector<std::array<int, 3>>{{0, 0, 13},
-                                                                       {1, 18, 31},
-                                                                       {6, 108, 121},
-                                                                       {-1, -18, -5},
-                                                                       {3641, 65538, 65551},
-                                                                       {kLowest, -0x7fffffff, -0x7fffffff}}) {
+  const std::vector<std::array<int, 3>> rows = {
+      {0, 0, 13}, {1, 18, 31}, {6, 108, 121}, {-1, -18, -5}, {3641, 65538, 65551}, {kLowest, -0x7fffffff, -0x7fffffff}};
+  for (const auto& [n, data, packet] : rows) {
     const SendPacket p(n);
     EXPECT_EQ((std::array{p.jointNum, p.headerSize, p.GetDataSize(), p.GetPacketSize()}),
               (std::array{n, 11, data, packet}));
@@ -183,62 +180,55 @@ TEST(SendPacket, SkipsInvalidJointsAndValueNumbers) {
   EXPECT_EQ(CommandOf(p, 0), Command{});
 }
 
-struct SetterCase {
-  const char* name;
-  std::function<void(SendPacket&, const std::string&)> set;
-  Command command;
-};
-
-class NamedSetter : public testing::TestWithParam<SetterCase> {};
-
-TEST_P(NamedSetter, WritesCodeAndFourValuesOfTheNamedJointsOnly) {
-  SendPacket p(4);
-  p.SetCommonCommand("all", 0xEE, 9, 9, 9, 9);
-  GetParam().set(p, "1/3");
-  for (const std::size_t named : {1, 3}) {
-    EXPECT_EQ(CommandOf(p, named - 1), (Command{0xEE, 9, 9, 9, 9}));
-    EXPECT_EQ(CommandOf(p, named), GetParam().command);
-  }
-  EXPECT_EQ(p.header.armOrder, 0);
-}
-
-#define ROW(setter, ...)                                                               \
-  SetterCase {                                                                         \
-#setter, [](SendPacket & p, const std::string& ids) { p.setter; }, { __VA_ARGS__ } \
-  }
-INSTANTIATE_TEST_SUITE_P(
-    All, NamedSetter,
-    testing::Values(
-        ROW(SetReset(ids), 0xA0), ROW(SetServoOff(ids), 0xA1), ROW(SetServoOn(ids), 0xA2), ROW(SetBrakeOff(ids), 0xC0),
-        ROW(SetBrakeOn(ids), 0xC1), ROW(SetControlMode(ids, 33), 0xA3, 33), ROW(SetPositionControlMode(ids), 0xA3, 20),
-        ROW(SetVelocityControlMode(ids), 0xA3, 1), ROW(SetCurrentControlMode(ids), 0xA3, 2),
-        ROW(SetExternalForceFollowingControlMode(ids), 0xA3, 5), ROW(SetTrajectoryControlMode(ids), 0xA3, 0),
-        ROW(SetOnlineTrajectoryControlMode(ids), 0xA3, 7), ROW(SetRotationFixedControlMode(ids), 0xA3, 10),
-        ROW(SetGetSlaveEffortOffset(ids), 0xAB), ROW(SetParamKp(ids, 1), 0xB0, 1), ROW(SetParamKi(ids, 1), 0xB1, 1),
-        ROW(SetParamKd(ids, 1), 0xB2, 1), ROW(SetParamWindupLimit(ids, 1), 0xB3, 1),
-        ROW(SetParamVelocityOverride(ids, 1), 0xBA, 1), ROW(SetParamVelocityMax(ids, 1), 0xBB, 1),
-        ROW(SetParamAccelerationMax(ids, 1), 0xBC, 1), ROW(SetParamJerkMax(ids, 1), 0xBD, 1),
-        ROW(SetParamExtFFOnTrajSoftnessOverride(ids, 1), 0xBF, 80, 1), ROW(SetArbitraryParam(ids, 7, 1), 0xBF, 7, 1),
-        ROW(SetRefCurrent(ids, 1), 0x10, 1), ROW(SetRefPosition(ids, 1), 0x11, 1), ROW(SetRefVelocity(ids, 1), 0x12, 1),
-        ROW(SetRefPositionVelocity(ids, 1, 2), 0x1A, 1, 2),
-        ROW(SetRefPositionVelocityAcceleration(ids, 1, 2, 3), 0x1B, 1, 2, 3),
-        ROW(SetDynamics(ids, 1, 2, 3, 4), 0x20, 1, 2, 3, 0), ROW(SetTrajectoryViaClear(ids), 0x30),
-        ROW(SetTrajectoryControlStart(ids), 0x35), ROW(SetTrajectoryControlCancel(ids), 0x36),
-        ROW(SetTrajectoryP_DoubleS(ids, 1), 0x50, 1), ROW(SetTrajectoryPT_LinSpline(ids, 1, 2, true), 0x3A, 1, 2),
-        ROW(SetTrajectoryPT_LinSpline(ids, 1, 2, false), 0x4A, 1, 2),
-        ROW(SetTrajectoryPT_Trapezoidal(ids, 1, 2, true), 0x3B, 1, 2),
-        ROW(SetTrajectoryPT_Trapezoidal(ids, 1, 2, false), 0x4B, 1, 2),
-        ROW(SetTrajectoryPT_DoubleS(ids, 1, 2, true), 0x3C, 1, 2),
-        ROW(SetTrajectoryPT_DoubleS(ids, 1, 2, false), 0x4C, 1, 2),
-        ROW(SetTrajectoryPVT(ids, 1, 2, 3, true), 0x3D, 1, 2, 3),
-        ROW(SetTrajectoryPVT(ids, 1, 2, 3, false), 0x4D, 1, 2, 3),
-        ROW(SetTrajectoryPVAT(ids, 1, 2, 3, 4, true), 0x3E, 1, 2, 3, 4),
-        ROW(SetTrajectoryPVAT(ids, 1, 2, 3, 4, false), 0x4E, 1, 2, 3, 4), ROW(SetMoveHomePosition(ids), 0xD0),
-        ROW(SetGeneralRegisterType(ids, 1, 2), 0xE0, 1, 2)),
-    [](const auto& row) {
-      return std::to_string(row.index) + std::string(row.param.name, std::strcspn(row.param.name, "("));
-    });
+TEST(NamedSetter, WritesCodeAndFourValuesOfTheNamedJointsOnly) {
+  struct Row {
+    const char* setter;
+    std::function<void(SendPacket&, const std::string&)> set;
+    Command command;
+  };
+  // clang-format off
+#define ROW(setter, ...) {#setter, [](SendPacket& p, const std::string& ids) { p.setter; }, {__VA_ARGS__}}
+  const std::vector<Row> rows = {
+      ROW(SetReset(ids), 0xA0), ROW(SetServoOff(ids), 0xA1), ROW(SetServoOn(ids), 0xA2), ROW(SetBrakeOff(ids), 0xC0),
+      ROW(SetBrakeOn(ids), 0xC1), ROW(SetControlMode(ids, 33), 0xA3, 33), ROW(SetPositionControlMode(ids), 0xA3, 20),
+      ROW(SetVelocityControlMode(ids), 0xA3, 1), ROW(SetCurrentControlMode(ids), 0xA3, 2),
+      ROW(SetExternalForceFollowingControlMode(ids), 0xA3, 5), ROW(SetTrajectoryControlMode(ids), 0xA3, 0),
+      ROW(SetOnlineTrajectoryControlMode(ids), 0xA3, 7), ROW(SetRotationFixedControlMode(ids), 0xA3, 10),
+      ROW(SetGetSlaveEffortOffset(ids), 0xAB), ROW(SetParamKp(ids, 1), 0xB0, 1), ROW(SetParamKi(ids, 1), 0xB1, 1),
+      ROW(SetParamKd(ids, 1), 0xB2, 1), ROW(SetParamWindupLimit(ids, 1), 0xB3, 1),
+      ROW(SetParamVelocityOverride(ids, 1), 0xBA, 1), ROW(SetParamVelocityMax(ids, 1), 0xBB, 1),
+      ROW(SetParamAccelerationMax(ids, 1), 0xBC, 1), ROW(SetParamJerkMax(ids, 1), 0xBD, 1),
+      ROW(SetParamExtFFOnTrajSoftnessOverride(ids, 1), 0xBF, 80, 1), ROW(SetArbitraryParam(ids, 7, 1), 0xBF, 7, 1),
+      ROW(SetRefCurrent(ids, 1), 0x10, 1), ROW(SetRefPosition(ids, 1), 0x11, 1), ROW(SetRefVelocity(ids, 1), 0x12, 1),
+      ROW(SetRefPositionVelocity(ids, 1, 2), 0x1A, 1, 2),
+      ROW(SetRefPositionVelocityAcceleration(ids, 1, 2, 3), 0x1B, 1, 2, 3),
+      ROW(SetDynamics(ids, 1, 2, 3, 4), 0x20, 1, 2, 3, 0), ROW(SetTrajectoryViaClear(ids), 0x30),
+      ROW(SetTrajectoryControlStart(ids), 0x35), ROW(SetTrajectoryControlCancel(ids), 0x36),
+      ROW(SetTrajectoryP_DoubleS(ids, 1), 0x50, 1), ROW(SetTrajectoryPT_LinSpline(ids, 1, 2, true), 0x3A, 1, 2),
+      ROW(SetTrajectoryPT_LinSpline(ids, 1, 2, false), 0x4A, 1, 2),
+      ROW(SetTrajectoryPT_Trapezoidal(ids, 1, 2, true), 0x3B, 1, 2),
+      ROW(SetTrajectoryPT_Trapezoidal(ids, 1, 2, false), 0x4B, 1, 2),
+      ROW(SetTrajectoryPT_DoubleS(ids, 1, 2, true), 0x3C, 1, 2),
+      ROW(SetTrajectoryPT_DoubleS(ids, 1, 2, false), 0x4C, 1, 2),
+      ROW(SetTrajectoryPVT(ids, 1, 2, 3, true), 0x3D, 1, 2, 3),
+      ROW(SetTrajectoryPVT(ids, 1, 2, 3, false), 0x4D, 1, 2, 3),
+      ROW(SetTrajectoryPVAT(ids, 1, 2, 3, 4, true), 0x3E, 1, 2, 3, 4),
+      ROW(SetTrajectoryPVAT(ids, 1, 2, 3, 4, false), 0x4E, 1, 2, 3, 4), ROW(SetMoveHomePosition(ids), 0xD0),
+      ROW(SetGeneralRegisterType(ids, 1, 2), 0xE0, 1, 2)};
 #undef ROW
+  // clang-format on
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.setter);
+    SendPacket p(4);
+    p.SetCommonCommand("all", 0xEE, 9, 9, 9, 9);
+    row.set(p, "1/3");
+    for (const std::size_t named : {1, 3}) {
+      EXPECT_EQ(CommandOf(p, named - 1), (Command{0xEE, 9, 9, 9, 9}));
+      EXPECT_EQ(CommandOf(p, named), row.command);
+    }
+    EXPECT_EQ(p.header.armOrder, 0);
+  }
+}
 
 TEST(ArmSetter, WritesCodeAndTheNamedSlotsOfJoint0) {
   SendPacket p(2), none(0);
@@ -323,40 +313,35 @@ std::vector<unsigned> Stamps(const std::vector<RecvPacket>& packets) {
 const Data kOne = StatusFrame(1, 1);  // 103 bytes
 const Data kTwo = StatusFrame(1, 2);
 
-struct StreamCase {
-  const char* name;
-  Data stream;
-  std::vector<unsigned> stamps;
-  std::size_t left;  // bytes that stay buffered
-};
-
-class Stream : public testing::TestWithParam<StreamCase> {};
-
-TEST_P(Stream, GivesTheWholeGoodFrames) {
-  PacketParser parser(1);
-  EXPECT_EQ(parser.Push(GetParam().stream), 0);
-  EXPECT_EQ(Stamps(parser.Parse()), GetParam().stamps);
-  EXPECT_EQ(parser.buffer.size(), GetParam().left);
-  EXPECT_EQ(parser.state, 0);
+TEST(Stream, GivesTheWholeGoodFrames) {
+  struct Row {
+    const char* name;
+    Data stream;
+    std::vector<unsigned> stamps;
+    std::size_t left;  // bytes that stay buffered
+  };
+  const std::vector<Row> rows = {
+      {"Nothing", {}, {}, 0},
+      {"OneByteShort", Part(kOne, 0, 102), {}, 102},
+      {"GarbageAloneStaysUntilAFrameCouldBeThere", Bytes().Fill(102, 7), {}, 102},
+      {"GarbageIsSearchedAndItsLastByteKept", Bytes().Fill(103, 7), {}, 1},
+      {"HalfAStartMarkWaits", Bytes().Fill(102, 7).U8(0xAB), {}, 1},
+      {"GarbageThenFrame", Bytes().Fill(5, 7).Add(kOne), {1}, 0},
+      {"FirstMarkByteThenFrame", Bytes().U8(0xAB).Add(kOne), {1}, 0},
+      {"ManyFirstMarkBytesThenFrame", Bytes().Fill(9000, 0xAB).Add(kOne), {1}, 0},
+      {"TwoFrames", Bytes().Add(kOne).Add(kTwo), {1, 2}, 0},
+      {"TailStays", Bytes().Add(kOne).Add(Part(kTwo, 0, 50)), {1}, 50},
+      {"BadCrcCostsItsFrame", Bytes().Add(Flip(kOne, 102)).Add(kTwo), {2}, 0},
+      {"FalseMarkEatsTheFrameBehindIt", Bytes().U8(0xAB).U8(0xCD).Fill(3, 7).Add(kOne), {}, 5},
+      {"AndTheNextIsFound", Bytes().U8(0xAB).U8(0xCD).Add(kOne).Add(kTwo), {2}, 0}};
+  for (const Row& row : rows) {
+    PacketParser parser(1);
+    EXPECT_EQ(parser.Push(row.stream), 0);
+    EXPECT_EQ(Stamps(parser.Parse()), row.stamps) << row.name;
+    EXPECT_EQ(parser.buffer.size(), row.left) << row.name;
+    EXPECT_EQ(parser.state, 0);
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, Stream,
-    testing::Values(StreamCase{"Nothing", {}, {}, 0}, StreamCase{"OneByteShort", Part(kOne, 0, 102), {}, 102},
-                    StreamCase{"GarbageAloneStaysUntilAFrameCouldBeThere", Bytes().Fill(102, 7), {}, 102},
-                    StreamCase{"GarbageIsSearchedAndItsLastByteKept", Bytes().Fill(103, 7), {}, 1},
-                    StreamCase{"HalfAStartMarkWaits", Bytes().Fill(102, 7).U8(0xAB), {}, 1},
-                    StreamCase{"GarbageThenFrame", Bytes().Fill(5, 7).Add(kOne), {1}, 0},
-                    StreamCase{"FirstMarkByteThenFrame", Bytes().U8(0xAB).Add(kOne), {1}, 0},
-                    StreamCase{"ManyFirstMarkBytesThenFrame", Bytes().Fill(9000, 0xAB).Add(kOne), {1}, 0},
-                    StreamCase{"GarbageEndsAtTheSearchWindow", Bytes().Fill(4095, 7).Add(kOne), {1}, 0},
-                    StreamCase{"GarbageEndsBehindTheSearchWindow", Bytes().Fill(4096, 7).Add(kOne), {1}, 0},
-                    StreamCase{"TwoFrames", Bytes().Add(kOne).Add(kTwo), {1, 2}, 0},
-                    StreamCase{"TailStays", Bytes().Add(kOne).Add(Part(kTwo, 0, 50)), {1}, 50},
-                    StreamCase{"BadCrcCostsItsFrame", Bytes().Add(Flip(kOne, 102)).Add(kTwo), {2}, 0},
-                    StreamCase{"FalseMarkEatsTheFrameBehindIt", Bytes().U8(0xAB).U8(0xCD).Fill(3, 7).Add(kOne), {}, 5},
-                    StreamCase{"AndTheNextIsFound", Bytes().U8(0xAB).U8(0xCD).Add(kOne).Add(kTwo), {2}, 0}),
-    [](const auto& row) { return row.param.name; });
 
 TEST(PacketParser, SearchHeaderStopsAtTheMarkOrBelowTwoBytes) {
   const std::vector<std::pair<std::vector<char>, std::size_t>> rows = {
@@ -450,12 +435,10 @@ TEST(ParseInt32, StopsAtTheRangeOf32Bits) {
 }
 
 TEST(ParseFloat, ReadsWhatStrtofReadsAndRefusesWhatAFloatCannotHold) {
-  for (const auto& [text, value] : std::vector<std::pair<std::string, float>>{{" \t-1.5abc", -1.5f},
-                                                                              {"0x1p-1", 0.5f},
-                                                                              {"1,5", 1},
-                                                                              {"-inf", -INFINITY},
-                                                                              {"3.4028235e38", FLT_MAX},
-                                                                              {"1\0e5"s, 1}}) {
+  const std::vector<std::pair<std::string, float>> rows = {
+      {" \t-1.5abc", -1.5f}, {"0x1p-1", 0.5f},          {"1,5", 1},
+      {"-inf", -INFINITY},   {"3.4028235e38", FLT_MAX}, {"1\0e5"s, 1}};
+  for (const auto& [text, value] : rows) {
     EXPECT_EQ(ParseFloat(text), value) << text;
   }
   EXPECT_TRUE(std::isnan(ParseFloat("nan").value()));
