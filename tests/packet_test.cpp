@@ -222,7 +222,7 @@ TEST(NamedSetter, WritesCodeAndFourValuesOfTheNamedJointsOnly) {
     SendPacket p(4);
     p.SetCommonCommand("all", 0xEE, 9, 9, 9, 9);
     row.set(p, "1/3");
-    for (const std::size_t named : {1, 3}) {
+    for (const std::size_t named : {1u, 3u}) {
       EXPECT_EQ(CommandOf(p, named - 1), (Command{0xEE, 9, 9, 9, 9}));
       EXPECT_EQ(CommandOf(p, named), row.command);
     }
@@ -292,7 +292,7 @@ TEST(RecvPacket, WrongSizeLeavesItUntouchedAndWrongCrcOverwritesIt) {
   EXPECT_FALSE(p.Parse(Flip(frame, 22)));
   EXPECT_EQ(+p.header.timestamp, 8u);
   EXPECT_EQ(p.joints[0].type, 1);
-  for (const std::size_t crc_byte : {496, 497}) EXPECT_FALSE(p.Parse(Flip(frame, crc_byte)));
+  for (const std::size_t crc_byte : {496u, 497u}) EXPECT_FALSE(p.Parse(Flip(frame, crc_byte)));
 }
 
 TEST(RecvPacket, JointCountsAtTheEdges) {
