@@ -377,7 +377,8 @@ TEST(CommandJson, QueuesExactlyTheDocumentsCommand) {
 TEST(CommandJson, SkipsJointsThatTheArmDoesNotHave) {
   ScriptedClient client(2), none(-5);
   const std::string deep = std::string(50, '[') + std::string(50, ']');
-  Texts documents = {Document(""), R"({"\u0061rmOrder":"0 ]}","jointCommand":[],"deep":)" + deep + "}"};
+  Texts documents = {Document(""), R"({"\u0061rmOrder":"0 ]}","jointCommand":[],"deep":)" + deep + "}",
+                     R"({"armOrder":"0","jointCommand":[],"no depth":"\")" + std::string(600, '[') + "\"}"};
   for (const char* name : {"0", "-1", "3", "-2147483648", "2147483647"}) {
     documents.push_back(Document(Joint(name, R"("jointOrder":5)")));
   }

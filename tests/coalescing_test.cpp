@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <array>
-#include <regex>
 
 #include "send_packet_buffer.h"
 #include "send_packet_merger.h"
@@ -17,10 +16,10 @@ using Texts = std::vector<std::string>;
 /// A packet in a word, "a.?5": one letter per joint becomes its order and '.' is idle; in front '!' is an arm order;
 /// behind it '?' asks for confirmation, and a digit is the time stamp.
 SendPacket Packet(const std::string& word, const char* key = nullptr) {
-  std::smatch part;
-  EXPECT_TRUE(std::regex_match(word, part, std::regex(R"((!?)([a-zA-Z.]*)(\??)(\d?))")));
-  const std::string joints = part[2];
-  const unsigned long stamp = part.length(4) != 0 ? std::stoul(part[4]) : 1;
+  const bool arm = word.rfind('!', 0) == 0, confirm = word.find('?') != std::string::npos;
+  const bool stamped = word.find_first_of("12345") != std::string::npos;
+  const unsigned long stamp = stamped ? static_cast<unsigned long>(word.back() - '0') : 1;
+  const std::string joints = word.substr(arm, word.size() - arm - confirm - stamped);
   SendPacket p(static_cast<int>(joints.size()));
   for (std::size_t i = 0; i < joints.size(); ++i) {
     p.joints[i].id = static_cast<unsigned char>(100 + i);  // joints are matched by position, not by id
@@ -30,10 +29,10 @@ SendPacket Packet(const std::string& word, const char* key = nullptr) {
     p.joints[i].value2 = p.joints[i].value3 = static_cast<float>(joints[i]);
   }
   p.SetTimeStamp(stamp);
-  p.SetConfirmReceived(part.length(3) != 0);
+  p.SetConfirmReceived(confirm);
   p.SetIsUnique(key != nullptr);
   if (key != nullptr) p.SetUniqueKey(key);
-  if (part.length(1) != 0) p.SetArmOrder(0xA0);
+  if (arm) p.SetArmOrder(0xA0);
   return p;
 }
 

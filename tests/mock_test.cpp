@@ -210,6 +210,8 @@ const char* const kStories[][2] = {
      "?pos=6.25; @0; ?pos=6.25; *7; ?pos=50 ?clock=1"},
     {"AStartWhileMovingBeginsHere", "A2; 3A 10 1; 35; *5; ?pos=5; 3A 0 1; 35; *1; ?trj=2 ?clock=0 ?pos=5; *4; "
      "?pos=2.5"},
+    {"ANewStartBeginsAtTimeZero", "A2; 3A 10 0.25; 3A 20 0.5; 35; *7; ?trj=4 ?pos=20; 3A 30 1; 35; *5; ?trj=2 ?pos=25"},
+    {"AStartTakesTheVelocityAlong", "A3 20; 12 4; A3 0; A2; 3D 10 2 1; 35; *5; ?rvel=3 ?pos=5"},
     {"StartsAreRefused", "35; ?trj=109; A2; 35; ?trj=102; !trj=1; *1; ?trj=102; !via=1; 35; ?trj=1; *1; ?trj=102"},
     {"ServoOffInterrupts", "A2; 3A 10 1; 3A 20 2; 35; *3; ?pos=2.5; A1; *3; ?trj=111 ?pos=2.5 ?queue=1 ?via=1; 30; "
      "?trj=0"},
