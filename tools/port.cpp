@@ -13,17 +13,18 @@
 
 #include <array>
 #include <cerrno>
-#include <cstring>
+#include <system_error>
 #include <utility>
 
 #include "SerialClient.h"
-#include "command.h"
 
 namespace velta::tools {
 
 namespace {
 
-[[noreturn]] void Fail(const std::string& what, int error) { throw Failure(what + ": " + std::strerror(error)); }
+[[noreturn]] void Fail(const std::string& what, int error) {
+  throw LinkError(what + ": " + std::generic_category().message(error), error);
+}
 [[noreturn]] void Fail(const Link& link, int error) { Fail(ToString(link), error); }
 
 sockaddr_in AddressOf(const Link& link) {
@@ -55,16 +56,21 @@ bool IsPoll(int fd, short events, short wanted) {
   return poll(&request, 1, 0) == 1 && (request.revents & wanted) != 0;
 }
 
+/// Where a symbolic link leads; empty when it is none. A pty's name is short.
+std::string TargetOf(const std::string& path) {
+  std::array<char, 64> target{};
+  const ssize_t size = readlink(path.c_str(), target.data(), target.size());
+  return {target.data(), size > 0 ? static_cast<std::size_t>(size) : 0};
+}
+
 /// Opens a serial device with the settings of the library's own link, which stay while `settings` lives.
 std::shared_ptr<Descriptor> OpenSerial(const Link& link, std::unique_ptr<SerialClient>& settings) {
   auto fd = Own(open(link.device.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
   if (fd->Get() < 0) Fail(link, errno);
-  if (isatty(fd->Get()) == 0) Fail(link, ENOTTY);
+  if (isatty(fd->Get()) == 0) throw LinkError(ToString(link) + ": not a serial device", ENOTTY);
   settings = std::make_unique<SerialClient>(link.device, link.baud);
-  errno = 0;
   if (!settings->Init()) {
-    settings.reset();
-    Fail(link, errno != 0 ? errno : EINVAL);
+    throw LinkError(link.device + ": cannot be set to " + std::to_string(link.baud) + " baud", EINVAL);
   }
   return fd;
 }
@@ -87,7 +93,7 @@ Port::~Port() = default;
 
 Port Port::Connect(const Link& link) {
   if (link.kind == Link::Kind::Pty) {
-    throw UsageError("'" + ToString(link) + "' is a place to listen on; a controller's tty is serial://" +
+    throw UsageError(ToString(link) + " is an endpoint, a place to listen on; a controller's tty is serial://" +
                      (link.device.empty() ? "/dev/pts/N" : link.device));
   }
   if (link.kind == Link::Kind::Serial) {
@@ -129,7 +135,7 @@ Port::Result Port::Read(char* buffer, std::size_t size) {
   if (count > 0) return {Io::kDone, static_cast<std::size_t>(count)};
   switch (kind_) {
     case Link::Kind::Udp:  // an ICMP message about an earlier datagram is no end
-      return {count == 0 ? Io::kDone : Io::kLater, 0};
+      return {count == 0 ? Io::kDone : Io::kLater, 0, count == 0 ? 0 : errno};
     case Link::Kind::Tcp:
       if (count == 0) return {Io::kEnded, 0};
       break;
@@ -140,7 +146,7 @@ Port::Result Port::Read(char* buffer, std::size_t size) {
       if (count == 0) return {IsPoll(Fd(), 0, POLLHUP | POLLERR) ? Io::kBroken : Io::kLater, 0};
       break;
   }
-  return {errno == EAGAIN || errno == EINTR ? Io::kLater : Io::kBroken, 0};
+  return {errno == EAGAIN || errno == EINTR ? Io::kLater : Io::kBroken, 0, errno};
 }
 
 Port::Result Port::Write(const char* bytes, std::size_t size) {
@@ -156,7 +162,7 @@ Port::Result Port::Write(const char* bytes, std::size_t size) {
   }
   const ssize_t count = kind_ == Link::Kind::Tcp ? send(Fd(), bytes, size, MSG_NOSIGNAL) : write(Fd(), bytes, size);
   if (count >= 0) return {count > 0 || size == 0 ? Io::kDone : Io::kLater, static_cast<std::size_t>(count)};
-  return {errno == EAGAIN || errno == EINTR ? Io::kLater : Io::kBroken, 0};
+  return {errno == EAGAIN || errno == EINTR ? Io::kLater : Io::kBroken, 0, errno};
 }
 
 void Port::EndWriting() {
@@ -210,8 +216,9 @@ void Endpoint::OpenPty() {
     address_.device = name.data();
     return;
   }
+  // Only what an earlier run may have left behind is replaced.
   struct stat there {};
-  if (lstat(symlink_.c_str(), &there) == 0 && !S_ISLNK(there.st_mode)) {
+  if (lstat(symlink_.c_str(), &there) == 0 && TargetOf(symlink_).rfind("/dev/pts/", 0) != 0) {
     errno = EEXIST;
     fail();
   }
@@ -229,11 +236,7 @@ void Endpoint::OpenPty() {
 
 void Endpoint::RemoveSymlink() {
   if (symlink_target_.empty()) return;
-  std::array<char, 64> target{};
-  const ssize_t size = readlink(symlink_.c_str(), target.data(), target.size());
-  if (size > 0 && std::string(target.data(), static_cast<std::size_t>(size)) == symlink_target_) {
-    unlink(symlink_.c_str());
-  }
+  if (TargetOf(symlink_) == symlink_target_) unlink(symlink_.c_str());
 }
 
 int Endpoint::WaitFd() const {

@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 
+#include "command.h"
 #include "link.h"
 
 class SerialClient;
@@ -17,6 +18,12 @@ namespace velta::tools {
 
 /// Bytes that one read may bring and one write may take: the most that a datagram carries.
 inline constexpr std::size_t kMaxChunk = 65507;
+
+/// Why a link did not open or stopped working.
+struct LinkError : Failure {
+  LinkError(const std::string& text, int error_number) : Failure(text), error(error_number) {}
+  int error;  ///< errno
+};
 
 /// A descriptor that closes itself.
 class Descriptor {
@@ -48,10 +55,11 @@ class Port {
   struct Result {
     Io io;
     std::size_t size;
+    int error = 0;  ///< errno behind kLater and kBroken, 0 for a serial device that is gone
   };
 
   /// Starts to open the way to a controller. A serial device gets exactly the settings that the library's own link
-  /// gives it. Throws Failure, which tells the link and the reason.
+  /// gives it. Throws LinkError, which tells the link and the reason.
   static Port Connect(const Link& link);
 
   /// Takes an open descriptor over; kind tells how to read and write it. Shared, since an endpoint that stays open
@@ -64,7 +72,7 @@ class Port {
   int Fd() const { return fd_->Get(); }
   bool Connecting() const { return connecting_; }
 
-  /// To be called when a connecting port is writable. Throws Failure when the connection did not come about.
+  /// To be called when a connecting port is writable. Throws LinkError when the connection did not come about.
   void FinishConnecting();
 
   /// @param buffer  room for size bytes; kMaxChunk and more take any datagram whole
@@ -94,7 +102,7 @@ class Port {
 /// A place where a host can come: a listening TCP socket, a UDP socket, a pty, a serial device.
 class Endpoint {
  public:
-  /// Opens it. Throws Failure, which tells the endpoint and the reason.
+  /// Opens it. Throws LinkError, which tells the endpoint and the reason.
   explicit Endpoint(const Link& link);
   Endpoint(const Endpoint&) = delete;
   Endpoint& operator=(const Endpoint&) = delete;
@@ -114,7 +122,7 @@ class Endpoint {
   /// always has one.
   bool HostIsThere() const;
 
-  /// The host's port; the endpoint must outlive it. Only when HostIsThere(); may still fail with Failure when a TCP
+  /// The host's port; the endpoint must outlive it. Only when HostIsThere(); may still fail with LinkError when a TCP
   /// host has gone again.
   Port Take();
 
