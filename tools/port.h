@@ -9,7 +9,9 @@
 #include <string>
 
 #include "command.h"
+#include "fd.h"
 #include "link.h"
+#include "pty.h"
 
 class SerialClient;
 
@@ -23,22 +25,6 @@ inline constexpr std::size_t kMaxChunk = 65507;
 struct LinkError : Failure {
   LinkError(const std::string& text, int error_number) : Failure(text), error(error_number) {}
   int error;  ///< errno
-};
-
-/// A descriptor that closes itself.
-class Descriptor {
- public:
-  explicit Descriptor(int fd = -1) : fd_(fd) {}
-  Descriptor(Descriptor&& other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
-  Descriptor& operator=(Descriptor&& other) noexcept;
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  ~Descriptor();
-
-  int Get() const { return fd_; }
-
- private:
-  int fd_;
 };
 
 /// One end of a link, open or still connecting (TCP). Reads and writes never wait.
@@ -64,7 +50,7 @@ class Port {
 
   /// Takes an open descriptor over; kind tells how to read and write it. Shared, since an endpoint that stays open
   /// lends its own.
-  Port(std::shared_ptr<Descriptor> fd, Link::Kind kind);
+  Port(std::shared_ptr<const sim::Fd> fd, Link::Kind kind);
   Port(Port&&) noexcept;
   Port& operator=(Port&&) noexcept;
   ~Port();
@@ -90,7 +76,7 @@ class Port {
  private:
   friend class Endpoint;
 
-  std::shared_ptr<Descriptor> fd_;
+  std::shared_ptr<const sim::Fd> fd_;
   Link::Kind kind_;
   Link link_;  ///< for messages of a connecting port
   bool connecting_ = false;
@@ -106,7 +92,6 @@ class Endpoint {
   explicit Endpoint(const Link& link);
   Endpoint(const Endpoint&) = delete;
   Endpoint& operator=(const Endpoint&) = delete;
-  ~Endpoint();
 
   /// The endpoint as a host names it, with the port that the system chose; a pty is a serial link to its device.
   const Link& Address() const { return address_; }
@@ -132,13 +117,12 @@ class Endpoint {
 
  private:
   void OpenPty();
-  void RemoveSymlink();
 
   Link::Kind kind_;
   Link address_;
-  std::string symlink_;
-  std::string symlink_target_;  ///< where our symlink points to; empty while there is none
-  std::shared_ptr<Descriptor> fd_;
+  std::string path_;  ///< of the pty's symbolic link; may be empty
+  std::shared_ptr<sim::Pty> pty_;
+  std::shared_ptr<const sim::Fd> fd_;  ///< a socket, or the pty's
 };
 
 }  // namespace velta::tools
