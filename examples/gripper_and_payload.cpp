@@ -41,7 +41,7 @@ int main(int argc, char** argv) {
     return false;
   };
   if (!send({&effort, &servo, &mode, &clear, &close, &start})) return 1;
-  for (int step = 0; step < 5000 && +arm.GetLastRecvPacket().joints[6].position < 11.99f; ++step) {
+  for (int step = 0; step < 5000 && +arm.GetLastRecvPacket().joints[6].position < 11.996f; ++step) {
     arm.ReceiveStatus();
     arm.FlushRecvBuffer();
     std::this_thread::sleep_for(std::chrono::milliseconds(1));

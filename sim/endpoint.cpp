@@ -2,12 +2,8 @@
 #include "endpoint.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/tcp.h>
-#include <poll.h>
-#include <stdlib.h>
 #include <sys/socket.h>
-#include <termios.h>
 
 #include <cerrno>
 #include <filesystem>
@@ -32,17 +28,26 @@ Endpoint::Endpoint(EndpointConfig config) : config_(std::move(config)) {
 }
 
 std::string Endpoint::Link() const {
-  if (Kind() == EndpointConfig::Kind::Pty) return "serial://" + (config_.path.empty() ? device_ : config_.path);
+  if (Kind() == EndpointConfig::Kind::Pty) return "serial://" + (pty_ ? pty_->Path() : config_.path);
   const char* const scheme = Kind() == EndpointConfig::Kind::Tcp ? "tcp://" : "udp://";
   return scheme + config_.host + ":" + std::to_string(config_.port);
 }
 
 void Endpoint::Open() {
   if (Kind() == EndpointConfig::Kind::Pty) {
-    OpenPty();
-  } else {
-    OpenSocket();
+    pty_ = std::make_unique<Pty>(config_.path);
+    return;
   }
+  const bool is_tcp = Kind() == EndpointConfig::Kind::Tcp;
+  if (is_tcp && !reserved_) reserved_ = Bind();
+  Fd fd = Bind();
+  if (is_tcp && listen(fd.Get(), 16) != 0) Throw("cannot listen on " + Link(), errno);
+  fd_ = std::move(fd);
+}
+
+void Endpoint::Close() {
+  fd_.Close();
+  pty_.reset();
 }
 
 Fd Endpoint::Bind() {
@@ -63,50 +68,6 @@ Fd Endpoint::Bind() {
   return fd;
 }
 
-void Endpoint::OpenSocket() {
-  if (Kind() == EndpointConfig::Kind::Tcp && !reserved_) reserved_ = Bind();
-  Fd fd = Bind();
-  if (Kind() == EndpointConfig::Kind::Tcp && listen(fd.Get(), 16) != 0) Throw("cannot listen on " + Link(), errno);
-  fd_ = std::move(fd);
-}
-
-void Endpoint::OpenPty() {
-  Fd fd(posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
-  char name[128];
-  if (!fd || grantpt(fd.Get()) != 0 || unlockpt(fd.Get()) != 0) Throw("cannot open a pty", errno);
-  if (const int error = ptsname_r(fd.Get(), name, sizeof name); error != 0) Throw("cannot open a pty", error);
-
-  termios settings{};
-  tcgetattr(fd.Get(), &settings);
-  cfmakeraw(&settings);
-  tcsetattr(fd.Get(), TCSANOW, &settings);
-  // A device that was never opened counts as in use; one that was closed does not.
-  const Fd first(open(name, O_RDWR | O_NOCTTY | O_CLOEXEC));
-  if (!first) Throw(std::string("cannot open ") + name, errno);
-
-  if (!config_.path.empty()) {
-    std::error_code error;
-    // Only what an earlier run may have left behind is replaced.
-    const bool is_ours = fs::read_symlink(config_.path, error).string().rfind("/dev/pts/", 0) == 0;
-    if (!is_ours && fs::exists(fs::symlink_status(config_.path, error))) {
-      throw std::runtime_error("cannot make the link " + config_.path + ": it exists and does not lead to a pty");
-    }
-    fs::remove(config_.path, error);
-    fs::create_symlink(name, config_.path, error);
-    if (error) throw std::runtime_error("cannot make the link " + config_.path + ": " + error.message());
-  }
-  device_ = name;
-  fd_ = std::move(fd);
-}
-
-void Endpoint::Close() {
-  if (!fd_) return;
-  fd_.Close();
-  if (Kind() != EndpointConfig::Kind::Pty || config_.path.empty()) return;
-  std::error_code error;
-  if (fs::read_symlink(config_.path, error) == device_) fs::remove(config_.path, error);
-}
-
 std::optional<Peer> Endpoint::Accept() const {
   Peer peer;
   peer.connection = Fd(accept4(fd_.Get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
@@ -122,16 +83,6 @@ void Endpoint::Reset(Peer& peer) {
   peer.connection.Close();
 }
 
-bool Endpoint::HasUser() const {
-  pollfd request{fd_.Get(), 0, 0};
-  return fd_ && poll(&request, 1, 0) >= 0 && (request.revents & POLLHUP) == 0;
-}
-
-void Endpoint::FlushDevice() const {
-  const Fd device(open(device_.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
-  if (device) tcflush(device.Get(), TCIOFLUSH);
-}
-
 ssize_t Endpoint::Read(Peer& peer, char* bytes, std::size_t size) const {
   switch (Kind()) {
     case EndpointConfig::Kind::Tcp:
@@ -143,7 +94,7 @@ ssize_t Endpoint::Read(Peer& peer, char* bytes, std::size_t size) const {
     case EndpointConfig::Kind::Pty:
       break;
   }
-  return read(fd_.Get(), bytes, size);
+  return read(Descriptor(), bytes, size);
 }
 
 ssize_t Endpoint::Write(const Peer& peer, const char* bytes, std::size_t size) const {
@@ -155,7 +106,7 @@ ssize_t Endpoint::Write(const Peer& peer, const char* bytes, std::size_t size) c
     case EndpointConfig::Kind::Pty:
       break;
   }
-  return write(fd_.Get(), bytes, size);
+  return write(Descriptor(), bytes, size);
 }
 
 }  // namespace velta::sim

@@ -6,11 +6,13 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "fd.h"
+#include "pty.h"
 
 namespace velta::sim {
 
@@ -41,7 +43,6 @@ class Endpoint {
   explicit Endpoint(EndpointConfig config);
   Endpoint(const Endpoint&) = delete;
   Endpoint& operator=(const Endpoint&) = delete;
-  ~Endpoint() { Close(); }
 
   /// A second Open listens on the port that the first one got; a pty's device may have another name, which the
   /// symbolic link follows.
@@ -55,7 +56,7 @@ class Endpoint {
   std::string Link() const;
 
   /// The listener, the datagram socket or the pty's master; -1 while closed.
-  int Descriptor() const { return fd_.Get(); }
+  int Descriptor() const { return pty_ ? pty_->Master().Get() : fd_.Get(); }
 
   /// TCP: the next connection that waits.
   std::optional<Peer> Accept() const;
@@ -63,11 +64,8 @@ class Endpoint {
   /// TCP: ends the connection without a goodbye.
   static void Reset(Peer& peer);
 
-  /// Pty: whether someone has the device open.
-  bool HasUser() const;
-
-  /// Pty: drops what waits in the device.
-  void FlushDevice() const;
+  /// The pty, while it is open; null for sockets.
+  const Pty* GetPty() const { return pty_.get(); }
 
   /// @param[in,out] peer UDP: becomes who sent the datagram
   ssize_t Read(Peer& peer, char* bytes, std::size_t size) const;
@@ -75,13 +73,11 @@ class Endpoint {
 
  private:
   Fd Bind();
-  void OpenSocket();
-  void OpenPty();
 
   EndpointConfig config_;
   Fd fd_;
-  Fd reserved_;         ///< TCP: bound but not listening, so that nobody gets the port while the endpoint is closed
-  std::string device_;  ///< the pty's
+  Fd reserved_;  ///< TCP: bound but not listening, so that nobody gets the port while the endpoint is closed
+  std::unique_ptr<Pty> pty_;
 };
 
 }  // namespace velta::sim

@@ -2,6 +2,7 @@
 #include "server.h"
 
 #include <poll.h>
+#include <termios.h>
 
 #include <algorithm>
 #include <array>
@@ -119,12 +120,12 @@ void Server::OpenAndClose() {
 
 void Server::LookForDeviceUser(Endpoint& endpoint) {
   Host* const host = FindHost(endpoint);
-  const bool has_user = endpoint.HasUser();
+  const bool has_user = endpoint.GetPty() != nullptr && endpoint.GetPty()->HasUser();
   if (has_user && host == nullptr) Welcome(endpoint, {});
   if (has_user || host == nullptr) return;
   if (reading_) ReadStream(*host);  // what the user left behind
   host->gone = true;
-  endpoint.FlushDevice();
+  if (endpoint.GetPty() != nullptr) endpoint.GetPty()->Flush(TCIOFLUSH);
 }
 
 void Server::RunDueCommands() {

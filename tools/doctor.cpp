@@ -94,7 +94,7 @@ class Doctor {
       const std::unique_ptr<Wire> wire = Open();
       try {
         Exchange(*wire);
-      } catch (const WireError& error) {
+      } catch (const LinkError& error) {
         if (!StopRequested()) ExplainLoss(error);
       }
       if (StopRequested()) throw Hopeless();
@@ -195,14 +195,14 @@ class Doctor {
         Good("opened " + ToString(link_));
       }
       return wire;
-    } catch (const WireError& error) {
+    } catch (const LinkError& error) {
       if (StopRequested()) throw Hopeless();
       ExplainOpening(error);
       throw Hopeless();
     }
   }
 
-  void ExplainOpening(const WireError& error) {
+  void ExplainOpening(const LinkError& error) {
     switch (error.error) {
       case ECONNREFUSED:
         return Bad(ToString(link_) + " refuses: the machine is there, but nothing listens on port " +
@@ -221,7 +221,7 @@ class Doctor {
     }
   }
 
-  void ExplainLoss(const WireError& error) {
+  void ExplainLoss(const LinkError& error) {
     if (link_.kind == Link::Kind::Udp && error.error == ECONNREFUSED) {
       GiveUp(ToString(link_) + " refuses: the machine is there, but nothing listens on that UDP port");
     }

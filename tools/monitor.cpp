@@ -209,17 +209,17 @@ class Source {
 
 class OwnLink : public Source {
  public:
-  /// @param keep_trying  whether a lost link is opened again, else it is a WireError
+  /// @param keep_trying  whether a lost link is opened again, else it is a LinkError
   OwnLink(const MonitorOptions& options, MonitorModel& model, bool keep_trying)
       : options_(options), model_(model), keep_trying_(keep_trying), wire_(std::make_unique<Wire>(options.link)) {}
 
   void Step(std::int64_t deadline_ns, int wake) override {
     if (options_.poll_ms > 0) deadline_ns = std::min(deadline_ns, NextQuestion());
-    Wait(deadline_ns, wake);
+    WaitUntil(deadline_ns, wire_ ? wire_->Fd() : -1, POLLIN, wake);
     try {
       if (!wire_) Reopen();
       if (wire_) Receive();
-    } catch (const WireError& error) {
+    } catch (const LinkError& error) {
       if (!keep_trying_) throw;
       wire_.reset();
       trouble_ = std::string(error.what()) + "; trying again";
@@ -231,13 +231,6 @@ class OwnLink : public Source {
 
  private:
   std::int64_t NextQuestion() const { return std::max(heard_at_, asked_at_) + options_.poll_ms * kMs; }
-
-  void Wait(std::int64_t deadline_ns, int wake) const {
-    const std::int64_t left = std::max<std::int64_t>(deadline_ns - MonotonicNs(), 0);
-    const timespec timeout{left / kSecond, left % kSecond};
-    pollfd polled[] = {{wire_ ? wire_->Fd() : -1, POLLIN, 0}, {StopFd(), POLLIN, 0}, {wake, POLLIN, 0}};
-    ppoll(polled, 3, &timeout, nullptr);
-  }
 
   void Reopen() {
     asked_at_ = MonotonicNs();
@@ -330,7 +323,7 @@ class Monitor {
       } else {
         RunLines();
       }
-    } catch (const WireError& error) {
+    } catch (const LinkError& error) {
       if (!StopRequested()) lost = error.what();
     }
     const auto seconds = static_cast<double>(MonotonicNs() - start) / 1e9;

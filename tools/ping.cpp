@@ -62,7 +62,7 @@ class Pinger {
         next = std::max(next + Ns(options_.interval_ms), MonotonicNs());
         if (report_.sent < options_.count) Receive(next, true);
       }
-    } catch (const WireError& error) {
+    } catch (const LinkError& error) {
       if (!StopRequested()) report_.lost = error.what();
     }
     if (next_progress_ != 0) std::cerr << "\r" << std::string(60, ' ') << "\r" << std::flush;

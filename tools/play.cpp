@@ -104,14 +104,6 @@ class Schedule {
   std::int64_t start_ns_ = 0;
 };
 
-/// Waits for the first of the descriptors to be ready, a stop or the moment.
-void WaitUntil(std::int64_t due_ns, int fd, short events) {
-  const std::int64_t left = std::max<std::int64_t>(due_ns - MonotonicNs(), 0);
-  const timespec timeout{left / 1'000'000'000, left % 1'000'000'000};
-  std::array<pollfd, 2> fds{{{fd, events, 0}, {StopFd(), POLLIN, 0}}};
-  ppoll(fds.data(), fds.size(), &timeout, nullptr);
-}
-
 std::string Count(std::uint64_t n, const std::string& what) {
   return std::to_string(n) + " " + what + (n == 1 ? "" : "s");
 }
@@ -150,7 +142,7 @@ int SendCommands(const Options& options) {
       const std::optional<std::int64_t> due = schedule.Due();
       if (!due) break;
       if (MonotonicNs() < *due) {
-        WaitUntil(*due, wire.Fd(), POLLIN);
+        wire.WaitReadable(*due);
         listen();
         continue;
       }
@@ -166,10 +158,10 @@ int SendCommands(const Options& options) {
     // The last command's echo is on its way; a second is plenty, and a stop does not wait.
     const std::int64_t patience = MonotonicNs() + 1'000'000'000;
     while (awaited != 0 && !StopRequested() && MonotonicNs() < patience) {
-      WaitUntil(patience, wire.Fd(), POLLIN);
+      wire.WaitReadable(patience);
       listen();
     }
-  } catch (const WireError& error) {
+  } catch (const LinkError& error) {
     finish();
     if (error.error == EINTR) return 0;
     throw;
@@ -206,7 +198,7 @@ class Replay {
   void Wait() {
     if (!endpoint_.HostIsThere()) {
       const int fd = endpoint_.WaitFd();
-      WaitUntil(MonotonicNs() + (fd < 0 ? Endpoint::kPtyLook : 250) * std::int64_t{1'000'000}, fd, POLLIN);
+      WaitUntil(MonotonicNs() + (fd < 0 ? Endpoint::kPtyLook : 250) * std::int64_t{1'000'000}, fd);
       return;
     }
     try {
@@ -227,7 +219,7 @@ class Replay {
     if (!due && pending_.empty()) return Finish();
     if (pending_.empty() && MonotonicNs() >= *due) pending_ = schedule_.Take();
     if (pending_.empty()) {
-      WaitUntil(*due, host_->Fd(), POLLIN);
+      WaitUntil(*due, host_->Fd());
     } else {
       const Port::Result result = host_->Write(pending_.data(), pending_.size());
       if (result.io == Port::Io::kBroken) return Leave();
@@ -244,7 +236,7 @@ class Replay {
     host_->EndWriting();
     const std::int64_t patience = MonotonicNs() + 200'000'000;
     while (host_ && !StopRequested() && MonotonicNs() < patience) {
-      WaitUntil(patience, host_->Fd(), POLLIN);
+      WaitUntil(patience, host_->Fd());
       Listen();
     }
     host_.reset();

@@ -24,8 +24,8 @@
 
 #include "command.h"
 #include "command_words.h"
+#include "fd.h"
 #include "output_file.h"
-#include "port.h"
 #include "status_words.h"
 #include "stop.h"
 #include "timeline.h"
@@ -346,8 +346,8 @@ class Plot {
   double to_ = 0;
 };
 
-Descriptor MemoryFile(const std::string& content) {
-  Descriptor file(memfd_create("velta", MFD_CLOEXEC));
+sim::Fd MemoryFile(const std::string& content) {
+  sim::Fd file(memfd_create("velta", MFD_CLOEXEC));
   std::size_t written = 0;
   while (written < content.size()) {
     const ssize_t count = write(file.Get(), content.data() + written, content.size() - written);
@@ -374,9 +374,9 @@ int WaitFor(pid_t pid) {
 }
 
 void Draw(const std::string& script, const std::string& path) {
-  const Descriptor in = MemoryFile(script);
-  const Descriptor errors = MemoryFile("");
-  const Descriptor out(open(path.c_str(), O_WRONLY | O_CLOEXEC));
+  const sim::Fd in = MemoryFile(script);
+  const sim::Fd errors = MemoryFile("");
+  const sim::Fd out(open(path.c_str(), O_WRONLY | O_CLOEXEC));
   if (out.Get() < 0) throw Failure(path + ": " + std::strerror(errno));
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);

@@ -5,25 +5,23 @@
 #include <fcntl.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <stdlib.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
-#include <cstring>
+#include <system_error>
 #include <utility>
 
 #include "SerialClient.h"
-#include "command.h"
 
 namespace velta::tools {
 
 namespace {
 
-[[noreturn]] void Fail(const std::string& what, int error) { throw Failure(what + ": " + std::strerror(error)); }
+[[noreturn]] void Fail(const std::string& what, int error) {
+  throw LinkError(what + ": " + std::generic_category().message(error), error);
+}
 [[noreturn]] void Fail(const Link& link, int error) { Fail(ToString(link), error); }
 
 sockaddr_in AddressOf(const Link& link) {
@@ -36,9 +34,9 @@ sockaddr_in AddressOf(const Link& link) {
 
 const sockaddr* Generic(const sockaddr_in& address) { return reinterpret_cast<const sockaddr*>(&address); }
 
-std::shared_ptr<Descriptor> Own(int fd) { return std::make_shared<Descriptor>(fd); }
+std::shared_ptr<const sim::Fd> Own(int fd) { return std::make_shared<const sim::Fd>(fd); }
 
-std::shared_ptr<Descriptor> Socket(const Link& link) {
+std::shared_ptr<const sim::Fd> Socket(const Link& link) {
   const int type = link.kind == Link::Kind::Tcp ? SOCK_STREAM : SOCK_DGRAM;
   const int fd = socket(AF_INET, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
   if (fd < 0) Fail(link, errno);
@@ -56,38 +54,27 @@ bool IsPoll(int fd, short events, short wanted) {
 }
 
 /// Opens a serial device with the settings of the library's own link, which stay while `settings` lives.
-std::shared_ptr<Descriptor> OpenSerial(const Link& link, std::unique_ptr<SerialClient>& settings) {
+std::shared_ptr<const sim::Fd> OpenSerial(const Link& link, std::unique_ptr<SerialClient>& settings) {
   auto fd = Own(open(link.device.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
   if (fd->Get() < 0) Fail(link, errno);
-  if (isatty(fd->Get()) == 0) Fail(link, ENOTTY);
+  if (isatty(fd->Get()) == 0) throw LinkError(ToString(link) + ": not a serial device", ENOTTY);
   settings = std::make_unique<SerialClient>(link.device, link.baud);
-  errno = 0;
   if (!settings->Init()) {
-    settings.reset();
-    Fail(link, errno != 0 ? errno : EINVAL);
+    throw LinkError(link.device + ": cannot be set to " + std::to_string(link.baud) + " baud", EINVAL);
   }
   return fd;
 }
 
 }  // namespace
 
-Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
-  std::swap(fd_, other.fd_);
-  return *this;
-}
-
-Descriptor::~Descriptor() {
-  if (fd_ >= 0) close(fd_);
-}
-
-Port::Port(std::shared_ptr<Descriptor> fd, Link::Kind kind) : fd_(std::move(fd)), kind_(kind) {}
+Port::Port(std::shared_ptr<const sim::Fd> fd, Link::Kind kind) : fd_(std::move(fd)), kind_(kind) {}
 Port::Port(Port&&) noexcept = default;
 Port& Port::operator=(Port&&) noexcept = default;
 Port::~Port() = default;
 
 Port Port::Connect(const Link& link) {
   if (link.kind == Link::Kind::Pty) {
-    throw UsageError("'" + ToString(link) + "' is a place to listen on; a controller's tty is serial://" +
+    throw UsageError(ToString(link) + " is an endpoint, a place to listen on; a controller's tty is serial://" +
                      (link.device.empty() ? "/dev/pts/N" : link.device));
   }
   if (link.kind == Link::Kind::Serial) {
@@ -129,7 +116,7 @@ Port::Result Port::Read(char* buffer, std::size_t size) {
   if (count > 0) return {Io::kDone, static_cast<std::size_t>(count)};
   switch (kind_) {
     case Link::Kind::Udp:  // an ICMP message about an earlier datagram is no end
-      return {count == 0 ? Io::kDone : Io::kLater, 0};
+      return {count == 0 ? Io::kDone : Io::kLater, 0, count == 0 ? 0 : errno};
     case Link::Kind::Tcp:
       if (count == 0) return {Io::kEnded, 0};
       break;
@@ -140,7 +127,7 @@ Port::Result Port::Read(char* buffer, std::size_t size) {
       if (count == 0) return {IsPoll(Fd(), 0, POLLHUP | POLLERR) ? Io::kBroken : Io::kLater, 0};
       break;
   }
-  return {errno == EAGAIN || errno == EINTR ? Io::kLater : Io::kBroken, 0};
+  return {errno == EAGAIN || errno == EINTR ? Io::kLater : Io::kBroken, 0, errno};
 }
 
 Port::Result Port::Write(const char* bytes, std::size_t size) {
@@ -156,7 +143,7 @@ Port::Result Port::Write(const char* bytes, std::size_t size) {
   }
   const ssize_t count = kind_ == Link::Kind::Tcp ? send(Fd(), bytes, size, MSG_NOSIGNAL) : write(Fd(), bytes, size);
   if (count >= 0) return {count > 0 || size == 0 ? Io::kDone : Io::kLater, static_cast<std::size_t>(count)};
-  return {errno == EAGAIN || errno == EINTR ? Io::kLater : Io::kBroken, 0};
+  return {errno == EAGAIN || errno == EINTR ? Io::kLater : Io::kBroken, 0, errno};
 }
 
 void Port::EndWriting() {
@@ -170,7 +157,7 @@ void Port::Break() {
 
 Endpoint::Endpoint(const Link& link) : kind_(link.kind), address_(link) {
   if (kind_ == Link::Kind::Pty) {
-    symlink_ = link.device;
+    path_ = link.device;
     address_.kind = Link::Kind::Serial;
     OpenPty();
     return;
@@ -189,51 +176,14 @@ Endpoint::Endpoint(const Link& link) : kind_(link.kind), address_(link) {
   address_.port = ntohs(address.sin_port);
 }
 
-Endpoint::~Endpoint() { RemoveSymlink(); }
-
 void Endpoint::OpenPty() {
-  const auto fail = [this] { Fail("pty:" + symlink_, errno); };
-  fd_ = Own(posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
-  std::array<char, 64> name{};
-  if (fd_->Get() < 0 || grantpt(fd_->Get()) != 0 || unlockpt(fd_->Get()) != 0 ||
-      ptsname_r(fd_->Get(), name.data(), name.size()) != 0) {
-    fail();
+  try {
+    pty_ = std::make_shared<sim::Pty>(path_);
+  } catch (const std::system_error& error) {
+    throw LinkError(error.what(), error.code().value());
   }
-  // Opening the tty once and closing it again makes the master tell that no host holds it.
-  const Descriptor tty(open(name.data(), O_RDWR | O_NOCTTY | O_CLOEXEC));
-  termios raw{};
-  if (tty.Get() < 0 || tcgetattr(tty.Get(), &raw) != 0) fail();
-  cfmakeraw(&raw);
-  if (tcsetattr(tty.Get(), TCSANOW, &raw) != 0) fail();
-
-  if (symlink_.empty()) {
-    address_.device = name.data();
-    return;
-  }
-  struct stat there {};
-  if (lstat(symlink_.c_str(), &there) == 0 && !S_ISLNK(there.st_mode)) {
-    errno = EEXIST;
-    fail();
-  }
-  const std::string fresh = symlink_ + ".new";
-  unlink(fresh.c_str());
-  if (symlink(name.data(), fresh.c_str()) != 0) fail();
-  if (rename(fresh.c_str(), symlink_.c_str()) != 0) {
-    const int error = errno;
-    unlink(fresh.c_str());
-    errno = error;
-    fail();
-  }
-  symlink_target_ = name.data();
-}
-
-void Endpoint::RemoveSymlink() {
-  if (symlink_target_.empty()) return;
-  std::array<char, 64> target{};
-  const ssize_t size = readlink(symlink_.c_str(), target.data(), target.size());
-  if (size > 0 && std::string(target.data(), static_cast<std::size_t>(size)) == symlink_target_) {
-    unlink(symlink_.c_str());
-  }
+  fd_ = {pty_, &pty_->Master()};
+  address_.device = pty_->Path();
 }
 
 int Endpoint::WaitFd() const {
@@ -244,7 +194,7 @@ int Endpoint::WaitFd() const {
 bool Endpoint::HostIsThere() const {
   if (kind_ == Link::Kind::Serial) return true;
   if (kind_ != Link::Kind::Pty) return IsPoll(fd_->Get(), POLLIN, POLLIN);
-  return IsPoll(fd_->Get(), POLLIN, POLLIN) || !IsPoll(fd_->Get(), 0, POLLHUP);
+  return IsPoll(fd_->Get(), POLLIN, POLLIN) || pty_->HasUser();
 }
 
 Port Endpoint::Take() {
@@ -262,13 +212,10 @@ Port Endpoint::Take() {
 
 void Endpoint::Release(bool hang_up) {
   if (kind_ != Link::Kind::Pty) return;
-  if (hang_up) {
-    fd_.reset();
-    OpenPty();
-    return;
-  }
-  const Descriptor tty(open(address_.device.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
-  if (tty.Get() >= 0) tcflush(tty.Get(), TCIFLUSH);
+  if (!hang_up) return pty_->Flush(TCIFLUSH);
+  fd_.reset();
+  pty_.reset();
+  OpenPty();
 }
 
 }  // namespace velta::tools

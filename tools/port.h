@@ -8,7 +8,10 @@
 #include <memory>
 #include <string>
 
+#include "command.h"
+#include "fd.h"
 #include "link.h"
+#include "pty.h"
 
 class SerialClient;
 
@@ -18,20 +21,10 @@ namespace velta::tools {
 /// Bytes that one read may bring and one write may take: the most that a datagram carries.
 inline constexpr std::size_t kMaxChunk = 65507;
 
-/// A descriptor that closes itself.
-class Descriptor {
- public:
-  explicit Descriptor(int fd = -1) : fd_(fd) {}
-  Descriptor(Descriptor&& other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
-  Descriptor& operator=(Descriptor&& other) noexcept;
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  ~Descriptor();
-
-  int Get() const { return fd_; }
-
- private:
-  int fd_;
+/// Why a link did not open or stopped working.
+struct LinkError : Failure {
+  LinkError(const std::string& text, int error_number) : Failure(text), error(error_number) {}
+  int error;  ///< errno
 };
 
 /// One end of a link, open or still connecting (TCP). Reads and writes never wait.
@@ -48,15 +41,16 @@ class Port {
   struct Result {
     Io io;
     std::size_t size;
+    int error = 0;  ///< errno behind kLater and kBroken, 0 for a serial device that is gone
   };
 
   /// Starts to open the way to a controller. A serial device gets exactly the settings that the library's own link
-  /// gives it. Throws Failure, which tells the link and the reason.
+  /// gives it. Throws LinkError, which tells the link and the reason.
   static Port Connect(const Link& link);
 
   /// Takes an open descriptor over; kind tells how to read and write it. Shared, since an endpoint that stays open
   /// lends its own.
-  Port(std::shared_ptr<Descriptor> fd, Link::Kind kind);
+  Port(std::shared_ptr<const sim::Fd> fd, Link::Kind kind);
   Port(Port&&) noexcept;
   Port& operator=(Port&&) noexcept;
   ~Port();
@@ -64,7 +58,7 @@ class Port {
   int Fd() const { return fd_->Get(); }
   bool Connecting() const { return connecting_; }
 
-  /// To be called when a connecting port is writable. Throws Failure when the connection did not come about.
+  /// To be called when a connecting port is writable. Throws LinkError when the connection did not come about.
   void FinishConnecting();
 
   /// @param buffer  room for size bytes; kMaxChunk and more take any datagram whole
@@ -82,7 +76,7 @@ class Port {
  private:
   friend class Endpoint;
 
-  std::shared_ptr<Descriptor> fd_;
+  std::shared_ptr<const sim::Fd> fd_;
   Link::Kind kind_;
   Link link_;  ///< for messages of a connecting port
   bool connecting_ = false;
@@ -94,11 +88,10 @@ class Port {
 /// A place where a host can come: a listening TCP socket, a UDP socket, a pty, a serial device.
 class Endpoint {
  public:
-  /// Opens it. Throws Failure, which tells the endpoint and the reason.
+  /// Opens it. Throws LinkError, which tells the endpoint and the reason.
   explicit Endpoint(const Link& link);
   Endpoint(const Endpoint&) = delete;
   Endpoint& operator=(const Endpoint&) = delete;
-  ~Endpoint();
 
   /// The endpoint as a host names it, with the port that the system chose; a pty is a serial link to its device.
   const Link& Address() const { return address_; }
@@ -114,7 +107,7 @@ class Endpoint {
   /// always has one.
   bool HostIsThere() const;
 
-  /// The host's port; the endpoint must outlive it. Only when HostIsThere(); may still fail with Failure when a TCP
+  /// The host's port; the endpoint must outlive it. Only when HostIsThere(); may still fail with LinkError when a TCP
   /// host has gone again.
   Port Take();
 
@@ -124,13 +117,12 @@ class Endpoint {
 
  private:
   void OpenPty();
-  void RemoveSymlink();
 
   Link::Kind kind_;
   Link address_;
-  std::string symlink_;
-  std::string symlink_target_;  ///< where our symlink points to; empty while there is none
-  std::shared_ptr<Descriptor> fd_;
+  std::string path_;  ///< of the pty's symbolic link; may be empty
+  std::shared_ptr<sim::Pty> pty_;
+  std::shared_ptr<const sim::Fd> fd_;  ///< a socket, or the pty's
 };
 
 }  // namespace velta::tools

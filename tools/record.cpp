@@ -167,7 +167,7 @@ int RecordAlone(const Options& options) {
   recorder.Take(StampedNow(LinkEvent::kOpened));
   try {
     Follow(options, wire, recorder);
-  } catch (const WireError& error) {
+  } catch (const LinkError& error) {
     recorder.Take(StampedNow(LinkEvent::kClosed));
     const int status = recorder.Finish();
     if (error.error == EINTR) return status;

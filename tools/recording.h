@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "command.h"
-#include "port.h"
+#include "fd.h"
 #include "relay.h"
 
 /// @file
@@ -65,7 +65,7 @@ class RecordingWriter {
   void Append(const std::vector<char>& block);
 
   std::string path_;
-  Descriptor file_;
+  sim::Fd file_;
   std::uint64_t size_ = 0;
 };
 

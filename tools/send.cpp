@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: MIT
-#include <poll.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -7,6 +6,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <iostream>
+#include <limits>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -47,8 +47,7 @@ class Sender : public MasterControllerClient {
 std::string ReadStandardInput() {
   std::string text;
   for (;;) {
-    pollfd polled[] = {{STDIN_FILENO, POLLIN, 0}, {StopFd(), POLLIN, 0}};
-    poll(polled, 2, -1);
+    WaitUntil(std::numeric_limits<std::int64_t>::max(), STDIN_FILENO);
     if (StopRequested()) throw Failure("interrupted; nothing was sent");
     char buffer[4096];
     const ssize_t count = read(STDIN_FILENO, buffer, sizeof buffer);
@@ -76,15 +75,6 @@ std::string Hex(const std::vector<char>& bytes) {
   return text;
 }
 
-/// Waits until a moment of the monotonic clock. @return false when a stop was requested
-bool PauseUntil(std::int64_t at_ns) {
-  const std::int64_t ns = std::max<std::int64_t>(at_ns - MonotonicNs(), 0);
-  const timespec timeout{ns / 1'000'000'000, ns % 1'000'000'000};
-  pollfd stop{StopFd(), POLLIN, 0};
-  ppoll(&stop, 1, &timeout, nullptr);
-  return !StopRequested();
-}
-
 /// @return whether the bytes of packet command anything
 bool Commands(const SendPacket& packet) {
   return packet.header.armOrder != 0 || std::any_of(packet.joints.begin(), packet.joints.end(),
@@ -109,7 +99,8 @@ int Deliver(const SendOptions& options, const Link& link, SendPacket& packet) {
     if (link.kind == Link::Kind::Serial) linger += 10.0 * packet.GetPacketSize() / link.baud;
     for (const std::int64_t end = start + static_cast<std::int64_t>(linger * 1e9); MonotonicNs() < end;) {
       client.ReceiveStatus();
-      if (!PauseUntil(MonotonicNs() + 2'000'000)) break;
+      WaitUntil(MonotonicNs() + 2'000'000);
+      if (StopRequested()) break;
     }
     Out() << "sent " << packet.GetPacketSize() << " bytes to " << ToString(link) << std::endl;
     return 0;
@@ -120,7 +111,8 @@ int Deliver(const SendOptions& options, const Link& link, SendPacket& packet) {
   const auto step = static_cast<std::int64_t>(options.timeout_s * 1e9 / kSteps);
   int resends = 0;
   for (std::int64_t next = start + step; client.Waiting(); next += step) {
-    if (!PauseUntil(next)) throw Failure("interrupted before the echo came");
+    WaitUntil(next);
+    if (StopRequested()) throw Failure("interrupted before the echo came");
     client.ReceiveStatus();
     client.SendPacketInBuffer();
     if (!client.IsConnected()) throw Failure("lost " + ToString(link) + " before the echo came");

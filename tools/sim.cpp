@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
@@ -15,15 +16,17 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "MasterControllerClient.h"
+#include "PacketParser.h"
+#include "SendPacket.h"
 #include "command.h"
 #include "faults.h"
 #include "link.h"
 #include "server.h"
 #include "stop.h"
+#include "timing.h"
+#include "wire.h"
 
 namespace velta::tools {
 
@@ -42,10 +45,6 @@ struct Options {
   int timeout_ms = 2000;
   bool json = false;
 };
-
-double MsSince(Clock::time_point start) {
-  return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
 
 /// One line; the JSON library escapes every slash, which nobody who reads links wants.
 void PrintJson(picojson::object document) {
@@ -172,57 +171,62 @@ int Serve(Options options) {
 }
 
 /// One connection's worth of asking: an idle command now and then, until one is echoed.
-/// @return an empty text once it was; else how far it came
-std::string Ask(const Link& link, int joints, Clock::time_point deadline) {
-  MasterControllerClient client(joints);
-  if (!OpenLink(client, link)) return std::string("cannot connect: ") + std::strerror(errno);
-  const SilencedErrors silenced;
+/// @return an empty text once it was; else the link and how far it came
+std::string Ask(const Link& link, int joints, std::int64_t deadline_ns) try {
+  const auto left_ms = std::max<std::int64_t>((deadline_ns - MonotonicNs()) / 1'000'000, 1);
+  Wire wire(link, static_cast<int>(left_ms));
+  PacketParser parser(joints);
+  bool has_bytes = false;
   bool has_status = false;
   std::uint64_t first = 0;
   std::uint64_t last = 0;
-  for (auto next = Clock::now(); Clock::now() < deadline && !StopRequested() && client.IsConnected();) {
-    if (Clock::now() >= next) {
-      next += milliseconds(50);
+  for (auto next = MonotonicNs(); MonotonicNs() < deadline_ns && !StopRequested();) {
+    if (MonotonicNs() >= next) {
+      next += 50'000'000;
       SendPacket idle(joints);
-      if (!client.SendOnce(idle, false)) return std::string("the link is lost: ") + std::strerror(errno);
+      wire.Write(idle.GetCharVector());
       last = idle.GetTimeStamp();
       if (first == 0) first = last;
     }
-    if (client.ReceiveStatus() > 0) {
+    if (!wire.WaitReadable(std::min(next, deadline_ns))) continue;
+    std::vector<char> bytes;
+    if (wire.Read(bytes) > 0) has_bytes = true;
+    parser.Push(std::move(bytes));
+    for (const RecvPacket& status : parser.Parse()) {
       has_status = true;
-      const RecvPacket status = client.GetLastRecvPacket();
       if (status.header.hostTimestamp >= first && status.header.hostTimestamp <= last) return "";
-      client.FlushRecvBuffer();
     }
-    std::this_thread::sleep_for(std::chrono::microseconds(200));
   }
-  if (has_status) return "status frames arrive, but none echoes a command";
-  return client.IsConnected() ? "connected, but no status frame arrives" : "the link is lost";
+  return ToString(link) + (has_status  ? ": status frames arrive, but none echoes a command"
+                           : has_bytes ? ": no status frame arrives, but other bytes do; is the joint count right?"
+                                       : ": no status frame arrives");
+} catch (const LinkError& error) {
+  return error.what();
 }
 
 int Check(const Options& options) {
   const Link link = ParseLink(options.check);
   if (link.kind == Link::Kind::Pty) throw UsageError("--check takes the device of a pty, serial:///dev/pts/N");
   InstallStopHandler();
-  const auto start = Clock::now();
-  const auto deadline = start + milliseconds(options.timeout_ms);
+  const std::int64_t start = MonotonicNs();
+  const std::int64_t deadline = start + std::int64_t{options.timeout_ms} * 1'000'000;
   std::string trouble;
   do {
     trouble = Ask(link, options.server.joints, deadline);
     if (trouble.empty()) {
-      const double ms = MsSince(start);
+      const auto took = static_cast<double>(MonotonicNs() - start);
       if (options.json) {
         PrintJson({{"event", picojson::value("check")},
                    {"link", picojson::value(ToString(link))},
-                   {"us", Count(static_cast<std::uint64_t>(ms * 1e3))}});
+                   {"us", Count(static_cast<std::uint64_t>(took / 1e3))}});
       } else {
-        Out() << ToString(link) << " answers, after " << std::fixed << std::setprecision(1) << ms << " ms" << std::endl;
+        Out() << ToString(link) << " answers, after " << Duration(took) << std::endl;
       }
       return 0;
     }
-    std::this_thread::sleep_for(milliseconds(10));
-  } while (Clock::now() < deadline && !StopRequested());
-  throw Failure("no controller answers on " + ToString(link) + ": " + trouble);
+    WaitUntil(std::min(deadline, MonotonicNs() + 10'000'000));
+  } while (MonotonicNs() < deadline && !StopRequested());
+  throw Failure("no controller answers: " + trouble);
 }
 
 std::string Footer() {

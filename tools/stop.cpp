@@ -4,9 +4,12 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstdint>
+#include <ctime>
+
+#include "timing.h"
 
 namespace velta::tools {
 
@@ -37,5 +40,15 @@ void InstallStopHandler() {
 bool StopRequested() { return stop_requested != 0; }
 
 int StopFd() { return stop_fd; }
+
+bool WaitUntil(std::int64_t at_ns, int fd, short events, int another) {
+  pollfd polled[] = {{fd, events, 0}, {stop_fd, POLLIN, 0}, {another, POLLIN, 0}};
+  for (;;) {
+    const std::int64_t left = std::max<std::int64_t>(at_ns - MonotonicNs(), 0);
+    const timespec timeout{left / 1'000'000'000, left % 1'000'000'000};
+    const int answer = ppoll(polled, 3, &timeout, nullptr);
+    if (answer >= 0 || errno != EINTR || StopRequested()) return answer > 0 && polled[0].revents != 0;
+  }
+}
 
 }  // namespace velta::tools
