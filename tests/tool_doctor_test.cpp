@@ -86,13 +86,12 @@ TEST_F(Diagnosis, ReadsTheLatencyTimerOfUsbAdapters) {
 TEST_F(Diagnosis, TellsAJumpOfTheClockFromSlewing) {
   constexpr std::int64_t kUs = 1000;
   ClockWatch clock;
-  constexpr std::int64_t kSteps[][3] = {{1'000'000, 10'000, 0},
-                                        {1'010'500, 20'000, 0},
-                                        {1'021'000, 30'000, 0},
-                                        {531'000, 40'000, 500'000},
-                                        {541'000, 50'000, 500'000}};
-  for (const auto& [wall, monotonic, jump] : kSteps) {
-    clock.Add(wall * kUs, monotonic * kUs);
+  // the system clock, the monotonic one, how long reading both took, the jump known then
+  constexpr std::int64_t kSteps[][4] = {{1'000'000, 10'000, 1, 0},     {1'010'500, 20'000, 500, 0},
+                                        {1'021'000, 30'000, 1, 0},     {1'040'000, 40'000, 9'000, 0},
+                                        {531'000, 40'000, 1, 500'000}, {541'000, 50'000, 1, 500'000}};
+  for (const auto& [wall, monotonic, took, jump] : kSteps) {
+    clock.Add(monotonic * kUs, wall * kUs, (monotonic + took) * kUs);
     EXPECT_EQ(clock.Jump(), jump * kUs) << wall;
   }
 }
