@@ -8,7 +8,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <stdexcept>
@@ -17,10 +19,12 @@
 #include <vector>
 
 #include "link.h"
+#include "support/process.h"
 
 namespace velta::test {
 
-/// A bare end of a link, with system calls alone: a controller that listens, or a host that connects. All non-blocking.
+/// A bare end of a link, with system calls alone: a controller that listens and never answers by itself, or a host that
+/// connects. Non-blocking, but for Read.
 class Peer {
  public:
   using Kind = tools::Link::Kind;
@@ -88,6 +92,7 @@ class Peer {
     const ssize_t count = kind_ == Kind::Udp && to_ ? sendto(fd_, bytes, size, 0, Any(*to_), sizeof *to_)
                           : kind_ == Kind::Udp || kind_ == Kind::Tcp ? send(fd_, bytes, size, MSG_NOSIGNAL)
                                                                      : write(fd_, bytes, size);
+    if (count < 0) error = errno;
     return count < 0 ? 0 : static_cast<std::size_t>(count);
   }
   std::size_t Send(const std::vector<char>& bytes) { return Send(bytes.data(), bytes.size()); }
@@ -107,6 +112,21 @@ class Peer {
     bytes.resize(static_cast<std::size_t>(count));
     return bytes;
   }
+
+  /// @return the next bytes that arrive; fewer at the deadline or the connection's end
+  std::vector<char> Read(std::size_t size) {
+    Until([&] {
+      if (const auto bytes = Receive()) taken_.insert(taken_.end(), bytes->begin(), bytes->end());
+      return taken_.size() >= size || ended || error == ECONNRESET;
+    });
+    const auto end = taken_.begin() + static_cast<std::ptrdiff_t>(std::min(size, taken_.size()));
+    std::vector<char> bytes(taken_.begin(), end);
+    taken_.erase(taken_.begin(), end);
+    return bytes;
+  }
+
+  /// How a tool is told of this controller.
+  std::string Name() const { return ToString(link); }
 
   tools::Link link;  ///< how a tool names this controller
   bool ended = false;
@@ -132,6 +152,7 @@ class Peer {
   Kind kind_;
   int listener_ = -1, fd_ = -1, tty_ = -1;
   std::optional<sockaddr_in> to_;
+  std::vector<char> taken_;  ///< by Read, and not yet given
 };
 
 }  // namespace velta::test
