@@ -1,18 +1,11 @@
 // SPDX-License-Identifier: MIT
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <filesystem>
 #include <list>
-#include <string>
-#include <vector>
 
 #include "RecvPacket.h"
 #include "diagnosis.h"
-#include "support/bytes.h"
-#include "support/peer.h"
 #include "support/velta_program.h"
 
 using namespace velta::test;
@@ -27,46 +20,34 @@ using Doctor = InFolder;
 
 TEST_F(Diagnosis, FindsTheJointCountThatFits) {
   const std::vector<char> seven = Joined({StatusFrame(7, 1), StatusFrame(7, 2)});
-  const struct {
-    std::optional<int> fit;
-    std::vector<char> bytes;
-    int most;
-  } cases[] = {
-      {7, seven, 16},
-      {std::nullopt, seven, 6},
-      {7, Joined({{'\xAB', '\xCD', 'n'}, Part(seven, 100, 300), seven, seven}), 16},
-      {std::nullopt, Part(seven, 0, 577), 16},  // one frame may be chance
-      {std::nullopt, {'h', 'e', 'l', 'l', 'o'}, 16},
-      {std::nullopt, {}, 16},
-      {0, Joined({StatusFrame(0, 1), StatusFrame(0, 2)}), 16},
-  };
-  for (const auto& c : cases) EXPECT_EQ(FitJointCount(c.bytes, c.most), c.fit) << c.bytes.size();
+  EXPECT_EQ(FitJointCount(seven, 16), 7);
+  EXPECT_EQ(FitJointCount(seven, 6), std::nullopt);
+  EXPECT_EQ(FitJointCount(Joined({{'\xAB', '\xCD', 'n'}, Part(seven, 100, 300), seven, seven}), 16), 7);
+  EXPECT_EQ(FitJointCount(Part(seven, 0, 577), 16), std::nullopt);  // one frame may be chance
+  EXPECT_EQ(FitJointCount({}, 16), std::nullopt);
+  EXPECT_EQ(FitJointCount(Joined({StatusFrame(0, 1), StatusFrame(0, 2)}), 16), 0);
 }
 
-TEST_F(Diagnosis, NamesTheProcessesThatHoldADevice) {
-  const fs::path root(folder);
+TEST_F(Diagnosis, NamesTheProcessesThatHoldADeviceAndItsLatencyTimer) {
+  const fs::path root(folder), device(Put("ttyUSB0", std::string()));
+  fs::create_symlink(device, root / "arm");
   const std::string self = "proc/" + std::to_string(getpid());
-  fs::create_symlink(Put("tty0", std::string()), root / "arm");
-  Put("proc/12/comm", std::string("screen\n"));
-  Put("proc/13/comm", std::string("bash\n"));
-  Put(self + "/comm", std::string("self\n"));
   for (const std::string& holder : {std::string("proc/12"), self, std::string("proc/tty")}) {  // the last: no process
+    Put(holder + "/comm", std::string("screen\n"));
     fs::create_directories(root / holder / "fd");
     fs::create_symlink("/dev/null", root / holder / "fd/0");
-    for (const char* fd : {"fd/3", "fd/4"}) fs::create_symlink(fs::canonical(root / "tty0"), root / holder / fd);
+    for (const char* fd : {"fd/3", "fd/4"}) fs::create_symlink(fs::canonical(device), root / holder / fd);
   }
+  Put("proc/13/comm", std::string("bash\n"));
   const std::vector<std::string> holders = {"screen (pid 12)"};
-  EXPECT_EQ(HoldersOf(root / "proc", root / "tty0"), holders);
+  EXPECT_EQ(HoldersOf(root / "proc", device), holders);
   EXPECT_EQ(HoldersOf(root / "proc", root / "arm"), holders);
   EXPECT_TRUE(HoldersOf(root / "proc", root / "tty1").empty());
-  EXPECT_TRUE(HoldersOf(root / "nothing", root / "tty0").empty());
-}
+  EXPECT_TRUE(HoldersOf(root / "nothing", device).empty());
 
-TEST_F(Diagnosis, ReadsTheLatencyTimerOfUsbAdapters) {
-  fs::create_symlink(Put("dev/ttyUSB0", std::string()), Path("arm"));
   Put("sys/bus/usb-serial/devices/ttyUSB0/latency_timer", std::string("16\n"));
-  EXPECT_EQ(LatencyTimerMs(Path("sys"), Path("arm")), 16);
-  EXPECT_EQ(LatencyTimerMs(Path("sys"), "/dev/ttyS0"), std::nullopt);
+  EXPECT_EQ(LatencyTimerMs(root / "sys", root / "arm"), 16);
+  EXPECT_EQ(LatencyTimerMs(root / "sys", "/dev/ttyS0"), std::nullopt);
 }
 
 TEST_F(Diagnosis, TellsAJumpOfTheClockFromSlewingAndABusyMachine) {
@@ -161,27 +142,22 @@ TEST_F(Doctor, NamesTheCauseWithoutAController) {
 
 TEST_F(Doctor, LooksAtTheSerialDeviceItself) {
   SimulatedArm arm("pty:");
-  const std::string device = arm.link.substr(9, arm.link.find('?') - 9);
-  const int held = open(device.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
-  ASSERT_GE(held, 0) << arm.link;
-  const auto busy = Velta("doctor -n 3 " + arm.link);
-  close(held);
-  EXPECT_EQ(busy.status, 0) << busy.out;
-  EXPECT_TRUE(Has(busy.out, "[warn] another process holds " + device + ": ")) << busy.out;
-  EXPECT_TRUE(Has(busy.out, "(pid " + std::to_string(getpid()) + ")")) << busy.out;
-
-  const auto baud = Velta("doctor -n 3 serial://" + device + "?baud=123457");
-  EXPECT_EQ(baud.status, 1);
-  EXPECT_TRUE(Has(baud.out, "cannot be set to 123457 baud")) << baud.out;
+  const std::string device = ParseLink(arm.link).device;
+  const auto expect = [&](const RunResult& run, int status, const std::string& said) {
+    EXPECT_EQ(run.status, status) << run.out << run.err;
+    EXPECT_TRUE(Has(run.out, said)) << run.out;
+  };
+  {
+    const Peer holder(ParseLink(arm.link));
+    expect(Velta("doctor -n 3 " + arm.link), 0, "[warn] another process holds " + device + ": ");
+  }
+  expect(Velta("doctor -n 3 serial://" + device + "?baud=123457"), 1, "cannot be set to 123457 baud");
 
   std::vector<std::string> nobody;  // for root every device is open
   if (getuid() == 0) nobody = {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"};
   ASSERT_EQ(chmod(device.c_str(), 0), 0);
   nobody.insert(nobody.end(), {VELTA_PROGRAM, "doctor", "-n", "3", arm.link});
-  const auto forbidden = RunProgram(nobody);
-  EXPECT_EQ(forbidden.status, 1) << forbidden.err;
-  EXPECT_TRUE(Has(forbidden.out, "[FAIL] no permission on " + device + ": join its group with sudo usermod -aG "))
-      << forbidden.out << forbidden.err;
+  expect(RunProgram(nobody), 1, "[FAIL] no permission on " + device + ": join its group with sudo usermod -aG ");
 }
 
 TEST_F(Doctor, NoticesAnotherHost) {

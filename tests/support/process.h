@@ -6,20 +6,17 @@
 #include <poll.h>
 #include <spawn.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <array>
 #include <chrono>
 #include <csignal>
-#include <cstddef>
 #include <functional>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
+
+#include "fd.h"
 
 extern char** environ;  // NOLINT(readability-redundant-declaration): not every libc declares it
 
@@ -44,15 +41,15 @@ class Process {
  public:
   /// Starts argv[0] with its arguments; the program's three streams are pipes.
   explicit Process(const std::vector<std::string>& argv) {
-    std::array<Stream, 3> theirs;
+    sim::Fd theirs[3];
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    for (std::size_t i = 0; i < 3; ++i) {
+    for (int i = 0; i < 3; ++i) {
       int ends[2];
       if (pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
-      theirs[i].fd = ends[i == 0 ? 0 : 1];
-      ours_[i].fd = ends[i == 0 ? 1 : 0];
-      posix_spawn_file_actions_adddup2(&actions, theirs[i].fd, static_cast<int>(i));
+      theirs[i] = sim::Fd(ends[i == 0 ? 0 : 1]);
+      ours_[i] = sim::Fd(ends[i == 0 ? 1 : 0]);
+      posix_spawn_file_actions_adddup2(&actions, theirs[i].Get(), i);
     }
     std::vector<char*> arguments;
     for (const std::string& argument : argv) arguments.push_back(const_cast<char*>(argument.c_str()));
@@ -71,11 +68,11 @@ class Process {
 
   /// Skips lines on standard output up to one that begins with prefix.
   /// @return what follows the prefix in it; nothing at the deadline or after the last line
-  std::optional<std::string> ReadAfter(const std::string& prefix) { return ReadAfter(prefix, ours_[1]); }
-  std::optional<std::string> ReadErrorAfter(const std::string& prefix) { return ReadAfter(prefix, ours_[2]); }
+  std::optional<std::string> ReadAfter(const std::string& prefix) { return ReadAfter(prefix, 1); }
+  std::optional<std::string> ReadErrorAfter(const std::string& prefix) { return ReadAfter(prefix, 2); }
 
   bool Write(const std::string& text) {
-    return write(ours_[0].fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    return write(ours_[0].Get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
   }
   void CloseInput() { ours_[0].Close(); }
   void Signal(int signal) {
@@ -85,62 +82,48 @@ class Process {
   /// Waits for the end, reading what the program prints meanwhile.
   /// @return the exit status, 128 + signal for a killed program; nothing at the deadline
   std::optional<int> Wait() {
-    for (const auto deadline = Clock::now() + kPatience;; Pump(Milliseconds(5))) {
+    for (const auto deadline = Clock::now() + kPatience;; Pump(5)) {
       int state = 0;
       if (!status_ && waitpid(pid_, &state, WNOHANG) == pid_) {
         status_ = WIFEXITED(state) ? WEXITSTATUS(state) : 128 + WTERMSIG(state);
       }
-      // The pipes are read to their ends, but not waited for: a grandchild may hold them.
-      while (Pump(Milliseconds(0))) continue;
+      while (Pump(0)) continue;  // to the pipes' ends, but not waiting for them: a grandchild may hold them
       if (status_ || Clock::now() >= deadline) return status_;
     }
   }
 
-  const std::string& Output() const { return ours_[1].text; }  ///< standard output not yet taken by ReadAfter
-  const std::string& Errors() const { return ours_[2].text; }  ///< standard error not yet taken by ReadErrorAfter
+  const std::string& Output() const { return texts_[1]; }  ///< standard output not yet taken by ReadAfter
+  const std::string& Errors() const { return texts_[2]; }  ///< standard error not yet taken by ReadErrorAfter
 
  private:
-  struct Stream {
-    Stream() = default;
-    Stream(const Stream&) = delete;
-    Stream& operator=(const Stream&) = delete;
-    ~Stream() { Close(); }
-    void Close() {
-      if (fd >= 0) close(std::exchange(fd, -1));
-    }
-    void Take() {
-      char buffer[4096];
-      const ssize_t count = read(fd, buffer, sizeof buffer);
-      if (count <= 0) return Close();
-      text.append(buffer, static_cast<std::size_t>(count));
-    }
-    int fd = -1;
-    std::string text;
-  };
-
-  std::optional<std::string> ReadAfter(const std::string& prefix, Stream& stream) {
-    for (const auto deadline = Clock::now() + kPatience;;) {
-      for (std::size_t end; (end = stream.text.find('\n')) != std::string::npos;) {
-        const std::string line = stream.text.substr(0, end);
-        stream.text.erase(0, end + 1);
+  std::optional<std::string> ReadAfter(const std::string& prefix, int stream) {
+    std::string& text = texts_[stream];
+    for (const auto deadline = Clock::now() + kPatience;; Pump(100)) {
+      for (std::size_t end; (end = text.find('\n')) != std::string::npos;) {
+        const std::string line = text.substr(0, end);
+        text.erase(0, end + 1);
         if (line.rfind(prefix, 0) == 0) return line.substr(prefix.size());
       }
-      if (stream.fd < 0 || Clock::now() >= deadline) return std::nullopt;
-      Pump(Milliseconds(100));
+      if (!ours_[stream] || Clock::now() >= deadline) return std::nullopt;
     }
   }
 
-  /// Reads what the program prints, waiting for it up to patience. @return whether anything came
-  bool Pump(Milliseconds patience) {
-    pollfd fds[] = {{ours_[1].fd, POLLIN, 0}, {ours_[2].fd, POLLIN, 0}};
-    if (poll(fds, 2, static_cast<int>(patience.count())) <= 0) return false;
-    if (fds[0].revents != 0) ours_[1].Take();
-    if (fds[1].revents != 0) ours_[2].Take();
+  /// Reads what the program prints, waiting for it up to timeout_ms. @return whether anything came
+  bool Pump(int timeout_ms) {
+    pollfd fds[] = {{-1, 0, 0}, {ours_[1].Get(), POLLIN, 0}, {ours_[2].Get(), POLLIN, 0}};
+    if (poll(fds, 3, timeout_ms) <= 0) return false;
+    for (int i = 1; i < 3; ++i) {
+      char buffer[4096];
+      const ssize_t count = fds[i].revents != 0 ? read(fds[i].fd, buffer, sizeof buffer) : 0;
+      if (count > 0) texts_[i].append(buffer, static_cast<std::size_t>(count));
+      if (fds[i].revents != 0 && count <= 0) ours_[i].Close();
+    }
     return true;
   }
 
   pid_t pid_ = -1;
-  std::array<Stream, 3> ours_;
+  sim::Fd ours_[3];
+  std::string texts_[3];
   std::optional<int> status_;
 };
 

@@ -3,20 +3,14 @@
 #define VELTA_TESTS_SUPPORT_VELTA_PROGRAM_H_
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "support/bytes.h"
 #include "support/peer.h"
-#include "support/process.h"
 
 namespace velta::test {
 
@@ -76,13 +70,12 @@ class InFolder : public testing::Test {
   ~InFolder() override { std::filesystem::remove_all(folder); }
 
   std::string Path(const std::string& name) const { return folder + "/" + name; }
-  std::string Put(const std::string& name, const std::vector<char>& content) const {
+  /// @return the file's path
+  template <typename Bytes>
+  std::string Put(const std::string& name, const Bytes& content) const {
     std::filesystem::create_directories(std::filesystem::path(Path(name)).parent_path());
     std::ofstream(Path(name), std::ios::binary).write(content.data(), static_cast<std::streamsize>(content.size()));
     return Path(name);
-  }
-  std::string Put(const std::string& name, const std::string& text) const {
-    return Put(name, std::vector<char>(text.begin(), text.end()));
   }
   std::string Content(const std::string& name) const {
     std::ifstream file(Path(name), std::ios::binary);
@@ -99,25 +92,27 @@ class InFolder : public testing::Test {
 };
 
 /// A recording put together by hand, and the events in it.
-class Tape {
+class Tape : public std::vector<char> {
  public:
   enum { kCommand, kStatus, kOpened, kClosed };
 
   explicit Tape(int joints) {
-    all_.U8(0x89).U8('V').U8('R').U8('E').U8('C').U8('\r').U8('\n').U8(0x1A).U16(1);
-    all_.U16(static_cast<unsigned>(joints)).U16(0).Crc();
+    Bytes header;
+    header.U8(0x89).U8('V').U8('R').U8('E').U8('C').U8('\r').U8('\n').U8(0x1A).U16(1);
+    Append(header.U16(static_cast<unsigned>(joints)).U16(0).Crc());
   }
   Tape& Record(unsigned event, double ms, const std::vector<char>& bytes = {}) {
     const auto ns = static_cast<std::uint64_t>(ms * 1e6);
     Bytes record;
     record.U8('R').U8(event).U16(static_cast<unsigned>(bytes.size())).U64(5'000'000'000 + ns).U64(1'000'000'000 + ns);
-    all_.Add(record.Add(bytes).Crc());
-    return *this;
+    return Append(record.Add(bytes).Crc());
   }
-  operator const std::vector<char>&() const { return all_; }  // NOLINT(google-explicit-constructor)
 
  private:
-  Bytes all_;
+  Tape& Append(const std::vector<char>& bytes) {
+    insert(end(), bytes.begin(), bytes.end());
+    return *this;
+  }
 };
 
 /// A command frame of which every joint's record is this order and these values for the joints named, else zeros.
