@@ -183,95 +183,83 @@ TEST(Relay, PassesDatagramsWhole) {
   EXPECT_EQ(stand.events, "o");
 }
 
-TEST(Relay, PassesOneSidedCloseOn) {
-  Stand stand(Kind::Tcp, Kind::Tcp);
-  Peer host(stand.relay.Address());
-  ASSERT_TRUE(stand.Connected());
+class TcpRelay : public testing::Test, protected Stand {
+ protected:
+  TcpRelay() : Stand(Kind::Tcp, Kind::Tcp), host(relay.Address()) { EXPECT_TRUE(Connected()); }
+  Peer host;
+};
+
+TEST_F(TcpRelay, PassesOneSidedCloseOn) {
   host.EndWriting();
-  ASSERT_TRUE(stand.Ends(stand.controller));
-  EXPECT_TRUE(stand.Pass(stand.controller, Bytes(50'000, 'z'), host));  // the way back is still open
-  stand.controller.Close();
-  ASSERT_TRUE(stand.Ends(host));
-  EXPECT_EQ(stand.events, "oc");
+  ASSERT_TRUE(Ends(controller));
+  EXPECT_TRUE(Pass(controller, Bytes(50'000, 'z'), host));  // the way back is still open
+  controller.Close();
+  ASSERT_TRUE(Ends(host));
+  EXPECT_EQ(events, "oc");
 }
 
-TEST(Relay, PassesResetOn) {
-  for (const bool by_host : {true, false}) {
-    Stand stand(Kind::Tcp, Kind::Tcp);
-    Peer host(stand.relay.Address());
-    ASSERT_TRUE(stand.Connected());
-    (by_host ? host : stand.controller).Reset();
-    ASSERT_TRUE(stand.Ends(by_host ? stand.controller : host, ECONNRESET)) << by_host;
-    EXPECT_EQ(stand.events, "oc");
-  }
+TEST_F(TcpRelay, PassesResetOnToTheController) {
+  host.Reset();
+  ASSERT_TRUE(Ends(controller, ECONNRESET));
+  EXPECT_EQ(events, "oc");
+}
+
+TEST_F(TcpRelay, PassesResetOnToTheHost) {
+  controller.Reset();
+  ASSERT_TRUE(Ends(host, ECONNRESET));
+  EXPECT_EQ(events, "oc");
 }
 
 // A host that has gone does not read what the controller still sends, and the controller learns it as it would alone:
 // by a reset, which needs no further byte of it.
-TEST(Relay, SendingToAHostThatHasGoneIsAReset) {
-  Stand stand(Kind::Tcp, Kind::Tcp);
-  Peer host(stand.relay.Address());
-  ASSERT_TRUE(stand.Connected());
+TEST_F(TcpRelay, SendingToAHostThatHasGoneIsAReset) {
   host.Close();
-  ASSERT_TRUE(stand.Ends(stand.controller));
-  while (stand.events != "oc" && stand.seen_down.size() < 10'000) {  // until the host's side has refused a byte
-    stand.controller.Send(Bytes{'x'});
-    const std::size_t before = stand.seen_down.size();
-    ASSERT_TRUE(stand.Until([&] { return stand.seen_down.size() > before || stand.events == "oc"; }));
+  ASSERT_TRUE(Ends(controller));
+  while (events != "oc" && seen_down.size() < 10'000) {  // until the host's side has refused a byte
+    controller.Send(Bytes{'x'});
+    const std::size_t before = seen_down.size();
+    ASSERT_TRUE(Until([&] { return seen_down.size() > before || events == "oc"; }));
   }
-  EXPECT_TRUE(stand.Until([&] {
-    stand.controller.Send(Bytes{});
-    return stand.controller.error == EPIPE;
-  }));
+  EXPECT_TRUE(Until([&] { return controller.Send(Bytes{}) == 0 && controller.error == EPIPE; }));
 }
 
 // A controller that never closes its side must not keep a host out that has closed and is back.
-TEST(Relay, ReturningHostReplacesItsClosedConnection) {
-  Stand stand(Kind::Tcp, Kind::Tcp);
-  Peer first(stand.relay.Address());
-  ASSERT_TRUE(stand.Connected());
-  first.Close();
-  Peer second(stand.relay.Address());
-  ASSERT_TRUE(stand.Until([&] { return stand.events == "oco"; })) << stand.events;
+TEST_F(TcpRelay, ReturningHostReplacesItsClosedConnection) {
+  host.Close();
+  const Peer second(relay.Address());
+  ASSERT_TRUE(Until([&] { return events == "oco"; })) << events;
 }
 
 TEST(Relay, TurnsAHostAwayWhenTheControllerIsAwayOrLeaves) {
   for (const Kind host_kind : {Kind::Tcp, Kind::Pty}) {
     Stand stand(host_kind, Kind::Tcp);
-    const auto leaves = [&](Peer& host) {
-      return stand.Until(
-          [&] { return !host.Receive() && (host.ended || host.error == ECONNRESET || host.error == EIO); });
+    const auto is_left = [](Peer& host) {
+      return !host.Receive() && (host.ended || host.error == ECONNRESET || host.error == EIO);
     };
-    {
-      Peer host(stand.relay.Address());
-      ASSERT_TRUE(stand.Connected());
-      stand.controller.Close();
-      ASSERT_TRUE(leaves(host));
-    }
+    auto host = std::make_unique<Peer>(stand.relay.Address());
+    ASSERT_TRUE(stand.Connected());
+    stand.controller.Close();
+    ASSERT_TRUE(stand.Until([&] { return is_left(*host); }));
+    host.reset();
     ASSERT_TRUE(stand.Until([&] { return stand.events == "oc"; }));
     stand.controller.StopListening();
-    Peer refused(stand.relay.Address());
-    ASSERT_TRUE(stand.Until([&] { return stand.failures.size() == 1; }));
+    host = std::make_unique<Peer>(stand.relay.Address());
+    ASSERT_TRUE(stand.Until([&] { return stand.failures.size() == 1 && is_left(*host); }));
     EXPECT_EQ(stand.failures[0], ToString(stand.controller.link) + ": Connection refused");
-    ASSERT_TRUE(leaves(refused));
     EXPECT_EQ(stand.events, "oc");
   }
 }
 
 TEST(Relay, RefusesLinksThatDoNotGoTogetherAndTakesItsSymlinkAway) {
+  const std::string path = testing::TempDir() + "velta_relay_tty_" + std::to_string(getpid());
   const auto relay = [](const std::string& endpoint, const char* controller) {
     const Relay opened(ParseLink(endpoint), ParseLink(controller), {});
-    EXPECT_EQ(opened.Address().device, endpoint.substr(4));
-    EXPECT_EQ(access(endpoint.c_str() + 4, R_OK | W_OK), 0);
+    EXPECT_EQ(access(opened.Address().device.c_str(), R_OK | W_OK), 0);
   };
-  EXPECT_THROW(relay("tcp://127.0.0.1:0", "udp://127.0.0.1:1"), UsageError);
   EXPECT_THROW(relay("udp://127.0.0.1:0", "serial:///dev/ttyS0"), UsageError);
-  EXPECT_THROW(relay("tcp://127.0.0.1:0", "pty:"), UsageError);
   EXPECT_THROW(relay("tcp://127.0.0.1:0", "tcp://127.0.0.1:0"), UsageError);
   EXPECT_THROW(relay("tcp://192.0.2.1:5", "tcp://127.0.0.1:1"), Failure);
-  EXPECT_THROW(relay("pty:/dev/null", "tcp://127.0.0.1:1"), Failure);
   EXPECT_THROW(relay("pty:/nowhere/arm", "tcp://127.0.0.1:1"), Failure);
-  const std::string path = testing::TempDir() + "velta_relay_tty_" + std::to_string(getpid());
   for (int run = 0; run < 2; ++run) relay("pty:" + path, "tcp://127.0.0.1:1");
   EXPECT_NE(access(path.c_str(), F_OK), 0);
 }

@@ -15,10 +15,11 @@ namespace {
 
 using SimProgram = InFolder;
 
-/// The time stamp of the next status frame of 2 joints; 0 for none.
-std::uint64_t NextStamp(Peer& host) {
+/// The time stamp of the next status frame of 2 joints.
+std::optional<std::uint64_t> NextStamp(Peer& host) {
   const std::vector<char> frame = host.Read(182);
-  return frame.size() == 182 && frame[0] == '\xAB' && frame[1] == '\xCD' ? ReadU64(frame, 2) : 0;
+  if (frame.size() != 182 || frame[0] != '\xAB' || frame[1] != '\xCD') return std::nullopt;
+  return ReadU64(frame, 2);
 }
 
 TEST_F(SimProgram, ListensOnEveryEndpointAndAnswersTheCheckThere) {
@@ -62,10 +63,10 @@ TEST_F(SimProgram, AnswersTheUdpPeerThatSentLastAlone) {
   Peer first(ParseLink(arm.link)), second(ParseLink(arm.link));
   for (Peer* host : {&first, &second}) {
     host->Send(Command(2, 1));
-    ASSERT_NE(NextStamp(*host), 0U);
+    ASSERT_TRUE(NextStamp(*host));
   }
   while (first.Receive()) continue;  // what was on its way
-  for (int i = 0; i < 5; ++i) ASSERT_NE(NextStamp(second), 0U);
+  for (int i = 0; i < 5; ++i) ASSERT_TRUE(NextStamp(second));
   EXPECT_FALSE(first.Receive());
 }
 
@@ -80,15 +81,15 @@ TEST_F(SimProgram, ServesLargeArmsForLong) {
 
 TEST_F(SimProgram, GivesANewUserOfThePtyNothingOld) {
   SimulatedArm arm("pty:", "-n 2 --cycle-ms 1");
-  std::uint64_t newest = 0;
+  std::optional<std::uint64_t> newest;
   {
     Peer host(ParseLink(arm.link));
-    ASSERT_NE(newest = NextStamp(host), 0U);
+    ASSERT_TRUE(newest = NextStamp(host));
     std::this_thread::sleep_for(Milliseconds(100));  // frames that nobody reads
   }
   std::this_thread::sleep_for(Milliseconds(100));  // nothing tells that the device is seen to be free
   Peer host(ParseLink(arm.link));
-  EXPECT_GT(NextStamp(host), newest + 100'000);  // us
+  EXPECT_GT(NextStamp(host), *newest + 100'000);  // us
 }
 
 TEST_F(SimProgram, PrintsJsonOneDocumentALine) {

@@ -117,22 +117,18 @@ TEST(FaultScript, IsReadLineByLineAndRefusedWithItsLine) {
   std::string deep;
   for (int i = 0; i < 200000; ++i) deep += "{\"a\":";
   // clang-format off
-  for (const std::string& line : {
-           std::string("{"), std::string("[]"), std::string("{} {}"), std::string("{}"), deep,
-           std::string(R"({"fault": "corrupt"})"), std::string(R"({"at_ms": 1})"),
-           std::string(R"({"at_ms": 1, "fault": 7})"), std::string(R"({"at_ms": 1, "fault": "x"})"),
-           std::string(R"({"at_ms": -1, "fault": "corrupt"})"), std::string(R"({"at_ms": 1.5, "fault": "corrupt"})"),
-           std::string(R"({"at_ms": "1", "fault": "corrupt"})"), std::string(R"({"at_ms": 1e999, "fault": "corrupt"})"),
-           std::string(R"({"at_ms": 1, "at_frame": 1, "fault": "corrupt"})"),
-           std::string(R"({"at_ms": 1, "fault": "corrupt", "rate": 2})"),
-           std::string(R"({"at_ms": 1, "fault": "corrupt", "value": 2})"),
-           std::string(R"({"at_ms": 1, "fault": "no-echo", "rate": 1})"),
-           std::string(R"({"at_ms": 1, "fault": "corrupt", "for_ms": 1, "for_frames": 1})"),
-           std::string(R"({"at_ms": 1, "fault": "corrupt", "until": 1})"),
-           std::string(R"({"at_ms": 1, "fault": "close", "a\nb": 1})")}) {
-    // clang-format on
+  const char* const refused[] = {
+      deep.c_str(), "{", "[]", "{} {}", "{}", R"({"fault": "corrupt"})", R"({"at_ms": 1})",
+      R"({"at_ms": 1, "fault": 7})", R"({"at_ms": 1, "fault": "x"})", R"({"at_ms": -1, "fault": "corrupt"})",
+      R"({"at_ms": 1.5, "fault": "corrupt"})", R"({"at_ms": "1", "fault": "corrupt"})",
+      R"({"at_ms": 1e999, "fault": "corrupt"})", R"({"at_ms": 1, "at_frame": 1, "fault": "corrupt"})",
+      R"({"at_ms": 1, "fault": "corrupt", "rate": 2})", R"({"at_ms": 1, "fault": "corrupt", "value": 2})",
+      R"({"at_ms": 1, "fault": "no-echo", "rate": 1})", R"({"at_ms": 1, "fault": "corrupt", "until": 1})",
+      R"({"at_ms": 1, "fault": "corrupt", "for_ms": 1, "for_frames": 1})", R"({"at_ms": 1, "fault": "close", "a\nb": 1})"};
+  // clang-format on
+  for (const char* line : refused) {
     try {
-      Script("\n" + line + "\n");
+      Script("\n" + std::string(line) + "\n");
       ADD_FAILURE() << "accepted " << line;
     } catch (const std::invalid_argument& error) {
       EXPECT_TRUE(test::Begins(error.what(), "arm.jsonl:2: ") && !test::Has(error.what(), "\n")) << error.what();
