@@ -58,8 +58,6 @@ class Process {
     posix_spawn_file_actions_destroy(&actions);
     if (error != 0) throw std::runtime_error("cannot start " + argv[0]);
   }
-  Process(const Process&) = delete;
-  Process& operator=(const Process&) = delete;
   ~Process() {
     if (status_) return;
     kill(pid_, SIGKILL);
