@@ -49,10 +49,14 @@ class Terminal {
   }
 
  private:
-  static RunResult Tmux(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), {"tmux", "-L", "velta-test-" + std::to_string(getpid()), "-f", "/dev/null"});
+  RunResult Tmux(std::vector<std::string> arguments) const {
+    arguments.insert(arguments.begin(), {"tmux", "-L", server_, "-f", "/dev/null"});
     return RunProgram(arguments);
   }
+
+  /// Of its own: one that is about to end would still take a new session.
+  const std::string server_ =
+      "velta-test-" + std::to_string(getpid()) + "-" + std::to_string(Clock::now().time_since_epoch().count());
 };
 
 TEST(MonitorModel, ShowsStatesInWordsAndMarksWhatChanged) {
