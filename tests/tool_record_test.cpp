@@ -291,7 +291,7 @@ TEST_F(Play, SendsTheCommandsAgainWithTheirTiming) {
     std::vector<std::size_t> sent;
     int least_ms;
   } cases[] = {{"", {0, 1, 2, 3}, 180},
-               {" --speed 100", {0, 1, 2, 3}, 1},
+               {" --speed 0.5", {0, 1, 2, 3}, 360},
                {" --from 0.06 --to 0.121", {1, 2}, 60},
                {" --speed 100 --loop", {0, 1, 2, 3, 0, 1, 2, 3, 0}, 4}};
   for (const auto& c : cases) {
