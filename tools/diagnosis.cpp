@@ -90,9 +90,10 @@ std::optional<int> LatencyTimerMs(const fs::path& sysfs, const fs::path& device)
   return ms;
 }
 
-void ClockWatch::Add(std::int64_t system_ns, std::int64_t monotonic_ns) {
+void ClockWatch::Add(std::int64_t monotonic_before_ns, std::int64_t system_ns, std::int64_t monotonic_after_ns) {
   constexpr std::int64_t kSlewing = 1'000'000;
-  const std::int64_t offset = system_ns - monotonic_ns;
+  if (monotonic_after_ns - monotonic_before_ns > kSlewing / 2) return;
+  const std::int64_t offset = system_ns - monotonic_before_ns;
   const std::int64_t step = std::abs(offset - offset_.value_or(offset));
   if (step > kSlewing) jump_ = std::max(jump_, step);
   offset_ = offset;

@@ -28,8 +28,9 @@ std::optional<int> LatencyTimerMs(const std::filesystem::path& sysfs, const std:
 /// Follows the system clock against the monotonic one.
 class ClockWatch {
  public:
-  /// Takes both clocks, read together, in ns.
-  void Add(std::int64_t system_ns, std::int64_t monotonic_ns);
+  /// Takes the system clock, read between two readings of the monotonic one, in ns. Readings that lie more than 0.5 ms
+  /// apart tell nothing: the machine did something else between them.
+  void Add(std::int64_t monotonic_before_ns, std::int64_t system_ns, std::int64_t monotonic_after_ns);
 
   /// @return the largest step between two readings, ns; 0 for slewing of up to 1 ms
   std::int64_t Jump() const { return jump_; }

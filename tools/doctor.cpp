@@ -254,7 +254,9 @@ class Doctor {
 
   void Receive(Wire& wire, std::int64_t deadline) {
     do {
-      clock_.Add(static_cast<std::int64_t>(GetNowTimeStamp()), MonotonicNs());
+      const std::int64_t now = MonotonicNs();
+      const auto system = static_cast<std::int64_t>(GetNowTimeStamp());
+      clock_.Add(now, system, MonotonicNs());
       if (!wire.WaitReadable(deadline)) return;
       const std::size_t before = bytes_.size();
       wire.Read(bytes_);

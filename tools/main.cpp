@@ -47,6 +47,9 @@ int Run(int argc, char** argv) {
     app.exit(asked, Out(), std::cerr);
     return 0;
   } catch (const CLI::ParseError& error) {
+    if (app.get_subcommands().empty() && !app.remaining().empty()) {
+      return Report("there is no '" + app.remaining().front() + "' (see velta --help)", 2);
+    }
     return Report(std::string(error.what()) + " (see velta --help)", 2);
   }
   return action ? action() : Report("nothing to do", 2);

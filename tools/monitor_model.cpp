@@ -79,8 +79,7 @@ void MonitorModel::Compare(const RecvPacket& status, std::int64_t now_ns) {
 }
 
 std::uint64_t MonitorModel::Discarded() const {
-  const std::uint64_t rest = received_ - good_;
-  return rest >= static_cast<std::uint64_t>(last_.packetSize) ? rest : 0;  // less may be a frame under way
+  return received_ - good_ - parser_.buffer.size();  // what waits may be a frame under way
 }
 
 std::string MonitorModel::Traffic(std::int64_t now_ns) const {

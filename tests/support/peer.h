@@ -6,21 +6,17 @@
 #include <fcntl.h>
 #include <stdlib.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <cstdint>
-#include <optional>
-#include <stdexcept>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "link.h"
+#include "support/process.h"
 
 namespace velta::test {
 
-/// A bare end of a link, with system calls alone: a controller that listens, or a host that connects. All non-blocking.
+/// A bare end of a link, with system calls alone: a controller that listens and never answers by itself, or a host that
+/// connects. Non-blocking, but for Read.
 class Peer {
  public:
   using Kind = tools::Link::Kind;
@@ -28,25 +24,23 @@ class Peer {
   /// A controller: a listening TCP socket, a bound UDP socket, a pty.
   /// @param port  to listen on; 0 lets the system choose
   explicit Peer(Kind kind, int port = 0) : kind_(kind) {
-    if (kind == Kind::Pty || kind == Kind::Serial) {
-      fd_ = Good(posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK));
-      Good(grantpt(fd_));
-      Good(unlockpt(fd_));
-      char name[64];
-      Good(ptsname_r(fd_, name, sizeof name));
-      tty_ = Good(open(name, O_RDWR | O_NOCTTY));  // held open, so that the master never tells a hang-up
-      link.kind = Kind::Serial;
-      link.device = name;
+    link.kind = kind;
+    if (kind == Kind::Serial) {
+      fd_ = sim::Fd(Good(posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK)));
+      Good(grantpt(fd_.Get()));
+      Good(unlockpt(fd_.Get()));
+      link.device = ptsname(fd_.Get());
+      tty_ = sim::Fd(
+          Good(open(link.device.c_str(), O_RDWR | O_NOCTTY)));  // held, so that the master never tells a hang-up
       return;
     }
     sockaddr_in address = Loopback(port);
     socklen_t size = sizeof address;
-    int& fd = kind == Kind::Tcp ? listener_ : fd_;
-    fd = Good(socket(AF_INET, (kind == Kind::Tcp ? SOCK_STREAM : SOCK_DGRAM) | SOCK_NONBLOCK, 0));
-    Good(bind(fd, Any(address), size));
-    Good(getsockname(fd, Any(address), &size));
-    if (kind == Kind::Tcp) Good(listen(fd, 4));
-    link.kind = kind;
+    sim::Fd& fd = kind == Kind::Tcp ? listener_ : fd_;
+    fd = sim::Fd(Good(socket(AF_INET, (kind == Kind::Tcp ? SOCK_STREAM : SOCK_DGRAM) | SOCK_NONBLOCK, 0)));
+    Good(bind(fd.Get(), Any(address), size));
+    Good(getsockname(fd.Get(), Any(address), &size));
+    if (kind == Kind::Tcp) Good(listen(fd.Get(), 4));
     link.host = "127.0.0.1";
     link.port = ntohs(address.sin_port);
   }
@@ -54,40 +48,36 @@ class Peer {
   /// A host, connected to where a tool listens.
   explicit Peer(const tools::Link& to) : link(to), kind_(to.kind) {
     if (kind_ == Kind::Serial) {
-      fd_ = Good(open(to.device.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK));
+      fd_ = sim::Fd(Good(open(to.device.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK)));
       return;
     }
     sockaddr_in address = Loopback(to.port);
-    fd_ = Good(socket(AF_INET, kind_ == Kind::Tcp ? SOCK_STREAM : SOCK_DGRAM, 0));
-    Good(connect(fd_, Any(address), sizeof address));
-    Good(fcntl(fd_, F_SETFL, O_NONBLOCK));
-  }
-  Peer(const Peer&) = delete;
-  Peer& operator=(const Peer&) = delete;
-  ~Peer() {
-    for (int* fd : {&fd_, &listener_, &tty_}) Close(*fd);
+    fd_ = sim::Fd(Good(socket(AF_INET, kind_ == Kind::Tcp ? SOCK_STREAM : SOCK_DGRAM, 0)));
+    Good(connect(fd_.Get(), Any(address), sizeof address));
+    Good(fcntl(fd_.Get(), F_SETFL, O_NONBLOCK));
   }
 
   /// A TCP controller's next connection. @return false while nobody has connected
   bool Accept() {
-    if (fd_ < 0) fd_ = accept4(listener_, nullptr, nullptr, SOCK_NONBLOCK);
-    return fd_ >= 0;
+    if (!fd_) fd_ = sim::Fd(accept4(listener_.Get(), nullptr, nullptr, SOCK_NONBLOCK));
+    return static_cast<bool>(fd_);
   }
-  void StopListening() { Close(listener_); }
-  void Close() { Close(fd_); }
-  void EndWriting() { shutdown(fd_, SHUT_WR); }
+  void StopListening() { listener_.Close(); }
+  void Close() { fd_.Close(); }
+  void EndWriting() { shutdown(fd_.Get(), SHUT_WR); }
   void Reset() {
     const linger at_once{1, 0};
-    setsockopt(fd_, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
+    setsockopt(fd_.Get(), SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
     Close();
   }
 
   /// @return bytes taken
   std::size_t Send(const char* bytes, std::size_t size) {
     if (!Accept()) return 0;
-    const ssize_t count = kind_ == Kind::Udp && to_ ? sendto(fd_, bytes, size, 0, Any(*to_), sizeof *to_)
-                          : kind_ == Kind::Udp || kind_ == Kind::Tcp ? send(fd_, bytes, size, MSG_NOSIGNAL)
-                                                                     : write(fd_, bytes, size);
+    const ssize_t count = kind_ == Kind::Serial ? write(fd_.Get(), bytes, size)
+                          : to_                 ? sendto(fd_.Get(), bytes, size, 0, Any(*to_), sizeof *to_)
+                                                : send(fd_.Get(), bytes, size, MSG_NOSIGNAL);
+    if (count < 0) error = errno;
     return count < 0 ? 0 : static_cast<std::size_t>(count);
   }
   std::size_t Send(const std::vector<char>& bytes) { return Send(bytes.data(), bytes.size()); }
@@ -98,8 +88,8 @@ class Peer {
     std::vector<char> bytes(65536);
     sockaddr_in from{};
     socklen_t from_size = sizeof from;
-    const ssize_t count = kind_ == Kind::Udp ? recvfrom(fd_, bytes.data(), bytes.size(), 0, Any(from), &from_size)
-                                             : read(fd_, bytes.data(), bytes.size());
+    const ssize_t count = kind_ == Kind::Udp ? recvfrom(fd_.Get(), bytes.data(), bytes.size(), 0, Any(from), &from_size)
+                                             : read(fd_.Get(), bytes.data(), bytes.size());
     if (count < 0) error = errno;
     if (count == 0 && kind_ != Kind::Udp) ended = true;
     if (count < 0 || ended) return std::nullopt;
@@ -108,7 +98,21 @@ class Peer {
     return bytes;
   }
 
-  tools::Link link;  ///< how a tool names this controller
+  /// @return the next bytes that arrive; fewer at the deadline or the connection's end
+  std::vector<char> Read(std::size_t size) {
+    Until([&] {
+      if (const auto bytes = Receive()) taken_.insert(taken_.end(), bytes->begin(), bytes->end());
+      return taken_.size() >= size || ended || error == ECONNRESET;
+    });
+    const auto end = taken_.begin() + static_cast<std::ptrdiff_t>(std::min(size, taken_.size()));
+    std::vector<char> bytes(taken_.begin(), end);
+    taken_.erase(taken_.begin(), end);
+    return bytes;
+  }
+
+  std::string Name() const { return ToString(link); }  ///< how a tool is told of this controller
+
+  tools::Link link;
   bool ended = false;
   int error = 0;
 
@@ -125,13 +129,11 @@ class Peer {
     if (result < 0) throw std::runtime_error("cannot set a peer up");
     return result;
   }
-  static void Close(int& fd) {
-    if (fd >= 0) close(std::exchange(fd, -1));
-  }
 
   Kind kind_;
-  int listener_ = -1, fd_ = -1, tty_ = -1;
+  sim::Fd listener_, fd_, tty_;
   std::optional<sockaddr_in> to_;
+  std::vector<char> taken_;  ///< by Read, and not yet given
 };
 
 }  // namespace velta::test
