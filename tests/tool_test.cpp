@@ -146,7 +146,7 @@ struct Stop {
 // LINK is a controller that never answers; TAPE is a recording of commands and statuses, NEW is none yet.
 constexpr Stop kStops[] = {
     {"Sim", "sim -n 3 tcp://127.0.0.1:0 --cycle-ms 60000", "listening on ", 0, "served "},
-    {"SimCheck", "sim -n 3 --check LINK --timeout-ms 60000", nullptr, 1, "velta: no controller answers on tcp://"},
+    {"SimCheck", "sim -n 3 --check LINK --timeout-ms 60000", nullptr, 1, "velta: no controller answers: tcp://"},
     {"Monitor", "monitor -n 3 LINK", nullptr, 0, "watched for "},
     {"MonitorVia", "monitor -n 3 LINK --via tcp://127.0.0.1:0", "listening on ", 0, "watched for "},
     {"Record", "record -n 3 LINK NEW", nullptr, 0, "recorded "},

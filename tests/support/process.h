@@ -11,6 +11,7 @@
 #include <csignal>
 #include <functional>
 #include <optional>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -25,6 +26,17 @@ namespace velta::test {
 using Clock = std::chrono::steady_clock;
 using Milliseconds = std::chrono::milliseconds;
 constexpr Milliseconds kPatience{30000};  ///< far more than any case takes, also under a sanitizer on a busy machine
+
+inline bool Has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+inline bool Begins(const std::string& text, const std::string& prefix) { return text.rfind(prefix, 0) == 0; }
+
+inline std::vector<std::string> Split(const std::string& text, char separator) {
+  std::istringstream stream(text);
+  std::vector<std::string> parts;
+  for (std::string part; std::getline(stream, part, separator);) parts.push_back(part);
+  return parts;
+}
+inline std::vector<std::string> Lines(const std::string& text) { return Split(text, '\n'); }
 
 /// Awaits a condition. @return whether it came true in time
 inline bool Until(const std::function<bool()>& done) {

@@ -4,26 +4,16 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <sstream>
 
 #include "support/bytes.h"
 #include "support/peer.h"
+#include "support/process.h"
 
 namespace velta::test {
-
-inline bool Has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-inline bool Begins(const std::string& text, const std::string& prefix) { return text.rfind(prefix, 0) == 0; }
-
-inline std::vector<std::string> Split(const std::string& text, char separator) {
-  std::istringstream stream(text);
-  std::vector<std::string> parts;
-  for (std::string part; std::getline(stream, part, separator);) parts.push_back(part);
-  return parts;
-}
-inline std::vector<std::string> Lines(const std::string& text) { return Split(text, '\n'); }
 
 inline std::vector<char> Joined(const std::vector<std::vector<char>>& parts) {
   std::vector<char> all;
