@@ -4,6 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
+#include <memory>
+#include <thread>
 
 namespace {
 
@@ -141,15 +144,38 @@ TEST(GetMergedPacket, EmptiesAllBuffersOrdinaryBeforeUnique) {
   SendPacket unique = Packet("u.");
   unique.SetIsUnique(true);
   unique.SetUniqueKey("k");
-  buffers[0]->pushBack(unique);
-  buffers[0]->pushBack(Packet("a."));
-  buffers[2]->pushBack(Packet(".b", 1, true));
-  buffers[2]->pushBack(Packet("!.."));
-  const std::deque<SendPacket> out = SendPacketMerger::getMergedPacket(buffers, 2);
-  EXPECT_EQ(Texts(out), (std::vector<std::string>{"ab?", "!..", "u."}));
-  EXPECT_TRUE(out[2].IsUnique());
-  EXPECT_EQ(out[2].GetUniqueKey(), "k");
-  EXPECT_TRUE(SendPacketMerger::getMergedPacket(buffers, 2).empty());
+  for (int round = 0; round < 3; ++round) {  // the later ones in memory that the first has used
+    buffers[0]->pushBack(unique);
+    buffers[0]->pushBack(Packet("a."));
+    buffers[2]->pushBack(Packet(".b", 1, true));
+    buffers[2]->pushBack(Packet("!.."));
+    const std::deque<SendPacket> out = SendPacketMerger::getMergedPacket(buffers, 2);
+    EXPECT_EQ(Texts(out), (std::vector<std::string>{"ab?", "!..", "u."}));
+    EXPECT_TRUE(out[2].IsUnique());
+    EXPECT_EQ(out[2].GetUniqueKey(), "k");
+    EXPECT_TRUE(SendPacketMerger::getMergedPacket(buffers, 2).empty());
+    buffers[2]->pushBack(Packet("c."));
+    EXPECT_EQ(Texts(SendPacketMerger::getMergedPacket(buffers, 2)), (std::vector<std::string>{"c."}));
+  }
+}
+
+TEST(GetMergedPacket, LosesNothingThatIsPushedMeanwhile) {
+  constexpr unsigned long kPackets = 2000;
+  std::vector buffers = {std::make_shared<SendPacketBuffer>()};
+  std::atomic<bool> done{false};
+  std::thread source([&] {
+    for (unsigned long i = 1; i <= kPackets; ++i) buffers[0]->pushBack(Packet(i % 2 == 0 ? "a." : "!a.", i));
+    done = true;
+  });
+  std::vector<float> stamps;
+  for (bool last = false; !last;) {
+    last = done;
+    for (const SendPacket& p : SendPacketMerger::getMergedPacket(buffers, 2)) stamps.push_back(p.joints[0].value1);
+  }
+  source.join();
+  std::sort(stamps.begin(), stamps.end());
+  ASSERT_EQ(stamps.size(), kPackets);
+  for (std::size_t i = 0; i < kPackets; ++i) EXPECT_EQ(stamps[i], static_cast<float>(i + 1));
 }
 
 }  // namespace
