@@ -78,7 +78,7 @@ double ThreadTime() {
 /// Times a part of every iteration; the result is the median, which the scheduler disturbs least.
 class Samples {
  public:
-  explicit Samples(State& state) : state_(state) { times_.reserve(state.max_iterations); }
+  explicit Samples(State& state) : state_(state) { times_.reserve(static_cast<std::size_t>(state.max_iterations)); }
   Samples(const Samples&) = delete;
   Samples& operator=(const Samples&) = delete;
   ~Samples() {

@@ -10,7 +10,6 @@
 #include <iterator>
 #include <optional>
 #include <stdexcept>
-#include <string_view>
 #include <type_traits>
 #include <utility>
 
