@@ -181,7 +181,8 @@ void LibraryBurst(State& state, int n, bool with_garbage) {
   const std::size_t size = StatusFrame(n).size();
   const std::size_t garbage = with_garbage ? size / 10 : 0;
   const std::vector<char> burst = Burst(n, garbage);
-  const auto frames = static_cast<double>(burst.size() / (size + garbage));
+  const std::size_t count = burst.size() / (size + garbage);
+  const auto frames = static_cast<double>(count);
   PacketParser parser(n);
   std::vector<RecvPacket> packets;
   Samples samples(state);
@@ -195,7 +196,7 @@ void LibraryBurst(State& state, int n, bool with_garbage) {
         },
         frames);
   }
-  Require(packets.size() == static_cast<std::size_t>(frames), "frames were lost");
+  Require(packets.size() == count, "frames were lost");
   const double own = 1 / frames;  // the copy of the burst
   state.counters["allocations"] =
       benchmark::Counter(static_cast<double>(Allocations() - before) / frames, benchmark::Counter::kAvgIterations);
