@@ -165,6 +165,7 @@ std::array<double, 2> RunBare(int n, int round_trips) {
   Peer peer;
   std::unique_ptr<Echo> echo;  // ends when its host has left
   std::vector<double> times;
+  times.reserve(static_cast<std::size_t>(round_trips));
   const BareSocket bare(peer);
   echo = std::make_unique<Echo>(peer, n);
   const std::vector<char> command = CommandFrame(n);
