@@ -3,7 +3,6 @@
 
 #include <iterator>
 #include <map>
-#include <optional>
 #include <utility>
 
 namespace {
@@ -33,20 +32,20 @@ void MergeLists(std::vector<List>& lists, int joint_num, Source source, PacketQu
   cursors.reserve(lists.size());
   for (List& list : lists) cursors.push_back(list.begin());
   while (true) {
-    std::optional<SendPacket> fresh;
+    SendPacket* fresh = nullptr;
     bool any_merged = false;
     for (std::size_t i = 0; i < lists.size(); ++i) {
       if (cursors[i] == lists[i].end()) continue;
       SendPacket& packet = Packet(*cursors[i]++);
-      if (!fresh) fresh.emplace(joint_num);
+      if (fresh == nullptr) fresh = &merged.emplace_back(joint_num);
       if (SendPacketMerger::mergePacket(*fresh, packet)) {
         any_merged = true;
       } else {
         left_over.push_back(Take(packet, source));
       }
     }
-    if (!fresh) break;
-    if (any_merged) merged.push_back(std::move(*fresh));
+    if (fresh == nullptr) break;
+    if (!any_merged) merged.pop_back();
   }
   Append(merged, left_over);
 }
