@@ -84,35 +84,32 @@ void PrintRow(int n, const std::array<double, 2>& bare, const std::array<double,
 
 void Measure(int n, int round_trips) {
   Peer bare_peer, library_peer;
-  const Echo* echoes[2];  // they end when their hosts below have left
-  std::vector<double> bare_times, library_times;
-  {
-    const BareSocket bare(bare_peer);
-    MasterControllerClient client(n);
-    Require(client.InitAsTcpClient("127.0.0.1", library_peer.Port()), "cannot connect");
-    library_peer.Accept();
-    echoes[0] = new Echo(bare_peer, n);
-    echoes[1] = new Echo(library_peer, n);
+  std::unique_ptr<Echo> bare_echo, library_echo;  // they end when their hosts below have left
+  const BareSocket bare(bare_peer);
+  MasterControllerClient client(n);
+  Require(client.InitAsTcpClient("127.0.0.1", library_peer.Port()), "cannot connect");
+  library_peer.Accept();
+  bare_echo = std::make_unique<Echo>(bare_peer, n);
+  library_echo = std::make_unique<Echo>(library_peer, n);
 
-    const std::vector<char> command = CommandFrame(n);
-    const int status_size = static_cast<int>(StatusFrame(n).size());
-    std::vector<char> buffer(65535);
-    SendPacket packet(n);
-    for (int i = 0; i < round_trips; ++i) {
-      bare_times.push_back(Microseconds([&] {
-        bare.Send(command);
-        for (int got = 0; got < status_size;) got += std::max(bare.Receive(buffer.data(), buffer.size()), 0);
-      }));
-      library_times.push_back(Microseconds([&] {
-        client.PushSendQueue(packet, true);
-        client.SendPacketInBuffer();
-        while (client.ReceiveStatus() == 0) {
-        }
-      }));
-      client.FlushRecvBuffer();
-    }
+  const std::vector<char> command = CommandFrame(n);
+  const int status_size = static_cast<int>(StatusFrame(n).size());
+  std::vector<char> buffer(65535);
+  std::vector<double> bare_times, library_times;
+  SendPacket packet(n);
+  for (int i = 0; i < round_trips; ++i) {
+    bare_times.push_back(Microseconds([&] {
+      bare.Send(command);
+      for (int got = 0; got < status_size;) got += std::max(bare.Receive(buffer.data(), buffer.size()), 0);
+    }));
+    library_times.push_back(Microseconds([&] {
+      client.PushSendQueue(packet, true);
+      client.SendPacketInBuffer();
+      while (client.ReceiveStatus() == 0) {
+      }
+    }));
+    client.FlushRecvBuffer();
   }
-  for (const Echo* echo : echoes) delete echo;
   PrintRow(n, Quantiles(bare_times), Quantiles(library_times));
 }
 
