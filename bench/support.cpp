@@ -48,6 +48,7 @@ void Require(bool ok, const char* message) {
 
 namespace {
 
+// The library's tables and folding again: a floor contains no library code.
 using Table = std::array<std::uint16_t, 256>;
 
 constexpr std::array<Table, 8> MakeTables() {
@@ -263,9 +264,13 @@ BareSocket::BareSocket(Peer& peer) : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
 
 BareSocket::~BareSocket() { close(fd_); }
 
-int BareSocket::Receive(char* bytes, std::size_t size) const {
+int BareSocket::Receive(char* bytes, std::size_t size) const { return PollAndReceive(bytes, size, 0); }
+
+int BareSocket::WaitAndReceive(char* bytes, std::size_t size) const { return PollAndReceive(bytes, size, -1); }
+
+int BareSocket::PollAndReceive(char* bytes, std::size_t size, int timeout_ms) const {
   pollfd request{fd_, POLLIN, 0};
-  return poll(&request, 1, 0) == 1 ? static_cast<int>(recv(fd_, bytes, size, 0)) : 0;
+  return poll(&request, 1, timeout_ms) == 1 ? static_cast<int>(recv(fd_, bytes, size, 0)) : 0;
 }
 
 void BareSocket::Send(const std::vector<char>& bytes) const {

@@ -56,11 +56,14 @@ class BareSocket {
   ~BareSocket();
 
   int Receive(char* bytes, std::size_t size) const;  ///< poll, then recv
-  void Send(const std::vector<char>& bytes) const;   ///< poll, then send
+  int WaitAndReceive(char* bytes, std::size_t size) const;
+  void Send(const std::vector<char>& bytes) const;  ///< poll, then send
   int SelectReceive(char* bytes, std::size_t size) const;
   void SelectSend(const std::vector<char>& bytes) const;
 
  private:
+  int PollAndReceive(char* bytes, std::size_t size, int timeout_ms) const;
+
   int fd_;
 };
 

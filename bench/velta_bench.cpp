@@ -78,7 +78,7 @@ double ThreadTime() {
 /// Times a part of every iteration; the result is the median, which the scheduler disturbs least.
 class Samples {
  public:
-  explicit Samples(State& state) : state_(state) { times_.reserve(state.max_iterations); }
+  explicit Samples(State& state) : state_(state) { times_.reserve(static_cast<std::size_t>(state.max_iterations)); }
   Samples(const Samples&) = delete;
   Samples& operator=(const Samples&) = delete;
   ~Samples() {
@@ -105,9 +105,9 @@ class Samples {
   std::vector<double> times_;
 };
 
-/// A frame taken and checked: moved once, covered by the CRC once.
+/// A frame taken from a buffer of at least its size, and checked: moved once, covered by the CRC once.
 void TakeFrame(std::vector<char>& to, const std::vector<char>& from) {
-  std::memcpy(to.data(), from.data(), from.size());
+  std::memcpy(to.data(), from.data(), to.size());
   DoNotOptimize(FloorCrc(Raw(to.data()), to.size() - 2));
   benchmark::ClobberMemory();
 }
@@ -181,7 +181,8 @@ void LibraryBurst(State& state, int n, bool with_garbage) {
   const std::size_t size = StatusFrame(n).size();
   const std::size_t garbage = with_garbage ? size / 10 : 0;
   const std::vector<char> burst = Burst(n, garbage);
-  const auto frames = static_cast<double>(burst.size() / (size + garbage));
+  const std::size_t count = burst.size() / (size + garbage);
+  const auto frames = static_cast<double>(count);
   PacketParser parser(n);
   std::vector<RecvPacket> packets;
   Samples samples(state);
@@ -195,7 +196,7 @@ void LibraryBurst(State& state, int n, bool with_garbage) {
         },
         frames);
   }
-  Require(packets.size() == static_cast<std::size_t>(frames), "frames were lost");
+  Require(packets.size() == count, "frames were lost");
   const double own = 1 / frames;  // the copy of the burst
   state.counters["allocations"] =
       benchmark::Counter(static_cast<double>(Allocations() - before) / frames, benchmark::Counter::kAvgIterations);
@@ -395,97 +396,89 @@ void Library(State& state, int n) {
 
 namespace tcp_steps {
 /// Per iteration the peer sends a status frame and afterwards drops what it was sent; neither is timed.
-void Floor(State& state, int n) {
-  Peer peer;
-  const BareSocket socket(peer);
-  const std::vector<char> in = StatusFrame(n), out = CommandFrame(n);
-  std::vector<char> buffer(65535);
-  Samples samples(state);
-  for (auto _ : state) {
-    peer.Send(in);
-    samples.Time([&] {
-      Require(socket.Receive(buffer.data(), buffer.size()) > 0, "no frame on loopback");
-      socket.Send(out);
-    });
-    peer.Drain();
-  }
-}
-/// The floor of a host that waits by select.
-void FloorSelect(State& state, int n) {
-  Peer peer;
-  const BareSocket socket(peer);
-  const std::vector<char> in = StatusFrame(n), out = CommandFrame(n);
-  std::vector<char> buffer(65535);
-  Samples samples(state);
-  for (auto _ : state) {
-    peer.Send(in);
-    samples.Time([&] {
-      Require(socket.SelectReceive(buffer.data(), buffer.size()) > 0, "no frame on loopback");
-      socket.SelectSend(out);
-    });
-    peer.Drain();
-  }
-}
-void FloorWithHost(State& state, int n) {
+template <typename Steps>
+void OnSocket(State& state, int n, Steps steps) {
   Peer peer;
   const BareSocket socket(peer);
   const std::vector<char> in = StatusFrame(n);
-  std::vector<char> buffer(65535), out = CommandFrame(n), status(in.size());
+  std::vector<char> buffer(65535), out = CommandFrame(n);
   Samples samples(state);
   for (auto _ : state) {
     peer.Send(in);
-    samples.Time([&] {
-      const std::int64_t stamp = std::chrono::system_clock::now().time_since_epoch().count();
-      std::memcpy(&out[2], &stamp, sizeof stamp);
-      Require(socket.Receive(buffer.data(), buffer.size()) > 0, "no frame on loopback");
-      CloseFrame(out.data(), out.size());
-      socket.Send(out);
-      std::memcpy(status.data(), buffer.data(), status.size());
-      DoNotOptimize(FloorCrc(Raw(status.data()), status.size() - 2));
-    });
+    samples.Time([&] { steps(socket, buffer, out); });
     peer.Drain();
   }
+}
+
+/// How a host waits: BareSocket's members.
+struct Waiting {
+  int (BareSocket::*receive)(char*, std::size_t) const;
+  void (BareSocket::*send)(const std::vector<char>&) const;
+};
+constexpr Waiting kPoll = {&BareSocket::Receive, &BareSocket::Send};
+constexpr Waiting kSelect = {&BareSocket::SelectReceive, &BareSocket::SelectSend};
+
+template <const Waiting& waiting>
+void Floor(State& state, int n) {
+  OnSocket(state, n, [](const BareSocket& socket, std::vector<char>& buffer, const std::vector<char>& out) {
+    Require((socket.*waiting.receive)(buffer.data(), buffer.size()) > 0, "no frame on loopback");
+    (socket.*waiting.send)(out);
+  });
+}
+template <const Waiting& waiting>
+void FloorWithHost(State& state, int n) {
+  std::vector<char> status(StatusFrame(n).size());
+  OnSocket(state, n, [&](const BareSocket& socket, std::vector<char>& buffer, std::vector<char>& out) {
+    const std::int64_t stamp = std::chrono::system_clock::now().time_since_epoch().count();
+    std::memcpy(&out[2], &stamp, sizeof stamp);
+    Require((socket.*waiting.receive)(buffer.data(), buffer.size()) > 0, "no frame on loopback");
+    CloseFrame(out.data(), out.size());
+    (socket.*waiting.send)(out);
+    TakeFrame(status, buffer);
+  });
+}
+/// @param before  untimed, behind the peer's sending
+/// @param steps   timed
+/// @param after   untimed
+template <typename Before, typename Steps, typename After>
+void OnClient(State& state, int n, Before before, Steps steps, After after) {
+  Peer peer;
+  MasterControllerClient client(n);
+  Require(client.InitAsTcpClient("127.0.0.1", peer.Port()), "cannot connect");
+  peer.Accept();
+  const std::vector<char> in = StatusFrame(n);
+  Samples samples(state);
+  const Counted counted(state);
+  for (auto _ : state) {
+    peer.Send(in);
+    before(client);
+    samples.Time([&] { steps(client); });
+    after(client);
+    peer.Drain();
+  }
+}
+void BothSteps(MasterControllerClient& client) {
+  Require(client.ReceiveStatus() == 1, "no frame on loopback");
+  client.SendPacketInBuffer();
 }
 void Library(State& state, int n) {
-  Peer peer;
-  MasterControllerClient client(n);
-  Require(client.InitAsTcpClient("127.0.0.1", peer.Port()), "cannot connect");
-  peer.Accept();
-  const std::vector<char> in = StatusFrame(n);
   SendPacket packet(n);
-  Samples samples(state);
-  const Counted counted(state);
-  for (auto _ : state) {
-    peer.Send(in);
-    client.PushSendQueue(packet, false);
-    samples.Time([&] {
-      Require(client.ReceiveStatus() == 1, "no frame on loopback");
-      client.SendPacketInBuffer();
-    });
-    client.FlushRecvBuffer();
-    peer.Drain();
-  }
+  OnClient(
+      state, n, [&](MasterControllerClient& client) { client.PushSendQueue(packet, false); }, BothSteps,
+      [](MasterControllerClient& client) { client.FlushRecvBuffer(); });
 }
 void LibraryWithHost(State& state, int n) {
-  Peer peer;
-  MasterControllerClient client(n);
-  Require(client.InitAsTcpClient("127.0.0.1", peer.Port()), "cannot connect");
-  peer.Accept();
-  const std::vector<char> in = StatusFrame(n);
-  Samples samples(state);
-  const Counted counted(state);
-  for (auto _ : state) {
-    peer.Send(in);
-    samples.Time([&] {
-      SendPacket packet(n);
-      packet.SetRefPosition("all", 1);
-      client.PushSendQueue(packet, false);
-      Require(client.ReceiveStatus() == 1, "no frame on loopback");
-      client.SendPacketInBuffer();
-      DoNotOptimize(client.GetCurStatePacket());
-    });
-    peer.Drain();
-  }
+  const auto nothing = [](MasterControllerClient&) {};
+  OnClient(
+      state, n, nothing,
+      [n](MasterControllerClient& client) {
+        SendPacket packet(n);
+        packet.SetRefPosition("all", 1);
+        client.PushSendQueue(packet, false);
+        BothSteps(client);
+        DoNotOptimize(client.GetCurStatePacket());
+      },
+      nothing);
 }
 }  // namespace tcp_steps
 
@@ -606,6 +599,7 @@ void Picojson(State& state, int n) {
     DoNotOptimize(picojson::value(std::move(root)).serialize());
   }
 }
+/// As its users write it: std::to_string gives the same texts.
 void Nlohmann(State& state, int n) {
   for (auto _ : state) {
     auto joints = nlohmann::json::array();
@@ -613,11 +607,11 @@ void Nlohmann(State& state, int n) {
       nlohmann::json joint;
       joint["joint_id"] = std::to_string(i);
       for (const char* key : kWhole) joint[key] = std::to_string(i);
-      for (const char* key : kReal) joint[key] = Fixed(kValue);
+      for (const char* key : kReal) joint[key] = std::to_string(kValue);
       joints.push_back(std::move(joint));
     }
     nlohmann::json root;
-    root["duration"] = Fixed(kValue);
+    root["duration"] = std::to_string(kValue);
     root["hostTimestamp"] = std::to_string(1234567890123456789);
     root["jointState"] = std::move(joints);
     root["timestamp"] = std::to_string(1234567890123456789);
@@ -829,9 +823,12 @@ struct Job {
 const Sizes kJoints = {1, 7, 32};
 
 const std::vector<Job> kJobs = {
-    {"receive + send step, TCP loopback", "n", kJoints, tcp_steps::Floor, tcp_steps::Library, 2000},
-    {"the same, floor with select", "n", kJoints, tcp_steps::FloorSelect, tcp_steps::Library, 2000},
-    {"the same with the host's part", "n", kJoints, tcp_steps::FloorWithHost, tcp_steps::LibraryWithHost, 2000},
+    {"receive + send step, TCP loopback", "n", kJoints, tcp_steps::Floor<tcp_steps::kPoll>, tcp_steps::Library, 2000},
+    {"the same, floor with select", "n", kJoints, tcp_steps::Floor<tcp_steps::kSelect>, tcp_steps::Library, 2000},
+    {"with the host's part", "n", kJoints, tcp_steps::FloorWithHost<tcp_steps::kPoll>, tcp_steps::LibraryWithHost,
+     2000},
+    {"with the host's part, floor with select", "n", kJoints, tcp_steps::FloorWithHost<tcp_steps::kSelect>,
+     tcp_steps::LibraryWithHost, 2000},
     {"40 arms in one loop, TCP loopback", "arms", {1, 40}, scaling::ArmsFloor, scaling::Arms, 200},
     {"CRC of a status frame", "n", kJoints, crc::Floor, crc::Library, 0},
     {"RecvPacket::Parse", "n", kJoints, parse::Floor, parse::Library, 0},

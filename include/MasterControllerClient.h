@@ -180,6 +180,7 @@ class VELTA_API MasterControllerClient {
  private:
   bool InitAs(std::unique_ptr<AbstractClient> client);
   void Enqueue(SendPacket&& packet);
+  void PopInto(SendPacket& packet);
 
   // Kept between calls for their memory alone.
   std::vector<char> read_bytes_;

@@ -44,6 +44,8 @@ class VELTA_API PacketParser {
   /// @param[in,out] packets  overwritten from the front, made longer where that is not enough
   /// @return packets found
   std::size_t Cut(std::vector<char>& bytes, std::vector<RecvPacket>& packets);
+
+  std::vector<char> contiguous_;  // the buffer in one piece, for the search and the CRC; kept for its memory alone
 };
 
 #endif  // VELTA_PACKET_PARSER_H_

@@ -47,7 +47,17 @@ class VELTA_API SendPacketBuffer {
   mutable std::mutex mutex_;
 
  private:
-  // Emptied nodes of packet_map_, kept for their memory; guarded by mutex_.
+  friend class SendPacketMerger;
+
+  /// popAllPackets that leaves the ordinary packets in their nodes.
+  std::map<int, SendPacket> TakeAll(std::unordered_map<std::string, SendPacket>& unique_packets);
+  /// Takes nodes back that are done with, for their memory; none where the mutex is held right now.
+  void Recycle(std::map<int, SendPacket>& nodes);
+
+  void TakeUnique(std::unordered_map<std::string, SendPacket>& unique_packets);
+  void Keep(std::map<int, SendPacket>& nodes);
+
+  // Nodes of packet_map_ that are done with, kept for their memory; guarded by mutex_.
   std::array<std::map<int, SendPacket>::node_type, 16> spare_nodes_;
   std::size_t spare_count_ = 0;
 };

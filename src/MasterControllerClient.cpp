@@ -174,11 +174,19 @@ bool MasterControllerClient::PushSendQueueJson(const std::string& json, bool con
 }
 
 SendPacket MasterControllerClient::PopSendQueue() {
-  const std::lock_guard<std::mutex> lock(*mutex_);
-  if (send_queue_.empty()) return SendPacket(joint_num_);  // another thread flushed it: nothing is commanded
-  SendPacket packet = std::move(send_queue_.front());
-  send_queue_.pop_front();
+  SendPacket packet(0);
+  PopInto(packet);
   return packet;
+}
+
+void MasterControllerClient::PopInto(SendPacket& packet) {
+  const std::lock_guard<std::mutex> lock(*mutex_);
+  if (send_queue_.empty()) {  // another thread flushed it: nothing is commanded
+    packet = SendPacket(joint_num_);
+    return;
+  }
+  packet = std::move(send_queue_.front());
+  send_queue_.pop_front();
 }
 
 void MasterControllerClient::FlushSendBuffer() {
@@ -237,7 +245,7 @@ bool MasterControllerClient::SendOnce(SendPacket& packet, bool keep_timestamp) {
 bool MasterControllerClient::TakeNextPacket() {
   // The queue's size is read without the mutex, deliberately: only this thread takes packets out.
   if (GetSendBufferSize() != 0) {
-    cur_send_packet_ = PopSendQueue();
+    PopInto(cur_send_packet_);
     return true;
   }
   const std::string* const key = unique_send_map_.FirstNotSentKey();

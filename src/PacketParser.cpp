@@ -64,9 +64,9 @@ std::vector<RecvPacket> PacketParser::Parse() {
   std::vector<RecvPacket> packets;
   const std::size_t frame_size = FrameSize(jointNum);
   if (buffer.size() < frame_size) return packets;
-  const std::vector<char> bytes(buffer.begin(), buffer.end());  // in one piece, for the search and the CRC
-  packets.reserve(bytes.size() / frame_size);
-  const std::size_t consumed = CutFrames(bytes, frame_size, [&](const char* frame) {
+  contiguous_.assign(buffer.begin(), buffer.end());
+  packets.reserve(contiguous_.size() / frame_size);
+  const std::size_t consumed = CutFrames(contiguous_, frame_size, [&](const char* frame) {
     packets.emplace_back(jointNum);
     velta::detail::CopyStatusFrame(frame, packets.back());
   });

@@ -2,7 +2,7 @@
 #include "SendPacket.h"
 
 #include <algorithm>
-#include <cstring>
+#include <string_view>
 #include <utility>
 
 #include "command_frame.h"
@@ -12,10 +12,12 @@ namespace {
 
 constexpr velta::FrameSizes kNoJoints = velta::CommandFrameSizes(0);
 
+bool NamesAll(std::string_view ids) { return ids == "all"; }
+
 /// Calls visit(i) for every joint that an ID string names, in its order.
 template <typename Visit>
 void VisitNamedJoints(const std::string& ids, int jointNum, Visit visit) {
-  if (ids == "all") {
+  if (NamesAll(ids)) {
     for (int i = 0; i < jointNum; ++i) visit(i);
     return;
   }
@@ -112,8 +114,7 @@ void SendPacket::SetValue(const std::vector<int>& ids, int n, float v) {
 
 std::vector<int> SendPacket::ParseIDString(const std::string& ids) const {
   std::vector<int> result;
-  const bool all = ids == "all";
-  result.reserve(all ? joints.size() : ids.size() / 2 + 1);
+  result.reserve(NamesAll(ids) ? joints.size() : ids.size() / 2 + 1);
   VisitNamedJoints(ids, jointNum, [&](int id) { result.push_back(id); });
   return result;
 }
@@ -132,15 +133,18 @@ void SendPacket::SetCommonCommand(const std::string& ids, int order, float value
 }
 
 void velta::detail::WriteCommandFrame(const SendPacket& packet, std::vector<char>& frame) {
-  const std::size_t records = packet.joints.size() * sizeof(txJoint_t);
-  const std::size_t covered = sizeof packet.header + records;
-  frame.resize(covered + kCrcSize);
-  std::memcpy(frame.data(), &packet.header, sizeof packet.header);
-  if (records != 0) std::memcpy(frame.data() + sizeof packet.header, packet.joints.data(), records);
+  const auto* const header = reinterpret_cast<const char*>(&packet.header);
+  const auto* const records = reinterpret_cast<const char*>(packet.joints.data());
+  const std::size_t records_size = packet.joints.size() * sizeof(txJoint_t);
+  const std::size_t covered = sizeof packet.header + records_size;
+  frame.clear();
+  frame.reserve(covered + kCrcSize);
+  frame.insert(frame.end(), header, header + sizeof packet.header);
+  frame.insert(frame.end(), records, records + records_size);
   const unsigned short crc =
       CalcCrc16(reinterpret_cast<const unsigned char*>(frame.data()), static_cast<unsigned short>(covered));
-  frame[covered] = static_cast<char>(crc & 0xFF);
-  frame[covered + 1] = static_cast<char>(crc >> 8);
+  frame.push_back(static_cast<char>(crc & 0xFF));
+  frame.push_back(static_cast<char>(crc >> 8));
 }
 
 std::vector<char> SendPacket::GetCharVector() const {

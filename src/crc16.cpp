@@ -89,6 +89,8 @@ struct Shift {
 constexpr Shift ShiftBy(unsigned bits) { return {PowerOfX(bits + 63), PowerOfX(bits - 1)}; }
 
 constexpr Shift kBy128 = ShiftBy(128);
+constexpr Shift kBy256 = ShiftBy(256);
+constexpr Shift kBy384 = ShiftBy(384);
 constexpr Shift kBy512 = ShiftBy(512);
 
 __attribute__((target("avx,pclmul"))) inline __m128i Load(const unsigned char* data) {
@@ -130,7 +132,7 @@ __attribute__((target("avx,pclmul"))) unsigned short Crc16Folded(const unsigned 
   value = Fold(value, by128, _mm_xor_si128(Load(data), initial_rest));
   data += 16;
   length -= 16;
-  if (length >= 128) {
+  if (length >= 48) {
     const __m128i by512 = Constant(kBy512);
     __m128i lane0 = value;  // the other lanes start one, two and three registers ahead of it
     __m128i lane1 = Load(data), lane2 = Load(data + 16), lane3 = Load(data + 32);
@@ -142,7 +144,7 @@ __attribute__((target("avx,pclmul"))) unsigned short Crc16Folded(const unsigned 
       lane2 = Fold(lane2, by512, Load(data + 32));
       lane3 = Fold(lane3, by512, Load(data + 48));
     }
-    value = Fold(Fold(Fold(lane0, by128, lane1), by128, lane2), by128, lane3);
+    value = Fold(lane0, Constant(kBy384), Fold(lane1, Constant(kBy256), Fold(lane2, by128, lane3)));
   }
   for (; length > 0; data += 16, length -= 16) value = Fold(value, by128, Load(data));
 

@@ -10,7 +10,6 @@
 #include <iterator>
 #include <optional>
 #include <stdexcept>
-#include <string_view>
 #include <type_traits>
 #include <utility>
 
@@ -51,6 +50,10 @@ class Output {
     *at_++ = c;
   }
 
+  void Append(const char* text, std::size_t size) {
+    std::for_each(text, text + size, [&](char c) { push_back(c); });
+  }
+
   std::string Take() {
     text_.resize(Used());
     return std::move(text_);
@@ -71,26 +74,18 @@ class Output {
   char* end_ = nullptr;
 };
 
-/// One joint's members, built once and overwritten for every packet.
+/// One joint's object, built once and overwritten for every joint of every packet.
 class JointDocument {
  public:
-  /// @return the members, all empty
-  static object Members() {
-    object members;
-    for (const char* key : kKeys) AddText(members, key);
-    return members;
+  JointDocument(const JointDocument&) = delete;
+  JointDocument& operator=(const JointDocument&) = delete;
+  JointDocument() : root_(object()) {
+    object& members = root_.get<object>();
+    std::transform(kKeys.begin(), kKeys.end(), texts_.begin(), [&](const char* key) { return &AddText(members, key); });
   }
 
-  /// @param members  a copy of Members()
-  explicit JointDocument(object& members) {
-    std::array<std::string*, kKeys.size()> in_order;
-    std::transform(members.begin(), members.end(), in_order.begin(),
-                   [](auto& member) { return &member.second.template get<std::string>(); });
-    for (std::size_t i = 0; i < kKeys.size(); ++i) texts_[i] = in_order[kPlaces[i]];
-  }
-
-  void Set(std::size_t joint_id, const rxJoint_t& joint) {
-    std::string** text = texts_.data();
+  void Write(std::size_t joint_id, const rxJoint_t& joint, Output& output) {
+    auto text = texts_.begin();
     const auto put = [&text](auto number) { Assign(**text++, number); };  // in the order of kKeys
     put(joint_id);
     put(joint.type);
@@ -114,6 +109,7 @@ class JointDocument {
     put(joint.effort);
     put(joint.temperature);
     for (int i = 0; i < 4; ++i) put(joint.general[i]);
+    root_.serialize(std::back_inserter(output));
   }
 
  private:
@@ -142,48 +138,37 @@ class JointDocument {
                                                         "general_1",
                                                         "general_2",
                                                         "general_3"};
-  /// Where each key stands among the sorted keys of an object.
-  static constexpr std::array<std::size_t, kKeys.size()> Places() {
-    std::array<std::size_t, kKeys.size()> places{};
-    for (std::size_t i = 0; i < kKeys.size(); ++i) {
-      for (const std::string_view other : kKeys) places[i] += other < std::string_view(kKeys[i]) ? 1u : 0u;
-    }
-    return places;
-  }
-  static const std::array<std::size_t, kKeys.size()> kPlaces;
 
+  value root_;
   std::array<std::string*, kKeys.size()> texts_;
 };
-
-constexpr std::array<std::size_t, JointDocument::kKeys.size()> JointDocument::kPlaces = JointDocument::Places();
 
 /// A whole document, built once and overwritten for every packet.
 class StateDocument {
  public:
-  explicit StateDocument(std::size_t joints) : root_(object()) {
+  StateDocument() : root_(object()) {
     object& members = root_.get<object>();
     duration_ = &AddText(members, "duration");
     host_timestamp_ = &AddText(members, "hostTimestamp");
     timestamp_ = &AddText(members, "timestamp");
-    array& states = members.emplace("jointState", value(array())).first->second.get<array>();
-    states.reserve(joints);
-    joints_.reserve(joints);
-    if (joints != 0) states.emplace_back(JointDocument::Members());
-    while (states.size() < joints) states.push_back(states.front());
-    for (value& state : states) joints_.emplace_back(state.get<object>());
+    members.emplace("jointState", value(array()));
   }
 
-  std::size_t Joints() const { return joints_.size(); }
-
-  std::string Text(const RecvPacket& packet) {
+  /// @param joints  at most as many as the packet has
+  std::string Text(const RecvPacket& packet, std::size_t joints) {
     Assign(*timestamp_, +packet.header.timestamp);
     Assign(*host_timestamp_, +packet.header.hostTimestamp);
     Assign(*duration_, +packet.header.duration);
-    for (std::size_t i = 0; i < joints_.size(); ++i) joints_[i].Set(i + 1, packet.joints[i]);
-    constexpr std::size_t kHeaderText = 128;
+    const std::string frame = root_.serialize();
+    const std::size_t array_end = frame.find(']');  // of the empty array: numbers have no bracket
     constexpr std::size_t kJointText = 640;
-    Output output(kHeaderText + joints_.size() * kJointText);
-    root_.serialize(std::back_inserter(output));
+    Output output(frame.size() + joints * kJointText);
+    output.Append(frame.data(), array_end);
+    for (std::size_t i = 0; i < joints; ++i) {
+      if (i != 0) output.push_back(',');
+      joint_.Write(i + 1, packet.joints[i], output);
+    }
+    output.Append(frame.data() + array_end, frame.size() - array_end);
     return output.Take();
   }
 
@@ -192,13 +177,15 @@ class StateDocument {
   std::string* duration_;
   std::string* host_timestamp_;
   std::string* timestamp_;
-  std::vector<JointDocument> joints_;
+  JointDocument joint_;
 };
 
 /// The JSON library parses nested values by recursion without a bound of its own on objects.
 /// @return whether the text's first value nests deeper than a thread's stack is sure to bear
 bool NestsTooDeep(const std::string& json) {
   constexpr int kMaxDepth = 512;
+  const auto opens = [](char c) { return c == '{' || c == '['; };
+  if (std::count_if(json.begin(), json.end(), opens) <= kMaxDepth) return false;  // the usual case, in one quick pass
   int depth = 0;
   bool in_string = false;
   for (auto c = json.begin(); c != json.end(); ++c) {
@@ -207,7 +194,7 @@ bool NestsTooDeep(const std::string& json) {
       if (*c == '\\' && ++c == json.end()) return false;
     } else if (*c == '"') {
       in_string = true;
-    } else if (*c == '{' || *c == '[') {
+    } else if (opens(*c)) {
       if (++depth > kMaxDepth) return true;
     } else if (*c == '}' || *c == ']') {
       if (--depth <= 0) return false;  // the first value ends; what follows is not examined
@@ -265,11 +252,11 @@ void ApplyJointCommand(const object& members, SendPacket& packet) {
 std::vector<std::string> StatesToJson(const std::vector<RecvPacket>& packets, int joint_num) {
   std::vector<std::string> documents;
   documents.reserve(packets.size());
-  std::optional<StateDocument> document;
+  if (packets.empty()) return documents;
+  StateDocument document;
   for (const RecvPacket& packet : packets) {
     const std::size_t joints = std::min(packet.joints.size(), static_cast<std::size_t>(std::max(joint_num, 0)));
-    if (!document || document->Joints() != joints) document.emplace(joints);
-    documents.push_back(document->Text(packet));
+    documents.push_back(document.Text(packet, joints));
   }
   return documents;
 }

@@ -2,12 +2,13 @@
 #include "send_packet_merger.h"
 
 #include <iterator>
-#include <optional>
+#include <map>
 #include <utility>
 
 namespace {
 
 using PacketList = std::vector<SendPacket>;
+using PacketQueue = std::deque<SendPacket>;
 using PacketMap = std::unordered_map<std::string, SendPacket>;
 
 /// What becomes of the packets in a merge's arguments: left for the caller, or taken where nobody looks again.
@@ -15,37 +16,42 @@ enum class Source { Keep, Consume };
 
 SendPacket Take(SendPacket& packet, Source source) { return source == Source::Consume ? std::move(packet) : packet; }
 
-void Append(std::deque<SendPacket>& packets, std::deque<SendPacket>& more) {
+void Append(PacketQueue& packets, PacketList& more) {
   packets.insert(packets.end(), std::make_move_iterator(more.begin()), std::make_move_iterator(more.end()));
 }
 
+SendPacket& Packet(SendPacket& element) { return element; }
+SendPacket& Packet(std::pair<const int, SendPacket>& arrival) { return arrival.second; }
+
 // A packet that collides is not tried again in a later pass, and follows every merged one, deliberately: sources can
 // rely on this order.
-std::deque<SendPacket> MergeLists(std::vector<PacketList>& lists, int joint_num, Source source) {
-  std::deque<SendPacket> merged;
-  std::deque<SendPacket> left_over;
-  for (std::size_t pass = 0;; ++pass) {
-    std::optional<SendPacket> fresh;
+template <typename List>
+void MergeLists(std::vector<List>& lists, int joint_num, Source source, PacketQueue& merged) {
+  PacketList left_over;
+  std::vector<typename List::iterator> cursors;
+  cursors.reserve(lists.size());
+  for (List& list : lists) cursors.push_back(list.begin());
+  while (true) {
+    SendPacket* fresh = nullptr;
     bool any_merged = false;
-    for (PacketList& list : lists) {
-      if (pass >= list.size()) continue;
-      if (!fresh) fresh.emplace(joint_num);
-      if (SendPacketMerger::mergePacket(*fresh, list[pass])) {
+    for (std::size_t i = 0; i < lists.size(); ++i) {
+      if (cursors[i] == lists[i].end()) continue;
+      SendPacket& packet = Packet(*cursors[i]++);
+      if (fresh == nullptr) fresh = &merged.emplace_back(joint_num);
+      if (SendPacketMerger::mergePacket(*fresh, packet)) {
         any_merged = true;
       } else {
-        left_over.push_back(Take(list[pass], source));
+        left_over.push_back(Take(packet, source));
       }
     }
-    if (!fresh) break;
-    if (any_merged) merged.push_back(std::move(*fresh));
+    if (fresh == nullptr) break;
+    if (!any_merged) merged.pop_back();
   }
   Append(merged, left_over);
-  return merged;
 }
 
-std::deque<SendPacket> MergeMaps(std::vector<PacketMap>& maps, Source source) {
-  std::deque<SendPacket> merged;
-  std::deque<SendPacket> left_over;
+void MergeMaps(std::vector<PacketMap>& maps, Source source, PacketQueue& merged) {
+  PacketList left_over;
   for (std::size_t i = 0; i < maps.size(); ++i) {
     for (auto& [key, packet] : maps[i]) {
       merged.push_back(Take(packet, source));
@@ -58,7 +64,6 @@ std::deque<SendPacket> MergeMaps(std::vector<PacketMap>& maps, Source source) {
     }
   }
   Append(merged, left_over);
-  return merged;
 }
 
 }  // namespace
@@ -82,26 +87,35 @@ bool SendPacketMerger::mergePacket(SendPacket& dst, const SendPacket& src) {
 }
 
 std::deque<SendPacket> SendPacketMerger::mergeNotUniquePacket(std::vector<PacketList>& packet_lists, int joint_num) {
-  return MergeLists(packet_lists, joint_num, Source::Keep);
+  PacketQueue packets;
+  MergeLists(packet_lists, joint_num, Source::Keep, packets);
+  return packets;
 }
 
 std::deque<SendPacket> SendPacketMerger::mergeUniquePacket(std::vector<PacketMap>& packet_maps) {
-  return MergeMaps(packet_maps, Source::Keep);
+  PacketQueue packets;
+  MergeMaps(packet_maps, Source::Keep, packets);
+  return packets;
 }
 
 std::deque<SendPacket> SendPacketMerger::getMergedPacket(std::vector<std::shared_ptr<SendPacketBuffer>>& buffers,
                                                          int joint_num) {
   std::vector<PacketMap> maps;
-  std::vector<PacketList> lists;
+  std::vector<std::map<int, SendPacket>> lists;
+  std::vector<SendPacketBuffer*> sources;  // of the lists
+  lists.reserve(buffers.size());
+  sources.reserve(buffers.size());
   for (const auto& buffer : buffers) {
     PacketMap map;
-    PacketList list;
-    buffer->popAllPackets(map, list);
+    auto list = buffer->TakeAll(map);
     if (!map.empty()) maps.push_back(std::move(map));
-    if (!list.empty()) lists.push_back(std::move(list));
+    if (list.empty()) continue;
+    lists.push_back(std::move(list));
+    sources.push_back(buffer.get());
   }
-  std::deque<SendPacket> packets = MergeLists(lists, joint_num, Source::Consume);
-  std::deque<SendPacket> unique = MergeMaps(maps, Source::Consume);
-  Append(packets, unique);
+  PacketQueue packets;
+  MergeLists(lists, joint_num, Source::Consume, packets);
+  MergeMaps(maps, Source::Consume, packets);
+  for (std::size_t i = 0; i < lists.size(); ++i) sources[i]->Recycle(lists[i]);
   return packets;
 }

@@ -4,10 +4,12 @@
 
 #include <cstdlib>
 #include <functional>
+#include <memory>
 #include <new>
 
 #include "MasterControllerClientMock.h"
 #include "PacketParser.h"
+#include "send_packet_merger.h"
 #include "support/bytes.h"
 #include "support/scripted_link.h"
 
@@ -62,6 +64,10 @@ TEST(Allocations, AreTheseAndNoMore) {
   packet.SetServoOn("all");
   unique.SetUniqueKey("a key");
   for (int i = 0; i < 9; ++i) named.CreateIndependentSendPacketBuffer(std::to_string(i));
+  std::vector sources = {std::make_shared<SendPacketBuffer>(), std::make_shared<SendPacketBuffer>()};
+  std::vector<SendPacket> of_joint(2, SendPacket(kJoints));
+  of_joint[0].SetServoOn("0");
+  of_joint[1].SetServoOn("1");
   RecvPacket status(kJoints);
   PacketParser parser(kJoints);
 
@@ -79,6 +85,11 @@ TEST(Allocations, AreTheseAndNoMore) {
          simulator.PushSendQueue(packet, false), simulator.SendPacketInBuffer();
          simulator.ReceiveStatus(), simulator.FlushRecvBuffer();
        }},
+      {"two sources' packets merged: one packet's records, a deque of two blocks, three short lists", 600,
+       [&] {
+         for (std::size_t i = 0; i < 2; ++i) sources[i]->pushBack(of_joint[i]);
+         SendPacketMerger::getMergedPacket(sources, kJoints);
+       }},
       {"collecting: as much room again", 200, [&] { client.PushRecvBuffer(status), client.GetCurStatePacket(); }},
       {"building and serialising", 200, [&] {
          SendPacket built(kJoints);
@@ -86,6 +97,8 @@ TEST(Allocations, AreTheseAndNoMore) {
          built.GetCharVector();
        }},
       {"reading an ID string", 100, [&] { packet.ParseIDString("0/1/2/3/4/5/6"); }},
+      {"a frame through the parser: the caller's copy, its nodes, the result and its records", 412,
+       [&] { parser.Push(frame), parser.Parse(); }},
       {"bytes that are no frame yet, but for the caller's own copy", 100,
        [&] { parser.Push(std::vector<char>(1, 'x')), parser.Parse(), parser.buffer.pop_back(); }}};
   // clang-format on

@@ -4,6 +4,9 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
+#include <memory>
+#include <thread>
 
 #include "send_packet_buffer.h"
 #include "send_packet_merger.h"
@@ -195,15 +198,42 @@ TEST(GetMergedPacket, EmptiesAllBuffersOrdinaryBeforeUnique) {
   EXPECT_TRUE(SendPacketMerger::getMergedPacket(buffers, 2).empty());
   for (int i = 0; i < 3; ++i) buffers.push_back(std::make_shared<SendPacketBuffer>());
   EXPECT_TRUE(SendPacketMerger::getMergedPacket(buffers, 2).empty());
-  buffers[0]->pushBack(Packet("u.", "k"));
-  buffers[0]->pushBack(Packet("a."));
-  buffers[2]->pushBack(Packet(".b?"));
-  buffers[2]->pushBack(Packet("!.."));
-  const std::deque<SendPacket> out = SendPacketMerger::getMergedPacket(buffers, 2);
-  EXPECT_EQ(AllTexts(out), (Texts{"ab?", "!..", "u."}));
-  EXPECT_TRUE(out[2].IsUnique());
-  EXPECT_EQ(out[2].GetUniqueKey(), "k");
-  EXPECT_TRUE(SendPacketMerger::getMergedPacket(buffers, 2).empty());
+  for (int round = 0; round < 3; ++round) {  // the later ones in memory that the first has used
+    buffers[0]->pushBack(Packet("u.", "k"));
+    buffers[0]->pushBack(Packet("a."));
+    buffers[2]->pushBack(Packet(".b?"));
+    buffers[2]->pushBack(Packet("!.."));
+    const std::deque<SendPacket> out = SendPacketMerger::getMergedPacket(buffers, 2);
+    EXPECT_EQ(AllTexts(out), (Texts{"ab?", "!..", "u."}));
+    EXPECT_TRUE(out[2].IsUnique());
+    EXPECT_EQ(out[2].GetUniqueKey(), "k");
+    EXPECT_TRUE(SendPacketMerger::getMergedPacket(buffers, 2).empty());
+    buffers[2]->pushBack(Packet("c."));
+    EXPECT_EQ(AllTexts(SendPacketMerger::getMergedPacket(buffers, 2)), Texts{"c."});
+  }
+}
+
+TEST(GetMergedPacket, LosesNothingThatIsPushedMeanwhile) {
+  constexpr int kPackets = 2000;
+  std::vector buffers = {std::make_shared<SendPacketBuffer>()};
+  std::atomic<bool> done{false};
+  std::thread source([&] {
+    for (int i = 0; i < kPackets; ++i) {
+      SendPacket packet = Packet(i % 2 == 0 ? "a." : "!a.");
+      packet.joints[0].value1 = static_cast<float>(i);
+      buffers[0]->pushBack(packet);
+    }
+    done = true;
+  });
+  std::vector<float> numbers;
+  for (bool last = false; !last;) {
+    last = done;
+    for (const SendPacket& p : SendPacketMerger::getMergedPacket(buffers, 2)) numbers.push_back(p.joints[0].value1);
+  }
+  source.join();
+  std::sort(numbers.begin(), numbers.end());
+  ASSERT_EQ(numbers.size(), static_cast<std::size_t>(kPackets));
+  for (int i = 0; i < kPackets; ++i) EXPECT_EQ(numbers[static_cast<std::size_t>(i)], static_cast<float>(i));
 }
 
 }  // namespace
