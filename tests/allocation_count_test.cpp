@@ -70,6 +70,7 @@ TEST(Allocations, AreTheseAndNoMore) {
   of_joint[1].SetServoOn("1");
   RecvPacket status(kJoints);
   PacketParser parser(kJoints);
+  const std::vector<char> frame = velta::test::StatusFrame(kJoints, 1);
 
   // clang-format off
   const std::vector<std::tuple<const char*, std::size_t, std::function<void()>>> rows = {
