@@ -27,7 +27,7 @@ constexpr double kMaxStepMs = 50;      // of processor time: a receive step read
 constexpr long kMaxGrowthKib = 65536;  // 4,096 packets, one read and what the allocator keeps
 
 /// Keeps a sanitizer's own memory and slowness out of the judgement.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef VELTA_SANITIZED
 constexpr bool kJudge = false;
 #else
 constexpr bool kJudge = true;

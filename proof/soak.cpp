@@ -93,7 +93,7 @@ int main(int argc, char** argv) {
   const bool written = eventfd_write(stop, 1) == 0;
   controller.join();
   const velta::sim::Summary summary = server.GetSummary();
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#ifndef VELTA_SANITIZED
   good = good && last.kib - settled.kib < 1024;
 #endif
   good = good && written && last.descriptors == settled.descriptors && statuses > steps / 4 &&

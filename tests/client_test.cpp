@@ -44,7 +44,7 @@ class Client : public testing::Test {
   }
   Stamps Collect() {
     Stamps stamps;
-    for (const RecvPacket& packet : client.GetCurStatePacket()) stamps.push_back(packet.header.timestamp);
+    for (const RecvPacket& packet : client.GetCurStatePacket()) stamps.push_back(+packet.header.timestamp);
     return stamps;
   }
 
@@ -276,7 +276,7 @@ TEST_F(Client, SizesAndKeysAreReadWithoutTheMutex) {
 TEST_F(Client, APacketOverridesReachPushRecvBuffer) {
   struct Counting : ScriptedClient {
     using ScriptedClient::ScriptedClient;
-    void PushRecvBuffer(RecvPacket packet) override { seen.insert(packet.header.timestamp); }
+    void PushRecvBuffer(RecvPacket packet) override { seen.insert(+packet.header.timestamp); }
     std::set<std::uint64_t> seen;
   } counting(1);
   counting.link->reads = {StatusFrame(1, 5), StatusFrame(1, 6)};

@@ -228,7 +228,7 @@ TEST(GetMergedPacket, LosesNothingThatIsPushedMeanwhile) {
   std::vector<float> numbers;
   for (bool last = false; !last;) {
     last = done;
-    for (const SendPacket& p : SendPacketMerger::getMergedPacket(buffers, 2)) numbers.push_back(p.joints[0].value1);
+    for (const SendPacket& p : SendPacketMerger::getMergedPacket(buffers, 2)) numbers.push_back(+p.joints[0].value1);
   }
   source.join();
   std::sort(numbers.begin(), numbers.end());

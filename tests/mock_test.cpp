@@ -257,10 +257,10 @@ TEST(StateThread, AdvancesTimeTrajectoryAndVelocity) {
   EXPECT_TRUE(Eventually([&] { return std::fabs(joint().velocity - 18) < 0.1f; }));
   EXPECT_TRUE(Eventually([&] { return joint().trjStatus == 4; }));
   EXPECT_TRUE(Eventually([&] { return joint().velocity == 0; }));
-  EXPECT_EQ(joint().position, 1.8f);
+  EXPECT_EQ(+joint().position, 1.8f);
   std::uint64_t last = 0;
   for (const RecvPacket& packet : sim.GetCurStatePacket()) {
-    ASSERT_EQ((packet.header.timestamp - std::exchange(last, packet.header.timestamp)) % 10000, 0u);
+    ASSERT_EQ((packet.header.timestamp - std::exchange(last, +packet.header.timestamp)) % 10000, 0u);
   }
 }
 

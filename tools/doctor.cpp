@@ -263,12 +263,12 @@ class Doctor {
       if (commands_.empty()) unasked_ = bytes_.size();
       parser_.Push({bytes_.begin() + static_cast<std::ptrdiff_t>(before), bytes_.end()});
       for (RecvPacket& status : parser_.Parse()) {
-        const auto command = commands_.find(status.header.hostTimestamp);
+        const auto command = commands_.find(+status.header.hostTimestamp);
         if (command != commands_.end() && command->second.delay == kNoEcho) {
           command->second.delay = MonotonicNs() - command->second.sent_at;
         }
         if (command == commands_.end() && status.header.hostTimestamp != 0) {
-          foreign_echoes_.insert(status.header.hostTimestamp);
+          foreign_echoes_.insert(+status.header.hostTimestamp);
         }
         statuses_.push_back(std::move(status));
       }

@@ -49,7 +49,7 @@ void MonitorModel::Take(std::vector<char> bytes, std::int64_t now_ns) {
   if (statuses.empty() || now_ns < next_sample_) return;
   next_sample_ = now_ns + kSampleNs;
   for (std::size_t i = 0; i < joints_.size(); ++i) {
-    joints_[i].positions.push_back(last_.joints[i].position);
+    joints_[i].positions.push_back(+last_.joints[i].position);
     if (joints_[i].positions.size() > kMostSamples) joints_[i].positions.pop_front();
   }
 }

@@ -126,7 +126,7 @@ class Pinger {
   void TakeStatus(const RecvPacket& status, std::int64_t now) {
     report_.good += static_cast<std::uint64_t>(status.packetSize);
     report_.statuses.Add(now);
-    const auto sent = waiting_.find(status.header.hostTimestamp);
+    const auto sent = waiting_.find(+status.header.hostTimestamp);
     if (sent == waiting_.end()) return;
     report_.round_trips.push_back(now - sent->second);
     ++report_.confirmed;

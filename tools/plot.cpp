@@ -292,7 +292,7 @@ class Plot {
 
  private:
   static std::vector<int> ChosenJoints(const Options& options, int joints) {
-    const std::vector<int> chosen = SendPacket(joints).ParseIDString(options.show);
+    std::vector<int> chosen = SendPacket(joints).ParseIDString(options.show);
     if (chosen.empty()) throw UsageError("--show " + options.show + ": no joint of this arm is named");
     return chosen;
   }
