@@ -14,7 +14,7 @@ proof_packages=(gcovr valgrind)
 need() {
   local missing=() package
   for package in "$@"; do
-    dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q '^install ok installed$' || missing+=("$package")
+    [ "$(dpkg-query -W -f '${Status}' "$package" 2>/dev/null)" = 'install ok installed' ] || missing+=("$package")
   done
   [ "${#missing[@]}" -eq 0 ] && return
   local as_root=()

@@ -138,4 +138,4 @@ block() { awk -v want="$1" '/^```cpp/ { n++; on = (n == want); next } /^```/ { o
   block 1 | sed -e '/MasterControllerClient arm/d' -e "s|.*InitAsTcpClient.*|$(block 2 | grep 'arm(' | tr -d '\n')|"
 } >"$work/swapped.cpp"
 compile "${compiler[@]}" "$work/swapped.cpp" -o "$work/program"
-timeout 20 "$work/program" | grep -qx 'joint 2 is at 30.00' || fail "the swapped program does not arrive"
+grep -qx 'joint 2 is at 30.00' <<<"$(timeout 20 "$work/program")" || fail "the swapped program does not arrive"

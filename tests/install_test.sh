@@ -26,7 +26,7 @@ fi
 library_dir=$(dirname "$(find "$prefix" -name libvelta.so.2)")
 grep -rl "$work/first\|$source_dir" "$prefix/include" "$library_dir"/cmake "$library_dir"/pkgconfig &&
   fail "a path of the build machine was installed"
-objdump -p "$library_dir/libvelta.so.2" | grep -q 'SONAME  *libvelta.so.2$' || fail "no SONAME"
+grep -q 'SONAME  *libvelta.so.2$' <<<"$(objdump -p "$library_dir/libvelta.so.2")" || fail "no SONAME"
 flags=(-std=c++17 -Wall -Wextra -Werror)
 
 # Every header compiles by itself.
@@ -47,7 +47,7 @@ export CXX=$1 CXXFLAGS=${*:2}
 quietly cmake -S "$stranger" -B "$work/found" -Dvelta_ROOT="$prefix"
 quietly cmake --build "$work/found"
 runs "$work/found/stranger" # CMake set the path to the library
-ldd "$work/found/stranger" | grep -q "=> $library_dir/libvelta.so.2 " || fail "another libvelta was found"
+grep -q "=> $library_dir/libvelta.so.2 " <<<"$(ldd "$work/found/stranger")" || fail "another libvelta was found"
 
 if [ -x "$prefix/bin/velta" ]; then
   runs_from=''
