@@ -2,7 +2,6 @@
 // Every fault, over every link, under every way to command: what the host's client comes to, in bounded time, with
 // nothing delivered that the controller did not send and no descriptor left open.
 #include <gtest/gtest.h>
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -26,7 +25,7 @@
 #include "UdpClient.h"
 #include "frames.h"
 #include "link.h"
-#include "server.h"
+#include "support/served_controller.h"
 
 namespace velta::sim {
 namespace {
@@ -121,46 +120,15 @@ std::string Name(const Case& cell) {
   return std::string(row.name) + links[static_cast<int>(kind)] + works[static_cast<int>(work)];
 }
 
-/// A served controller on one endpoint, and what it has sent.
-class ServedController {
+/// A controller, and what it has sent.
+class WatchedController {
  public:
-  ServedController(Kind kind, const std::string& rule) : stop_fd_(eventfd(0, EFD_CLOEXEC)) {
-    const auto path = std::filesystem::temp_directory_path() / ("velta-matrix-" + std::to_string(getpid()));
-    ServerConfig config;
-    config.joints = kJoints;
-    config.cycle_ms = 2;
-    config.endpoints.push_back({kind, "127.0.0.1", 0, kind == Kind::Pty ? path.string() : ""});
-    if (!rule.empty() && rule[0] == '{') {
-      std::istringstream script(rule);
-      config.faults = ParseFaultScript(script, "rule");
-    } else if (!rule.empty()) {
-      config.faults = {ParseFaultFlag(rule)};
-    }
-    config.on_status = [this](const Frame& frame) {
-      rxHeader_t header;
-      std::memcpy(&header, frame.data(), sizeof header);
-      const std::lock_guard<std::mutex> lock(mutex_);
-      sent_.insert(frame);
-      stamps_.insert(std::to_string(header.timestamp) + "/" + std::to_string(header.hostTimestamp));
-      ++sent_count;
-    };
-    server_ = std::make_unique<Server>(std::move(config));
-    link = tools::ParseLink(server_->Links().at(0));
-    thread_ = std::thread([this] { server_->Run(stop_fd_); });
-  }
-  ServedController(const ServedController&) = delete;
-  ServedController& operator=(const ServedController&) = delete;
-  ~ServedController() {
-    Stop();
-    close(stop_fd_);
-  }
+  WatchedController(Kind kind, const std::string& rule)
+      : served_(kind, kJoints, 2, rule, [this](const Frame& frame) { Note(frame); }),
+        link(tools::ParseLink(served_.Link())) {}
 
   /// Ends the service. @return what happened
-  Summary Stop() {
-    eventfd_write(stop_fd_, 1);
-    if (thread_.joinable()) thread_.join();
-    return server_->GetSummary();
-  }
+  Summary Stop() { return served_.Stop(); }
 
   bool HasSent(const Frame& frame) {
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -173,23 +141,32 @@ class ServedController {
                          document["hostTimestamp"].get<std::string>()) != 0;
   }
 
-  tools::Link link;
   std::atomic<std::size_t> sent_count{0};
 
  private:
-  int stop_fd_;
+  void Note(const Frame& frame) {
+    rxHeader_t header;
+    std::memcpy(&header, frame.data(), sizeof header);
+    const std::lock_guard<std::mutex> lock(mutex_);
+    sent_.insert(frame);
+    stamps_.insert(std::to_string(header.timestamp) + "/" + std::to_string(header.hostTimestamp));
+    ++sent_count;
+  }
+
   std::mutex mutex_;
   std::set<Frame> sent_;
   std::set<std::string> stamps_;
-  std::unique_ptr<Server> server_;
-  std::thread thread_;
+  test::ServedController served_;  // behind what its thread writes to
+
+ public:
+  const tools::Link link;
 };
 
 /// The host: the real client in a control loop.
 class Host : public MasterControllerClient {
  public:
   /// @param reads receive steps per step: a UDP link reads one datagram at a time
-  Host(ServedController& controller, Work work, int reads)
+  Host(WatchedController& controller, Work work, int reads)
       : MasterControllerClient(kJoints),
         controller_(controller),
         work_(work),
@@ -271,7 +248,7 @@ class Host : public MasterControllerClient {
     applied_ = static_cast<int>(kp);
   }
 
-  ServedController& controller_;
+  WatchedController& controller_;
   const Work work_;
   const bool confirms_;
   const int reads_;
@@ -311,7 +288,7 @@ TEST_P(FaultMatrix, EndsAsExpected) {
   const int reads = kind == Kind::Udp && row.rule == std::string("byte-writes") ? 200 : 1;
   // Where frames are cut at the wrong places, one cut in 65,536 has a right CRC by chance: such a run is repeated once.
   for (int attempt = 1; attempt <= 2; ++attempt) {
-    ServedController controller(kind, row.rule);
+    WatchedController controller(kind, row.rule);
     auto host = std::make_unique<Host>(controller, work, reads);
     for (; !tools::OpenLink(*host, controller.link) && Clock::now() < deadline; Pace()) {
       host = std::make_unique<Host>(controller, work, reads);
@@ -334,7 +311,7 @@ INSTANTIATE_TEST_SUITE_P(, FaultMatrix,
 /// What a fault makes of status frames, datagram by datagram.
 TEST_F(FaultOnTheWire, IsWhatItsNameTells) {
   constexpr std::size_t kFrame = 79 * kJoints + 24;
-  using Check = std::function<bool(const Frame& datagram, ServedController& controller)>;
+  using Check = std::function<bool(const Frame& datagram, WatchedController& controller)>;
   const auto has_size = [](std::size_t size) {
     return [size](const auto& bytes, auto&) { return bytes.size() == size; };
   };
@@ -370,7 +347,7 @@ TEST_F(FaultOnTheWire, IsWhatItsNameTells) {
       {"garbage=1:40", has_garbage_in_front},
   };
   for (const auto& [rule, is_right] : cases) {
-    ServedController controller(Kind::Udp, rule);
+    WatchedController controller(Kind::Udp, rule);
     UdpClient link(controller.link.host, controller.link.port);
     ASSERT_TRUE(link.Init());
     link.Write(command.GetCharVector());
@@ -387,7 +364,7 @@ TEST_F(FaultOnTheWire, IsWhatItsNameTells) {
 TEST_F(FaultOnTheWire, DelaysTheEcho) {
   for (const char* rule : {"delay-command=1:60", "delay-status=1:60", "late-echo=60"}) {
     for (const Kind kind : {Kind::Tcp, Kind::Udp}) {
-      ServedController controller(kind, rule);
+      WatchedController controller(kind, rule);
       MasterControllerClient host(kJoints);
       ASSERT_TRUE(tools::OpenLink(host, controller.link));
       SendPacket command(kJoints);
@@ -406,7 +383,7 @@ TEST_F(FaultOnTheWire, DelaysTheEcho) {
 // full TCP window and when the device has taken all from a pty, and afterwards the controller executes commands again.
 TEST_F(FaultOnTheWire, FullWindowEndsWhenTheControllerReadsAgain) {
   for (const Kind kind : {Kind::Tcp, Kind::Pty}) {
-    ServedController controller(kind, "stop-reading=300");
+    WatchedController controller(kind, "stop-reading=300");
     TcpClient tcp(controller.link.host, controller.link.port);
     SerialClient pty(controller.link.device, controller.link.baud);
     AbstractClient& link = kind == Kind::Tcp ? static_cast<AbstractClient&>(tcp) : pty;

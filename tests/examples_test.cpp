@@ -1,19 +1,15 @@
 // SPDX-License-Identifier: MIT
 // Each example as a user runs it: a process of its own, over a real link, against the simulated controller.
 #include <gtest/gtest.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <cstring>
 #include <memory>
-#include <thread>
 
-#include "server.h"
 #include "support/process.h"
+#include "support/served_controller.h"
 
 namespace {
 
-using velta::sim::Server;
 using velta::sim::Summary;
 using velta::test::Has;
 using velta::test::Process;
@@ -21,36 +17,19 @@ using velta::test::RunResult;
 using velta::test::Split;
 using Kind = velta::sim::EndpointConfig::Kind;
 
-/// The controller, served by a thread.
+/// The controller, and the last status that it has sent.
 class Arm {
  public:
-  explicit Arm(std::size_t joints, const std::string& fault = "", Kind kind = Kind::Tcp, int port = 0) {
-    velta::sim::ServerConfig config;
-    config.joints = static_cast<int>(joints);
-    config.cycle_ms = 1;
-    config.endpoints.push_back({kind, "127.0.0.1", port, ""});
-    if (!fault.empty()) config.faults = {velta::sim::ParseFaultFlag(fault)};
-    config.on_status = [this](const std::vector<char>& frame) { last_status_ = frame; };
-    server_ = std::make_unique<Server>(std::move(config));
-    thread_ = std::thread([this] { server_->Run(stop_fd_); });
-  }
-  Arm(const Arm&) = delete;
-  Arm& operator=(const Arm&) = delete;
-  ~Arm() {
-    Stop();
-    close(stop_fd_);
-  }
+  explicit Arm(std::size_t joints, const std::string& fault = "", Kind kind = Kind::Tcp, int port = 0)
+      : served_(
+            kind, static_cast<int>(joints), 1, fault, [this](const auto& frame) { last_status_ = frame; }, port) {}
 
   /// Ends the service. @return what happened
-  Summary Stop() {
-    eventfd_write(stop_fd_, 1);
-    if (thread_.joinable()) thread_.join();
-    return server_->GetSummary();
-  }
+  Summary Stop() { return served_.Stop(); }
 
   /// The port, or the device's path.
   std::string Address() const {
-    const std::string link = server_->Links().at(0);
+    const std::string link = served_.Link();
     return link.substr(link[0] == 's' ? std::strlen("serial://") : link.rfind(':') + 1);
   }
 
@@ -62,10 +41,8 @@ class Arm {
   }
 
  private:
-  const int stop_fd_ = eventfd(0, EFD_CLOEXEC);
   std::vector<char> last_status_;
-  std::unique_ptr<Server> server_;
-  std::thread thread_;
+  velta::test::ServedController served_;  // behind what its thread writes to
 };
 
 /// An example's command line; '@' stands for the controller's address.
