@@ -3,6 +3,7 @@
 // First by the library's steps, where both hosts poll without a pause, as a control loop with nothing else to do; then
 // by the programs `velta ping` and `velta sim`, where all wait.
 #include <poll.h>
+#include <sched.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -205,6 +206,12 @@ int main(int argc, char** argv) {
   PrintHeader("steps", "library");
   for (const int n : {1, 7, 32}) Measure(n, round_trips);
   std::printf("\n");
+  // On one processor, which threads and processes inherit: else the scheduler's choice for a pair, to share one or to
+  // wake an idle one each time, would be most of the difference.
+  cpu_set_t one;
+  CPU_ZERO(&one);
+  CPU_SET(0, &one);
+  Require(sched_setaffinity(0, sizeof one, &one) == 0, "cannot stay on one processor");
   PrintHeader("`velta ping` to `velta sim`", "velta");
   for (const int n : {1, 7, 32}) MeasurePrograms(n, round_trips);
 }
