@@ -26,6 +26,7 @@ class ServedController {
   ServedController(Kind kind, int joints, int cycle_ms, const std::string& rule = "",
                    std::function<void(const std::vector<char>& frame)> on_status = nullptr, int port = 0)
       : server_(Config(kind, joints, cycle_ms, rule, std::move(on_status), port)),
+        link_(server_.Links().at(0)),
         thread_([this] { server_.Run(stop_fd_); }) {}
   ServedController(const ServedController&) = delete;
   ServedController& operator=(const ServedController&) = delete;
@@ -42,7 +43,7 @@ class ServedController {
   }
 
   /// How a tool names the controller.
-  std::string Link() const { return server_.Links().at(0); }
+  const std::string& Link() const { return link_; }
 
  private:
   static sim::ServerConfig Config(Kind kind, int joints, int cycle_ms, const std::string& rule,
@@ -62,6 +63,7 @@ class ServedController {
 
   const int stop_fd_ = eventfd(0, EFD_CLOEXEC);
   sim::Server server_;
+  const std::string link_;  // read while the server is not at work
   std::thread thread_;
 };
 
