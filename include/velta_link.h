@@ -11,11 +11,10 @@ namespace velta {
 
 /// Where the other end of the wire is, as a text names it:
 ///
-///   tcp://HOST:PORT, udp://HOST:PORT        HOST a dotted quad or a name; PORT 0 to 65,535
-///   serial:///dev/ttyX?baud=115200          baud may be missing (115,200)
-///   sim:  or  sim:?cycle=10                 a simulated controller inside the process; cycle in ms, 1 if missing
-///   pty:  or  pty:PATH                      a pseudo terminal (only where something listens); PATH is its symbolic
-///   link
+///   tcp://HOST:PORT, udp://HOST:PORT   HOST a dotted quad or a name; PORT 0 to 65,535
+///   serial:///dev/ttyX?baud=115200     baud 1 to 100,000,000, or missing (115,200)
+///   sim:  or  sim:?cycle=10            a simulated controller inside the process; cycle 1 to 10,000 ms, 1 if missing
+///   pty:  or  pty:PATH                 a pseudo terminal, only where something listens; PATH is a symbolic link to it
 struct LinkAddress {
   enum class Kind { kTcp, kUdp, kSerial, kSimulator, kPty };
 
