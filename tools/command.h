@@ -4,8 +4,9 @@
 
 #include <functional>
 #include <iosfwd>
-#include <stdexcept>
 
+#include "errors.h"
+#include "frames.h"
 #include "link.h"
 
 namespace CLI {
@@ -18,19 +19,6 @@ namespace velta::tools {
 
 /// What a subcommand does once its options are read; the result is the exit status. Throws Failure and UsageError.
 using Action = std::function<int()>;
-
-/// A failure of the job: "velta: <text>" on standard error, exit status 1.
-struct Failure : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
-
-/// Bad usage: "velta: <text>" on standard error, exit status 2. May also be thrown while options are read.
-struct UsageError : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
-
-/// Joints that one status frame can carry in a datagram (79 n + 24 bytes).
-inline constexpr int kMaxJoints = 828;
 
 /// @name Subcommands
 /// Each adds its options to app, and sets action when the user chose it.

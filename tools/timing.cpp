@@ -4,16 +4,10 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
-#include <chrono>
 #include <cmath>
 #include <cstddef>
 
 namespace velta::tools {
-
-std::int64_t MonotonicNs() {
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
-      .count();
-}
 
 std::string Fixed(double value, int digits) {
   std::array<char, 400> text;  // the largest double has 309 digits before the point

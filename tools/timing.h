@@ -7,10 +7,9 @@
 #include <string>
 #include <vector>
 
-namespace velta::tools {
+#include "clock.h"
 
-/// @return nanoseconds of the monotonic clock: for durations, untouched by changes of the system time
-std::int64_t MonotonicNs();
+namespace velta::tools {
 
 /// @return value with exactly `digits` digits behind the point, whatever the locale
 std::string Fixed(double value, int digits);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-#ifndef VELTA_TOOLS_RELAY_H_
-#define VELTA_TOOLS_RELAY_H_
+#ifndef VELTA_WIRE_RELAY_H_
+#define VELTA_WIRE_RELAY_H_
 
 #include <chrono>
 #include <cstddef>
@@ -100,4 +100,4 @@ class Relay {
 
 }  // namespace velta::tools
 
-#endif  // VELTA_TOOLS_RELAY_H_
+#endif  // VELTA_WIRE_RELAY_H_

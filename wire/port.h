@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-#ifndef VELTA_TOOLS_PORT_H_
-#define VELTA_TOOLS_PORT_H_
+#ifndef VELTA_WIRE_PORT_H_
+#define VELTA_WIRE_PORT_H_
 
 #include <netinet/in.h>
 
@@ -8,7 +8,7 @@
 #include <memory>
 #include <string>
 
-#include "command.h"
+#include "errors.h"
 #include "fd.h"
 #include "link.h"
 #include "pty.h"
@@ -127,4 +127,4 @@ class Endpoint {
 
 }  // namespace velta::tools
 
-#endif  // VELTA_TOOLS_PORT_H_
+#endif  // VELTA_WIRE_PORT_H_

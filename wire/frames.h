@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-#ifndef VELTA_SIM_FRAMES_H_
-#define VELTA_SIM_FRAMES_H_
+#ifndef VELTA_WIRE_FRAMES_H_
+#define VELTA_WIRE_FRAMES_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -8,6 +8,13 @@
 
 #include "RecvPacket.h"
 #include "SendPacket.h"
+
+namespace velta::tools {
+
+/// Joints that one status frame can carry in a datagram (79 n + 24 bytes).
+inline constexpr int kMaxJoints = 828;
+
+}  // namespace velta::tools
 
 /// The controller's side of the wire.
 namespace velta::sim {
@@ -50,4 +57,4 @@ std::vector<char> StatusFrame(const RecvPacket& status);
 
 }  // namespace velta::sim
 
-#endif  // VELTA_SIM_FRAMES_H_
+#endif  // VELTA_WIRE_FRAMES_H_

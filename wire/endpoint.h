@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-#ifndef VELTA_SIM_ENDPOINT_H_
-#define VELTA_SIM_ENDPOINT_H_
+#ifndef VELTA_WIRE_ENDPOINT_H_
+#define VELTA_WIRE_ENDPOINT_H_
 
 #include <netinet/in.h>
 #include <sys/types.h>
@@ -82,4 +82,4 @@ class Endpoint {
 
 }  // namespace velta::sim
 
-#endif  // VELTA_SIM_ENDPOINT_H_
+#endif  // VELTA_WIRE_ENDPOINT_H_

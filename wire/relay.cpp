@@ -8,7 +8,7 @@
 #include <ctime>
 #include <utility>
 
-#include "command.h"
+#include "errors.h"
 #include "protocol.h"
 
 namespace velta::tools {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-#ifndef VELTA_SIM_FD_H_
-#define VELTA_SIM_FD_H_
+#ifndef VELTA_WIRE_FD_H_
+#define VELTA_WIRE_FD_H_
 
 #include <unistd.h>
 
@@ -34,4 +34,4 @@ class Fd {
 
 }  // namespace velta::sim
 
-#endif  // VELTA_SIM_FD_H_
+#endif  // VELTA_WIRE_FD_H_

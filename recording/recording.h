@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-#ifndef VELTA_TOOLS_RECORDING_H_
-#define VELTA_TOOLS_RECORDING_H_
+#ifndef VELTA_RECORDING_RECORDING_H_
+#define VELTA_RECORDING_RECORDING_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "command.h"
+#include "errors.h"
 #include "fd.h"
 #include "relay.h"
 
@@ -118,4 +118,4 @@ class RecordingReader {
 
 }  // namespace velta::tools
 
-#endif  // VELTA_TOOLS_RECORDING_H_
+#endif  // VELTA_RECORDING_RECORDING_H_

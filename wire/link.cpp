@@ -11,7 +11,7 @@
 #include <string_view>
 
 #include "MasterControllerClient.h"
-#include "command.h"
+#include "errors.h"
 
 namespace velta::tools {
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-#ifndef VELTA_TOOLS_LINK_H_
-#define VELTA_TOOLS_LINK_H_
+#ifndef VELTA_WIRE_LINK_H_
+#define VELTA_WIRE_LINK_H_
 
 #include <string>
 
@@ -45,4 +45,4 @@ class SilencedErrors {
 
 }  // namespace velta::tools
 
-#endif  // VELTA_TOOLS_LINK_H_
+#endif  // VELTA_WIRE_LINK_H_

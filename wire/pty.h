@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-#ifndef VELTA_SIM_PTY_H_
-#define VELTA_SIM_PTY_H_
+#ifndef VELTA_WIRE_PTY_H_
+#define VELTA_WIRE_PTY_H_
 
 #include <string>
 
@@ -43,4 +43,4 @@ class Pty {
 
 }  // namespace velta::sim
 
-#endif  // VELTA_SIM_PTY_H_
+#endif  // VELTA_WIRE_PTY_H_

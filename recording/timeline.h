@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-#ifndef VELTA_TOOLS_TIMELINE_H_
-#define VELTA_TOOLS_TIMELINE_H_
+#ifndef VELTA_RECORDING_TIMELINE_H_
+#define VELTA_RECORDING_TIMELINE_H_
 
 #include <cstdint>
 #include <deque>
@@ -99,4 +99,4 @@ std::string Shortest(float value);
 
 }  // namespace velta::tools
 
-#endif  // VELTA_TOOLS_TIMELINE_H_
+#endif  // VELTA_RECORDING_TIMELINE_H_

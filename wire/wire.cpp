@@ -4,7 +4,7 @@
 #include <cerrno>
 #include <system_error>
 
-#include "timing.h"
+#include "clock.h"
 
 namespace velta::tools {
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-#ifndef VELTA_TOOLS_WIRE_H_
-#define VELTA_TOOLS_WIRE_H_
+#ifndef VELTA_WIRE_WIRE_H_
+#define VELTA_WIRE_WIRE_H_
 
 #include <cstdint>
 #include <string>
@@ -48,4 +48,4 @@ class Wire {
 
 }  // namespace velta::tools
 
-#endif  // VELTA_TOOLS_WIRE_H_
+#endif  // VELTA_WIRE_WIRE_H_

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "frames.h"
 #include "protocol.h"
 
 namespace velta::tools {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-#ifndef VELTA_TOOLS_STOP_H_
-#define VELTA_TOOLS_STOP_H_
+#ifndef VELTA_WIRE_STOP_H_
+#define VELTA_WIRE_STOP_H_
 
 #include <poll.h>
 
@@ -27,4 +27,4 @@ bool WaitUntil(std::int64_t at_ns, int fd = -1, short events = POLLIN, int anoth
 
 }  // namespace velta::tools
 
-#endif  // VELTA_TOOLS_STOP_H_
+#endif  // VELTA_WIRE_STOP_H_

@@ -9,7 +9,7 @@
 #include <csignal>
 #include <ctime>
 
-#include "timing.h"
+#include "clock.h"
 
 namespace velta::tools {
 
