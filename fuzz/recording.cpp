@@ -44,8 +44,8 @@ std::vector<char> ReadAll(tools::RecordingReader& reader, std::size_t& count, st
   std::vector<char> bytes;
   tools::Record record;
   for (count = 0; reader.Next(record); ++count) {
-    const auto block = tools::RecordBytes(
-        {record.event, record.bytes.data(), record.bytes.size(), record.monotonic_ns, record.wall_ns});
+    const auto block = recording::RecordBytes(static_cast<recording::Event>(record.event), record.monotonic_ns,
+                                              record.wall_ns, record.bytes.data(), record.bytes.size());
     bytes.insert(bytes.end(), block.begin(), block.end());
   }
   lost_tail = reader.LostTail();

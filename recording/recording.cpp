@@ -14,77 +14,33 @@
 
 namespace velta::tools {
 
+using namespace recording;
+
 namespace {
-
-constexpr std::array<char, 8> kMagic{'\x89', 'V', 'R', 'E', 'C', '\r', '\n', '\x1a'};
-constexpr std::uint16_t kVersion = 1;
-constexpr char kRecordMark = 'R';
-constexpr std::size_t kMaxLinkText = 1024;
-
-struct __attribute__((packed)) FileHead {
-  std::array<char, 8> magic;
-  std::uint16_t version;
-  std::uint16_t joints;
-  std::uint16_t link_length;
-};
-static_assert(sizeof(FileHead) == 14);
-
-struct __attribute__((packed)) RecordHead {
-  char mark;
-  std::uint8_t event;
-  std::uint16_t length;
-  std::uint64_t monotonic_ns;
-  std::uint64_t wall_ns;
-};
-static_assert(sizeof(RecordHead) == 20);
-static_assert(sizeof(RecordHead) + kMaxChunk <= 0xFFFF, "one CRC covers a whole record");
-
-std::uint16_t Crc(const std::vector<char>& block, std::size_t size) {
-  return CalcCrc16(reinterpret_cast<const unsigned char*>(block.data()), static_cast<unsigned short>(size));
-}
-
-/// head, then bytes, then the CRC over both.
-template <typename Head>
-std::vector<char> Block(const Head& head, const char* bytes, std::size_t size) {
-  std::vector<char> block(sizeof head + size + kCrcSize);
-  std::memcpy(block.data(), &head, sizeof head);
-  if (size != 0) std::memcpy(block.data() + sizeof head, bytes, size);
-  const std::uint16_t crc = Crc(block, sizeof head + size);
-  std::memcpy(block.data() + sizeof head + size, &crc, sizeof crc);
-  return block;
-}
 
 bool CrcIsRight(const std::vector<char>& block) {
   std::uint16_t stored = 0;
   std::memcpy(&stored, block.data() + block.size() - kCrcSize, sizeof stored);
-  return stored == Crc(block, block.size() - kCrcSize);
+  return stored == CalcCrc16(reinterpret_cast<const unsigned char*>(block.data()),
+                             static_cast<unsigned short>(block.size() - kCrcSize));
 }
 
 std::string Reason() { return std::strerror(errno); }
 
 }  // namespace
 
-std::vector<char> HeaderBytes(const RecordingHeader& header) {
-  const std::size_t length = std::min(header.link.size(), kMaxLinkText);
-  const FileHead head{kMagic, kVersion, static_cast<std::uint16_t>(header.joints), static_cast<std::uint16_t>(length)};
-  return Block(head, header.link.data(), length);
-}
-
-std::vector<char> RecordBytes(const Passage& passage) {
-  const RecordHead head{kRecordMark, static_cast<std::uint8_t>(passage.event), static_cast<std::uint16_t>(passage.size),
-                        passage.monotonic_ns, passage.wall_ns};
-  return Block(head, passage.bytes, passage.size);
-}
-
 RecordingWriter::RecordingWriter(const std::string& path, const RecordingHeader& header, bool replace)
     : path_(path), file_(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | (replace ? O_TRUNC : O_EXCL), 0666)) {
   if (file_.Get() < 0) {
     throw Failure(path + ": " + (errno == EEXIST ? "there is such a file already (--force replaces it)" : Reason()));
   }
-  Append(HeaderBytes(header));
+  Append(HeaderBytes(header.joints, header.link));
 }
 
-void RecordingWriter::Write(const Passage& passage) { Append(RecordBytes(passage)); }
+void RecordingWriter::Write(const Passage& passage) {
+  Append(RecordBytes(static_cast<Event>(passage.event), passage.monotonic_ns, passage.wall_ns, passage.bytes,
+                     passage.size));
+}
 
 void RecordingWriter::Append(const std::vector<char>& block) {
   std::size_t written = 0;

@@ -11,22 +11,9 @@
 
 #include "errors.h"
 #include "fd.h"
+#include "record_bytes.h"
 #include "relay.h"
 
-/// @file
-/// Recordings: what passed on a link, byte by byte, with its time. docs/recording.md describes the file for readers in
-/// other languages.
-///
-/// All numbers are little-endian; each CRC is the frames' CRC-16 (CalcCrc16), over all bytes of its block before it.
-///
-///   file header                                  record, repeated to the end of the file
-///   0   8  89 56 52 45 43 0D 0A 1A               0      1  52 ('R')
-///   8   2  version, 1                            1      1  event: 0 to controller, 1 to host, 2 opened, 3 closed
-///   10  2  joint count n                         2      2  bytes that passed (L), 0..65,507
-///   12  2  length of the link's text (T), 0..1024  4    8  monotonic clock, ns
-///   14  T  the link, as the tools take it        12     8  wall clock, ns since the Unix epoch
-///   14+T 2 CRC                                   20     L  the bytes, unchanged
-///                                                20+L   2  CRC
 namespace velta::tools {
 
 /// A recording that is damaged, or no recording at all; the text names the file, and where and what is wrong.
@@ -38,10 +25,6 @@ struct RecordingHeader {
   int joints = 0;    ///< joints per frame (n), 1 to kMaxJoints
   std::string link;  ///< the controller's link
 };
-
-/// The bytes of a file header and of a record.
-std::vector<char> HeaderBytes(const RecordingHeader& header);
-std::vector<char> RecordBytes(const Passage& passage);
 
 /// Writes a recording. Every record goes to the file in one write of its own, so a crash of the program costs nothing
 /// that was recorded, and one in the middle of a write leaves an incomplete last record, which readers recognise.

@@ -28,7 +28,8 @@ const char kFrame[] = {'\xab', '\xcd', 0};
 const Passage kPassage{LinkEvent::kToHost, kFrame, 3, 0x0102030405060708, 0x1112131415161718};
 
 Bytes BareRecord(LinkEvent event, std::uint64_t monotonic_ns, const Bytes& bytes) {
-  return RecordBytes({event, bytes.data(), bytes.size(), monotonic_ns, 0});
+  return velta::recording::RecordBytes(static_cast<velta::recording::Event>(event), monotonic_ns, 0, bytes.data(),
+                                       bytes.size());
 }
 
 class Recording : public InFolder {
@@ -52,8 +53,10 @@ class Recording : public InFolder {
 };
 
 TEST_F(Recording, IsTheDocumentedBytesAndReadFieldByField) {
-  EXPECT_EQ(HeaderBytes({1, "tcp://1.2.3.4:5"}), kHeader);
-  EXPECT_EQ(RecordBytes(kPassage), kRecord);
+  EXPECT_EQ(velta::recording::HeaderBytes(1, "tcp://1.2.3.4:5"), kHeader);
+  EXPECT_EQ(velta::recording::RecordBytes(velta::recording::Event::kToHost, kPassage.monotonic_ns, kPassage.wall_ns,
+                                          kFrame, 3),
+            kRecord);
   const std::pair<LinkEvent, char> codes[] = {
       {LinkEvent::kToController, 0}, {LinkEvent::kToHost, 1}, {LinkEvent::kOpened, 2}, {LinkEvent::kClosed, 3}};
   for (const auto& [event, code] : codes) EXPECT_EQ(BareRecord(event, 1, {})[1], code);
@@ -161,7 +164,7 @@ TEST_F(Recording, FullDiskLeavesWholeRecordsAndAnotherFileIsLeftAlone) {
   EXPECT_THROW(RecordingWriter(path, {6, ""}, false), Failure);
   EXPECT_EQ(Saved(), Joined({kHeader, kRecord, kRecord}));
   const RecordingWriter replacing(path, {6, ""}, true);
-  EXPECT_EQ(Saved(), HeaderBytes({6, ""}));
+  EXPECT_EQ(Saved(), velta::recording::HeaderBytes(6, ""));
 }
 
 }  // namespace
