@@ -6,20 +6,12 @@
 #include <vector>
 
 #include "SendPacket.h"
+#include "command_table.h"
 
 namespace velta::tools {
 
-/// A command that `velta send` knows by a word: one per named setter of SendPacket.
-struct CommandWord {
-  const char* name;       ///< "ref-position"
-  const char* arguments;  ///< their names, separated by blanks
-  const char* help;
-  const char* kinds;  ///< a letter per argument: f real, i integer, b flag
-  bool of_arm;        ///< commands the whole arm, takes no ids
-  void (*apply)(SendPacket& packet, const std::string& ids, const float* a);  ///< a: one value per argument
-};
-
-const std::vector<CommandWord>& CommandWords();
+using wire::CommandWord;
+using wire::CommandWords;
 
 /// One line per command: word, arguments, meaning.
 std::vector<std::string> ListCommandWords();
