@@ -51,9 +51,6 @@ struct Complaint {
 // AT is a link where nobody listens, HERE one to listen on; GOOD is a recording of one joint, BAD is none, SCRIPT has a
 // mistake in its second line, FILE is a file, LINK leads to it, DIR is the folder, NEW and NO/DIR do not exist.
 constexpr Complaint kComplaints[] = {
-    {2, "", "subcommand"},
-    {2, "moniter -n 3 AT", "there is no 'moniter'"},
-    {2, "--fly", "--fly"},
     {2, "sim -n 2", "give an endpoint"},
     {2, "sim HERE", "--joints"},
     {2, "sim -n 2 tcp://127.0.0.1", "the port is missing"},

@@ -7,11 +7,10 @@
 
 #include "errors.h"
 #include "frames.h"
-#include "link.h"
+#include "options.h"
 
 namespace CLI {
 class App;
-class Option;
 }  // namespace CLI
 
 /// What the subcommands of `velta` share.
@@ -33,12 +32,6 @@ void AddSend(CLI::App& app, Action& action);
 void AddPing(CLI::App& app, Action& action);
 void AddDoctor(CLI::App& app, Action& action);
 /// @}
-
-/// Adds the required `-n,--joints N`, 1 to kMaxJoints. joints must live as long as command.
-CLI::Option* AddJointsOption(CLI::App& command, int& joints);
-
-/// Adds the required positional LINK. link must live as long as command.
-CLI::Option* AddLinkArgument(CLI::App& command, Link& link);
 
 /// The tool's own standard output. std::cout belongs to the library's log lines, which go nowhere, or to standard error
 /// with --verbose, so that what the tool prints stays machine-readable.

@@ -1,13 +1,17 @@
 // SPDX-License-Identifier: MIT
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <exception>
 #include <iostream>
 #include <string>
+#include <vector>
 
 #include "command.h"
 #include "version.h"
 
 namespace {
+
+using velta::tools::Action;
 
 constexpr const char* kAbout =
     "Tools for the wire between a host and the master controller of a robot arm.\n"
@@ -18,19 +22,20 @@ int Report(const std::string& text, int status) {
   return status;
 }
 
-int Run(int argc, char** argv) {
+void AddEverything(CLI::App& app, Action& action) {
   using namespace velta::tools;
-  CLI::App app{kAbout, "velta"};
-  app.set_version_flag("--version", VELTA_VERSION::major + "." + VELTA_VERSION::minor + "." + VELTA_VERSION::revision);
+  SetHelpStyle(app);
+  app.set_version_flag("--version", VELTA_VERSION::major + "." + VELTA_VERSION::minor + "." + VELTA_VERSION::revision,
+                       "Show the version");
+  app.set_help_flag("-h,--help", "Show this help");
   app.add_flag_callback("-v,--verbose", ShowLibraryLog, "Show the library's log lines on standard error");
-  app.require_subcommand(1);
+  app.require_subcommand(0, 1);
   app.fallthrough();
   app.footer(
-      "velta COMMAND --help tells the rest. A first try, in two terminals:\n"
+      "velta COMMAND --help shows a command's options. A first try, in two terminals:\n"
       "  velta sim -n 6 tcp://127.0.0.1:43210\n"
-      "  velta ping -n 6 tcp://127.0.0.1:43210");
-
-  Action action;
+      "  velta ping -n 6 tcp://127.0.0.1:43210\n"
+      "VELTA_LINK and VELTA_JOINTS in the environment stand in for LINK and --joints.");
   AddSim(app, action);
   AddMonitor(app, action);
   AddRecord(app, action);
@@ -40,19 +45,54 @@ int Run(int argc, char** argv) {
   AddSend(app, action);
   AddPing(app, action);
   AddDoctor(app, action);
+  for (CLI::App* command : app.get_subcommands({})) command->group("Commands");
+}
 
+/// A mistyped command or option explains what else is wrong with the line, so it is looked for first.
+/// @return what is wrong, or else `error`, and where to read on
+std::string Explain(const CLI::App& app, const std::string& error) {
+  const CLI::App* command = app.get_subcommands().empty() ? &app : app.get_subcommands().front();
+  const std::string line = command == &app ? "velta" : "velta " + command->get_name();
+  const std::string read_on = "; see " + line + " --help";
+  std::vector<std::string> options;
+  for (const CLI::App* level : {command, &app}) {
+    for (const CLI::Option* option : level->get_options()) {
+      for (const std::string& name : option->get_lnames()) options.push_back("--" + name);
+    }
+  }
+  const std::vector<std::string> unknown = app.remaining();
+  const auto is_option = [](const std::string& word) { return word.size() > 1 && word[0] == '-'; };
+  const auto option = std::find_if(unknown.begin(), unknown.end(), is_option);
+  const auto other = std::find_if_not(unknown.begin(), unknown.end(), is_option);
+  if (command == &app && other != unknown.end()) {
+    std::vector<std::string> commands;
+    for (const CLI::App* each : app.get_subcommands({})) commands.push_back(each->get_name());
+    return "there is no command '" + *other + "'" + velta::tools::DidYouMean(*other, commands) + read_on;
+  }
+  if (option != unknown.end()) {
+    return line + " has no option '" + *option + "'" +
+           velta::tools::DidYouMean(option->substr(0, option->find('=')), options) + read_on;
+  }
+  return (other == unknown.end() ? error : "'" + *other + "' is one argument too many") + read_on;
+}
+
+int Run(int argc, char** argv) {
+  CLI::App app{kAbout, "velta"};
+  Action action;
+  AddEverything(app, action);
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& asked) {  // --help, --version
-    app.exit(asked, Out(), std::cerr);
+    app.exit(asked, velta::tools::Out(), std::cerr);
     return 0;
   } catch (const CLI::ParseError& error) {
-    if (app.get_subcommands().empty() && !app.remaining().empty()) {
-      return Report("there is no '" + app.remaining().front() + "' (see velta --help)", 2);
-    }
-    return Report(std::string(error.what()) + " (see velta --help)", 2);
+    return Report(Explain(app, error.what()), 2);
+  } catch (const velta::tools::UsageError& error) {
+    return Report(Explain(app, error.what()), 2);
   }
-  return action ? action() : Report("nothing to do", 2);
+  if (action) return action();
+  velta::tools::Out() << app.help();
+  return 0;
 }
 
 }  // namespace

@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include "progress.h"
+
 namespace velta::tools {
 
 /// A file that appears under its name only when it is whole: until Commit() its content grows beside it, and goes again
@@ -24,25 +26,6 @@ class OutputFile {
  private:
   std::string path_;
   std::string working_path_;
-};
-
-/// "12 s of 60 s" and the like on standard error, on a terminal only, a few times per second.
-class Progress {
- public:
-  Progress();
-  Progress(const Progress&) = delete;
-  Progress& operator=(const Progress&) = delete;
-  ~Progress() { Clear(); }
-
-  /// @return whether Show() would show something now, so that nothing is composed in vain
-  bool IsDue() const;
-  void Show(const std::string& text);
-  void Clear();
-
- private:
-  bool is_terminal_;
-  bool shown_ = false;
-  long long next_ms_ = 0;
 };
 
 }  // namespace velta::tools

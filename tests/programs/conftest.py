@@ -1,0 +1,211 @@
+# SPDX-License-Identifier: MIT
+"""Programs as their users meet them: arguments in; output, status and time out. Every wait has a deadline."""
+
+import os
+import pathlib
+import queue
+import signal
+import subprocess
+import tempfile
+import threading
+import time
+
+import pytest
+
+PATIENCE = 30  # s: far more than any case takes, also under a sanitizer on a busy machine
+BUILD = pathlib.Path(os.environ.get("VELTA_BUILD", pathlib.Path(__file__).parents[2] / "build/release"))
+VELTA = BUILD / "tools/velta"
+
+
+def wait_until(condition, what="the condition"):
+    """Returns the condition's first true value."""
+    end = time.monotonic() + PATIENCE
+    while not (value := condition()):
+        assert time.monotonic() < end, f"{what} did not come true within {PATIENCE} s"
+        time.sleep(0.01)
+    return value
+
+
+class Program:
+    """A running program. Its lines are read as it prints them, so that it never waits for the test."""
+
+    def __init__(self, *command, env=None, **options):
+        self.command = [str(word) for word in command]
+        self.began = time.monotonic()
+        self.process = subprocess.Popen(self.command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                        stderr=subprocess.PIPE, text=True, env={**os.environ, **(env or {})}, **options)
+        self.stdout, self.stderr = "", ""
+        self._lines = queue.Queue()
+        self._readers = [threading.Thread(target=self._read, args=(name,), daemon=True) for name in ("stdout", "stderr")]
+        for reader in self._readers:
+            reader.start()
+
+    def _read(self, name):
+        for line in getattr(self.process, name):
+            setattr(self, name, getattr(self, name) + line)
+            self._lines.put(line.rstrip("\n"))
+        self._lines.put(None)
+
+    def line(self, beginning=""):
+        """Skips lines, of either stream, up to one that begins so; returns the rest of it."""
+        ended = 0
+        while ended < 2:
+            try:
+                line = self._lines.get(timeout=PATIENCE)
+            except queue.Empty:
+                break
+            if line is None:
+                ended += 1
+            elif line.startswith(beginning):
+                return line[len(beginning):]
+        raise AssertionError(f"no line '{beginning}...' from {self.command}:\n{self.stdout}{self.stderr}")
+
+    def write(self, text):
+        self.process.stdin.write(text)
+        self.process.stdin.flush()
+
+    def stop(self, number=signal.SIGINT):
+        self.process.send_signal(number)
+        return self.wait()
+
+    def wait(self):
+        """Waits for the end; then status, stdout, stderr and seconds are what the program left."""
+        if not self.process.stdin.closed:
+            self.process.stdin.close()
+        self.status = self.process.wait(PATIENCE)
+        self.seconds = time.monotonic() - self.began
+        for reader in self._readers:
+            reader.join(PATIENCE)
+        return self
+
+    def kill(self):
+        if self.process.poll() is None:
+            self.process.kill()
+        self.wait()
+
+
+class Started:
+    """Starts programs, and ends those that are left."""
+
+    def __init__(self):
+        self.programs = []
+
+    def start(self, *command, **options):
+        self.programs.append(Program(*command, **options))
+        return self.programs[-1]
+
+    def __call__(self, *command, input="", **options):
+        program = self.start(*command, **options)
+        program.write(input)
+        return program.wait()
+
+
+class Velta(Started):
+    """velta("ping", ...) runs the program to its end; velta.start(...) leaves it running."""
+
+    def start(self, *arguments, **options):
+        return super().start(VELTA, *arguments, **options)
+
+
+@pytest.fixture
+def run():
+    """Any program: run(path, arguments...)."""
+    started = Started()
+    yield started
+    for program in started.programs:
+        program.kill()
+
+
+@pytest.fixture
+def velta():
+    started = Velta()
+    yield started
+    for program in started.programs:
+        program.kill()
+
+
+class Controller(str):
+    """The link of a running `velta sim`; `program` is the process."""
+
+    def stop(self):
+        """Ends it; returns the counts of its summary by their names."""
+        words = (line.rsplit(None, 1) for line in self.program.stop().stdout.splitlines()[1:])
+        return {name.rstrip(":"): int(count) for name, count in words if count.isdigit()}
+
+    @property
+    def address(self):
+        """HOST:PORT, or the device's path."""
+        return self.split("://")[1]
+
+
+@pytest.fixture
+def sim(velta):
+    """sim(options..., endpoint=...) starts a simulated controller, of 3 joints unless told otherwise."""
+
+    def start(*options, endpoint="tcp://127.0.0.1:0"):
+        joints = [] if "-n" in options else ["-n", 3]
+        program = velta.start("sim", *joints, endpoint, *options)
+        link = Controller(program.line("listening on "))
+        link.program = program
+        return link
+
+    return start
+
+
+class Terminal:
+    """A program in a terminal of its own, with its screen as a person sees it."""
+
+    def __init__(self, *command, columns=120, lines=40):
+        self.folder = tempfile.TemporaryDirectory()
+        script = pathlib.Path(self.folder.name, "run")
+        script.write_text('"$@"\necho "EXIT $?"\nsleep 60\n')
+        self._tmux("new-session", "-d", "-s", "t", "-x", columns, "-y", lines, "sh", script, *command)
+
+    def _tmux(self, *arguments):
+        command = ["tmux", "-S", f"{self.folder.name}/socket", "-f", "/dev/null", *map(str, arguments)]
+        return subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, timeout=PATIENCE,
+                              env={**os.environ, "LC_ALL": "C.UTF-8"}).stdout
+
+    def press(self, *keys):
+        """Characters, or tmux's names of keys."""
+        self._tmux("send-keys", "-t", "t", *keys)
+
+    def resize(self, columns, lines):
+        self._tmux("resize-window", "-t", "t", "-x", columns, "-y", lines)
+
+    def screen(self):
+        return self._tmux("capture-pane", "-p", "-t", "t")
+
+    def wait_for(self, condition):
+        """Waits until the screen contains a text, or fulfils a condition; returns the screen."""
+        fulfils = condition if callable(condition) else lambda screen: condition in screen
+        shown = ""
+
+        def look():
+            nonlocal shown
+            shown = self.screen()
+            return fulfils(shown)
+
+        try:
+            wait_until(look)
+        except AssertionError:
+            raise AssertionError(f"the screen never showed {condition}:\n{shown}") from None
+        return shown
+
+    def close(self):
+        self._tmux("kill-server")
+        self.folder.cleanup()
+
+
+@pytest.fixture
+def terminal():
+    """terminal("monitor", ...) runs velta in a terminal."""
+    terminals = []
+
+    def start(*arguments, **size):
+        terminals.append(Terminal(VELTA, *arguments, **size))
+        return terminals[-1]
+
+    yield start
+    for each in terminals:
+        each.close()
