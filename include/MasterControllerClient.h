@@ -18,6 +18,7 @@
 #include "send_packet_buffer.h"
 #include "unique_send_packet_map.h"
 #include "velta_export.h"
+#include "velta_statistics.h"
 
 /// The object through which a host drives the master controller of an arm with n joints.
 ///
@@ -150,7 +151,13 @@ class VELTA_API MasterControllerClient {
   /// @return false when the link is lost, with "[VELTA] lost connection"; a frame that was not or only partly taken
   /// counts as sent
   bool SendOnce(SendPacket& packet, bool keep_timestamp);
+
+  /// @return whether a command that asked for its confirmation was sent and neither confirmed nor given up yet
+  bool IsConfirmationPending() const { return wait_confirm_; }
   /// @}
+
+  /// @return what was received, sent and dropped since the construction; any thread, at any time
+  velta::Statistics GetStatistics() const;
 
  protected:
   /// Chooses what the send step sends next, into cur_send_packet_: the plain queue's front, else the first waiting key.
@@ -177,15 +184,15 @@ class VELTA_API MasterControllerClient {
   int timeout_count_ = 0;        ///< time-outs of the current command
   std::mutex* mutex_ = nullptr;  ///< guards recv_buffer_ and send_queue_; never held while the link is used; owned
 
+  struct Parts;  ///< the library's own: what GetStatistics() counts, and memory kept between calls
+  std::unique_ptr<Parts> parts_;
+
  private:
   bool InitAs(std::unique_ptr<AbstractClient> client);
   void Enqueue(SendPacket&& packet);
   void PopInto(SendPacket& packet);
-
-  // Kept between calls for their memory alone.
-  std::vector<char> read_bytes_;
-  std::vector<char> write_bytes_;
-  std::vector<RecvPacket> spare_packets_;
+  void CountQueued();  ///< after each change of send_queue_, with the mutex still held
+  void GiveUp();
 };
 
 #endif  // VELTA_MASTER_CONTROLLER_CLIENT_H_

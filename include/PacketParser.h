@@ -2,8 +2,8 @@
 #ifndef VELTA_PACKET_PARSER_H_
 #define VELTA_PACKET_PARSER_H_
 
-#include <cstddef>
 #include <deque>
+#include <memory>
 #include <vector>
 
 #include "RecvPacket.h"
@@ -19,6 +19,8 @@ class VELTA_API PacketParser {
  public:
   /// @param jointNum joints per frame (n), as configured at both ends of the link; below 0 no frame ever completes
   explicit PacketParser(int jointNum);
+  PacketParser(const PacketParser& other);
+  PacketParser& operator=(const PacketParser& other);
   virtual ~PacketParser();
 
   /// Appends all bytes at the back of the buffer.
@@ -37,15 +39,8 @@ class VELTA_API PacketParser {
   int jointNum;             ///< joints per frame (n)
 
  private:
-  friend class MasterControllerClient;
-
-  /// Push and Parse at once, without the way through the buffer where there is none: what a receive step does.
-  /// @param[in,out] bytes    the bytes to push; what they hold afterwards is of no use
-  /// @param[in,out] packets  overwritten from the front, made longer where that is not enough
-  /// @return packets found
-  std::size_t Cut(std::vector<char>& bytes, std::vector<RecvPacket>& packets);
-
-  std::vector<char> contiguous_;  // the buffer in one piece, for the search and the CRC; kept for its memory alone
+  struct Parts;
+  std::unique_ptr<Parts> parts_;
 };
 
 #endif  // VELTA_PACKET_PARSER_H_

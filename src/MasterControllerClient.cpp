@@ -2,16 +2,16 @@
 #include "MasterControllerClient.h"
 
 #include <algorithm>
-#include <iostream>
 #include <utility>
 
 #include "SerialClient.h"
 #include "TcpClient.h"
 #include "UdpClient.h"
-#include "command_frame.h"
+#include "client_parts.h"
+#include "frames.h"
 #include "json_bridge.h"
+#include "log.h"
 #include "send_packet_merger.h"
-#include "text.h"
 #include "version.h"
 
 using velta::detail::LogLine;
@@ -23,7 +23,10 @@ constexpr const char* kLostConnection = "[VELTA] lost connection";
 }  // namespace
 
 MasterControllerClient::MasterControllerClient(int joint_num)
-    : joint_num_(joint_num), cur_send_packet_(joint_num), last_recv_packet_(joint_num) {
+    : joint_num_(joint_num),
+      cur_send_packet_(joint_num),
+      last_recv_packet_(joint_num),
+      parts_(std::make_unique<Parts>()) {
   auto parser = std::make_unique<PacketParser>(joint_num_);
   mutex_ = new std::mutex;
   packet_parser_ = parser.release();
@@ -40,6 +43,7 @@ bool MasterControllerClient::InitAs(std::unique_ptr<AbstractClient> client) {
   is_init_ = client_->Init();
   if (is_init_) is_connected_ = true;
   recv_buffer_.clear();
+  parts_->packets_waiting.Set(0);
   return is_init_;
 }
 
@@ -58,6 +62,7 @@ bool MasterControllerClient::InitAsSerialClient(std::string device, unsigned int
 bool MasterControllerClient::Connect() {
   if (client_ == nullptr) return false;
   is_connected_ = client_->Connect();
+  if (is_connected_) parts_->reconnections.Add(1);
   return is_connected_;
 }
 
@@ -73,11 +78,13 @@ bool MasterControllerClient::ReConnect(int try_num) {
   if (!is_init_) return false;
   LogLine("[VELTA] Try to Re-Connect");
   for (int i = 0; i < try_num; ++i) {
-    std::cout << "[VELTA] Try: " + std::to_string(i) + "..." << std::flush;
+    velta::detail::LogAttempt attempt("[VELTA] Try: " + std::to_string(i) + "...");
     if (client_ != nullptr) client_->Disconnect();
     const bool connected = client_ != nullptr && client_->Connect();
-    LogLine(connected ? "succeeded!" : "failed.");
-    if (connected) return true;
+    attempt.End(connected ? "succeeded!" : "failed.");
+    if (!connected) continue;
+    parts_->reconnections.Add(1);
+    return true;
   }
   return false;
 }
@@ -87,35 +94,51 @@ std::string MasterControllerClient::GetVersion() {
 }
 
 int MasterControllerClient::ReceiveStatus() {
-  read_bytes_.clear();
-  const int count = client_ != nullptr ? client_->Read(read_bytes_) : -1;
+  std::vector<char>& bytes = parts_->read_bytes;
+  if (!bytes.empty()) {  // an earlier step ran out of memory
+    packet_parser_->Push(bytes);
+    bytes.clear();
+  }
+  const int count = client_ != nullptr ? client_->Read(bytes) : -1;
   if (count < 1) {
+    bytes.clear();
     if (count == -1) {
       is_connected_ = false;
       LogLine(kLostConnection);
     }
     return 0;
   }
-  std::vector<RecvPacket> packets = std::move(spare_packets_);
-  const std::size_t found = packet_parser_->Cut(read_bytes_, packets);
-  for (std::size_t i = 0; i < found; ++i) {
+  parts_->bytes_received.Add(bytes.size());
+  std::vector<RecvPacket> packets = std::move(parts_->spare_packets);
+  const velta::detail::Received received =
+      velta::detail::ReceiveFrames(*packet_parser_, bytes, parts_->joined_bytes, packets);
+  parts_->frames_received.Add(received.packets);
+  parts_->frames_bad_crc.Add(received.bad_crc);
+  parts_->bytes_discarded.Add(received.discarded);
+  for (std::size_t i = 0; i < received.packets; ++i) {
     // The size is read without the mutex, deliberately: only this thread appends.
-    if (GetRecvBufferSize() < static_cast<std::size_t>(max_recv_buffer_size_)) PushRecvBuffer(packets[i]);
+    if (GetRecvBufferSize() < static_cast<std::size_t>(max_recv_buffer_size_)) {
+      PushRecvBuffer(packets[i]);
+    } else {
+      parts_->packets_refused.Add(1);
+    }
     last_recv_host_timestamp_ = packets[i].header.hostTimestamp;
     last_recv_packet_ = std::move(packets[i]);  // an exchange: the older packet becomes a spare
   }
-  spare_packets_ = std::move(packets);
-  return static_cast<int>(found);
+  parts_->spare_packets = std::move(packets);
+  return static_cast<int>(received.packets);
 }
 
 void MasterControllerClient::PushRecvBuffer(RecvPacket packet) {
   const std::lock_guard<std::mutex> lock(*mutex_);
   recv_buffer_.push_back(std::move(packet));
+  parts_->packets_waiting.Set(recv_buffer_.size());
 }
 
 void MasterControllerClient::FlushRecvBuffer() {
   const std::lock_guard<std::mutex> lock(*mutex_);
   recv_buffer_.clear();
+  parts_->packets_waiting.Set(0);
 }
 
 // Taking and emptying are two steps, deliberately: a packet that arrives between them is discarded.
@@ -149,17 +172,20 @@ void MasterControllerClient::PushSendQueue(SendPacket& packet, bool confirm_rece
   const std::lock_guard<std::mutex> lock(*mutex_);
   packet.SetConfirmReceived(confirm_received);
   send_queue_.push_back(packet);
+  CountQueued();
 }
 
 void MasterControllerClient::Enqueue(SendPacket&& packet) {
   const std::lock_guard<std::mutex> lock(*mutex_);
   send_queue_.push_back(std::move(packet));
+  CountQueued();
 }
 
 void MasterControllerClient::PushFrontSendQueue(SendPacket& packet, bool confirm_received) {
   const std::lock_guard<std::mutex> lock(*mutex_);
   packet.SetConfirmReceived(confirm_received);
   send_queue_.push_front(packet);
+  CountQueued();
 }
 
 bool MasterControllerClient::PushSendQueueJson(const std::string& json, bool confirm_received) {
@@ -187,12 +213,16 @@ void MasterControllerClient::PopInto(SendPacket& packet) {
   }
   packet = std::move(send_queue_.front());
   send_queue_.pop_front();
+  CountQueued();
 }
 
 void MasterControllerClient::FlushSendBuffer() {
   const std::lock_guard<std::mutex> lock(*mutex_);
   send_queue_.clear();
+  CountQueued();
 }
+
+void MasterControllerClient::CountQueued() { parts_->commands_queued.Set(send_queue_.size()); }
 
 void MasterControllerClient::InsertUniqueSendMap(SendPacket& packet) {
   unique_send_map_.Insert(packet.GetUniqueKey(), packet);
@@ -235,8 +265,11 @@ void MasterControllerClient::MergeIndependentSendPacketBuffer() {
 bool MasterControllerClient::SendOnce(SendPacket& packet, bool keep_timestamp) {
   if (!keep_timestamp && packet.GetTimeStamp() == last_send_timestamp_) packet.SetTimeStamp(packet.GetTimeStamp() + 1);
   last_send_timestamp_ = packet.GetTimeStamp();
-  velta::detail::WriteCommandFrame(packet, write_bytes_);
-  if (client_ != nullptr && client_->Write(write_bytes_) != -1) return true;
+  velta::detail::WriteCommandFrame(packet, parts_->write_bytes);
+  if (client_ != nullptr && client_->Write(parts_->write_bytes) != -1) {
+    parts_->frames_sent.Add(1);
+    return true;
+  }
   is_connected_ = false;
   LogLine(kLostConnection);
   return false;
@@ -254,6 +287,18 @@ bool MasterControllerClient::TakeNextPacket() {
   return true;
 }
 
+void MasterControllerClient::GiveUp() {
+  LogLine("Send timeout. Clear all send data buffer.");
+  wait_confirm_ = false;
+  ready_to_send_ = true;
+  wait_count_ = timeout_count_ = 0;
+  parts_->commands_given_up.Add(1);
+  const std::lock_guard<std::mutex> lock(*mutex_);
+  parts_->commands_dropped.Add(send_queue_.size());
+  send_queue_.clear();  // the plain queue only, deliberately: the unique map and the named buffers keep theirs
+  CountQueued();
+}
+
 void MasterControllerClient::SendPacketInBuffer() {
   MergeIndependentSendPacketBuffer();
 
@@ -263,18 +308,15 @@ void MasterControllerClient::SendPacketInBuffer() {
     ++timeout_count_;
     LogLine("Timeout: " + std::to_string(timeout_count_));
     if (timeout_count_ < kMaxTimeouts) {
-      SendOnce(cur_send_packet_, false);
+      if (SendOnce(cur_send_packet_, false)) parts_->frames_sent_again.Add(1);
       wait_count_ = 0;
       return;
     }
-    LogLine("Send timeout. Clear all send data buffer.");
-    wait_confirm_ = false;
-    ready_to_send_ = true;
-    wait_count_ = timeout_count_ = 0;
-    FlushSendBuffer();  // the plain queue alone, deliberately: the unique map and the named buffers keep theirs
+    GiveUp();
     return;
   }
   if (wait_confirm_) {
+    parts_->commands_confirmed.Add(1);
     wait_confirm_ = false;
     ready_to_send_ = true;
     wait_count_ = timeout_count_ = 0;
@@ -285,4 +327,22 @@ void MasterControllerClient::SendPacketInBuffer() {
   ready_to_send_ = !wait_confirm_;
   wait_count_ = timeout_count_ = 0;
   SendOnce(cur_send_packet_, false);
+}
+
+velta::Statistics MasterControllerClient::GetStatistics() const {
+  velta::Statistics copy;
+  copy.bytes_received = parts_->bytes_received.Get();
+  copy.frames_received = parts_->frames_received.Get();
+  copy.frames_bad_crc = parts_->frames_bad_crc.Get();
+  copy.bytes_discarded = parts_->bytes_discarded.Get();
+  copy.packets_refused = parts_->packets_refused.Get();
+  copy.packets_waiting = parts_->packets_waiting.Get();
+  copy.commands_queued = parts_->commands_queued.Get();
+  copy.frames_sent = parts_->frames_sent.Get();
+  copy.frames_sent_again = parts_->frames_sent_again.Get();
+  copy.commands_confirmed = parts_->commands_confirmed.Get();
+  copy.commands_given_up = parts_->commands_given_up.Get();
+  copy.commands_dropped = parts_->commands_dropped.Get();
+  copy.reconnections = parts_->reconnections.Get();
+  return copy;
 }

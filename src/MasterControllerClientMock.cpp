@@ -7,6 +7,8 @@
 #include <ctime>
 #include <utility>
 
+#include "client_parts.h"
+
 namespace {
 
 // Values of trjStatus; the last three are letters that operators know from the controller's display.
@@ -69,6 +71,7 @@ int MasterControllerClientMock::ReceiveStatus() {
   snapshot_ = inner_state_;
   PushRecvBuffer(snapshot_);
   last_recv_packet_ = std::move(snapshot_);
+  parts_->frames_received.Add(1);
   return static_cast<int>(recv_buffer_.size());
 }
 
@@ -81,7 +84,9 @@ void MasterControllerClientMock::SetRecvBuffer(RecvPacket packet) {
 // No confirmation gate, deliberately: every interpreted packet counts as delivered.
 void MasterControllerClientMock::SendPacketInBuffer() {
   MergeIndependentSendPacketBuffer();
-  if (TakeNextPacket()) ParseSendPacket(cur_send_packet_);
+  if (!TakeNextPacket()) return;
+  ParseSendPacket(cur_send_packet_);
+  parts_->frames_sent.Add(1);
 }
 
 // No lock, deliberately: types are set before the simulation matters.

@@ -2,50 +2,26 @@
 #include "PacketParser.h"
 
 #include <algorithm>
-#include <cstring>
 #include <iterator>
 
-#include "status_frame.h"
+#include "frames.h"
 
-namespace {
+/// Working memory, kept between calls.
+struct PacketParser::Parts {
+  std::vector<char> joined;
+};
 
-constexpr char kMark[2] = {static_cast<char>(velta::kStartMark[0]), static_cast<char>(velta::kStartMark[1])};
+PacketParser::PacketParser(int jointNum_) : state(0), jointNum(jointNum_), parts_(std::make_unique<Parts>()) {}
 
-std::deque<char>::difference_type Steps(std::size_t n) { return static_cast<std::deque<char>::difference_type>(n); }
+PacketParser::PacketParser(const PacketParser& other)
+    : buffer(other.buffer), state(other.state), jointNum(other.jointNum), parts_(std::make_unique<Parts>()) {}
 
-/// @return the first start mark; without one the last byte, which may be the first half of one
-const char* FindMark(const char* at, const char* end) {
-  while (end - at >= 2) {
-    if (at[0] == kMark[0] && at[1] == kMark[1]) return at;
-    const void* const next = std::memchr(at + 1, kMark[0], static_cast<std::size_t>(end - at - 1));
-    if (next == nullptr) return end - 1;
-    at = static_cast<const char*>(next);
-  }
-  return at;
+PacketParser& PacketParser::operator=(const PacketParser& other) {
+  buffer = other.buffer;
+  state = other.state;
+  jointNum = other.jointNum;
+  return *this;
 }
-
-/// A negative joint count gives a size that no buffer reaches.
-std::size_t FrameSize(int jointNum) { return static_cast<std::size_t>(velta::StatusFrameSizes(jointNum).packet); }
-
-/// Calls put(frame) for every whole frame with a right CRC.
-/// @return bytes consumed
-template <typename Put>
-std::size_t CutFrames(const std::vector<char>& bytes, std::size_t frame_size, Put put) {
-  const char* at = bytes.data();
-  const char* const end = at + bytes.size();
-  const auto left = [&] { return static_cast<std::size_t>(end - at); };
-  while (left() >= frame_size) {
-    at = FindMark(at, end);
-    if (left() < frame_size) break;
-    if (velta::detail::StatusCrcIsRight(at, frame_size)) put(at);
-    at += frame_size;  // also with a wrong CRC, deliberately
-  }
-  return bytes.size() - left();
-}
-
-}  // namespace
-
-PacketParser::PacketParser(int jointNum_) : state(0), jointNum(jointNum_) {}
 
 PacketParser::~PacketParser() = default;
 
@@ -56,43 +32,16 @@ int PacketParser::Push(std::vector<char> bytes) {
 
 void PacketParser::SearchHeader() {
   if (buffer.size() < 2) return;
+  constexpr char kMark[2] = {static_cast<char>(velta::kStartMark[0]), static_cast<char>(velta::kStartMark[1])};
   const auto mark = std::search(buffer.begin(), buffer.end(), std::begin(kMark), std::end(kMark));
   buffer.erase(buffer.begin(), mark != buffer.end() ? mark : mark - 1);
 }
 
 std::vector<RecvPacket> PacketParser::Parse() {
+  std::vector<char> nothing_more;
   std::vector<RecvPacket> packets;
-  const std::size_t frame_size = FrameSize(jointNum);
-  if (buffer.size() < frame_size) return packets;
-  contiguous_.assign(buffer.begin(), buffer.end());
-  packets.reserve(contiguous_.size() / frame_size);
-  const std::size_t consumed = CutFrames(contiguous_, frame_size, [&](const char* frame) {
-    packets.emplace_back(jointNum);
-    velta::detail::CopyStatusFrame(frame, packets.back());
-  });
-  buffer.erase(buffer.begin(), buffer.begin() + Steps(consumed));
+  velta::detail::ReceiveFrames(*this, nothing_more, parts_->joined, packets);
+  constexpr std::size_t kMostKept = 1 << 17;  // twice what one read can bring
+  if (parts_->joined.capacity() > kMostKept) std::vector<char>().swap(parts_->joined);
   return packets;
-}
-
-std::size_t PacketParser::Cut(std::vector<char>& bytes, std::vector<RecvPacket>& packets) {
-  const std::size_t frame_size = FrameSize(jointNum);
-  const bool direct = buffer.empty();
-  if (!direct) {
-    buffer.insert(buffer.end(), bytes.begin(), bytes.end());
-    if (buffer.size() < frame_size) return 0;
-    bytes.assign(buffer.begin(), buffer.end());
-  }
-  std::size_t count = 0;
-  const std::size_t consumed = CutFrames(bytes, frame_size, [&](const char* frame) {
-    if (count == packets.size()) packets.emplace_back(jointNum);
-    RecvPacket& packet = packets[count++];
-    if (packet.jointNum != jointNum) packet = RecvPacket(jointNum);
-    velta::detail::CopyStatusFrame(frame, packet);
-  });
-  if (direct) {
-    buffer.insert(buffer.end(), bytes.begin() + Steps(consumed), bytes.end());
-  } else {
-    buffer.erase(buffer.begin(), buffer.begin() + Steps(consumed));
-  }
-  return count;
 }

@@ -2,28 +2,9 @@
 #include "RecvPacket.h"
 
 #include <algorithm>
-#include <cstring>
 #include <utility>
 
-#include "status_frame.h"
-
-namespace velta::detail {
-
-bool StatusCrcIsRight(const char* frame, std::size_t size) {
-  const auto* bytes = reinterpret_cast<const unsigned char*>(frame);
-  const std::size_t covered = size - kCrcSize;
-  return (bytes[covered] | bytes[covered + 1] << 8) == CalcCrc16(bytes, static_cast<unsigned short>(covered));
-}
-
-void CopyStatusFrame(const char* frame, RecvPacket& packet) {
-  std::memcpy(&packet.header, frame, sizeof packet.header);
-  packet.joints.resize(static_cast<std::size_t>(packet.jointNum));
-  if (!packet.joints.empty()) {
-    std::memcpy(packet.joints.data(), frame + sizeof packet.header, packet.joints.size() * sizeof(rxJoint_t));
-  }
-}
-
-}  // namespace velta::detail
+#include "frames.h"
 
 namespace {
 constexpr velta::FrameSizes kNoJoints = velta::StatusFrameSizes(0);
@@ -57,7 +38,7 @@ RecvPacket& RecvPacket::operator=(RecvPacket&& other) noexcept {
 RecvPacket::~RecvPacket() = default;
 
 bool RecvPacket::Parse(std::vector<char> bytes) {
-  if (packetSize < 0 || bytes.size() != static_cast<std::size_t>(packetSize)) return false;
+  if (bytes.size() != velta::detail::StatusFrameSize(jointNum)) return false;
   velta::detail::CopyStatusFrame(bytes.data(), *this);  // before the CRC is judged, deliberately
   return velta::detail::StatusCrcIsRight(bytes.data(), bytes.size());
 }

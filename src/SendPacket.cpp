@@ -5,7 +5,7 @@
 #include <string_view>
 #include <utility>
 
-#include "command_frame.h"
+#include "frames.h"
 #include "text.h"
 
 namespace {
@@ -130,21 +130,6 @@ void SendPacket::SetCommonCommand(const std::string& ids, ePacketOrder order, fl
 void SendPacket::SetCommonCommand(const std::string& ids, int order, float value1, float value2, float value3,
                                   float value4) {
   SetCommonCommand(ids, static_cast<ePacketOrder>(order), value1, value2, value3, value4);
-}
-
-void velta::detail::WriteCommandFrame(const SendPacket& packet, std::vector<char>& frame) {
-  const auto* const header = reinterpret_cast<const char*>(&packet.header);
-  const auto* const records = reinterpret_cast<const char*>(packet.joints.data());
-  const std::size_t records_size = packet.joints.size() * sizeof(txJoint_t);
-  const std::size_t covered = sizeof packet.header + records_size;
-  frame.clear();
-  frame.reserve(covered + kCrcSize);
-  frame.insert(frame.end(), header, header + sizeof packet.header);
-  frame.insert(frame.end(), records, records + records_size);
-  const unsigned short crc =
-      CalcCrc16(reinterpret_cast<const unsigned char*>(frame.data()), static_cast<unsigned short>(covered));
-  frame.push_back(static_cast<char>(crc & 0xFF));
-  frame.push_back(static_cast<char>(crc >> 8));
 }
 
 std::vector<char> SendPacket::GetCharVector() const {

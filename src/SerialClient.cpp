@@ -14,7 +14,7 @@
 #include <utility>
 
 #include "link_io.h"
-#include "text.h"
+#include "log.h"
 
 namespace {
 

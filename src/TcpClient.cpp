@@ -7,9 +7,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <utility>
 
 #include "link_io.h"
+#include "log.h"
 
 using velta::detail::ConnectSocket;
 using velta::detail::ReportFailure;
@@ -48,12 +50,12 @@ bool TcpClient::Connect() {
   int no_delay = 0;
   socklen_t size = sizeof no_delay;
   if (getsockopt(sockfd_, IPPROTO_TCP, TCP_NODELAY, &no_delay, &size) == -1) {
-    ReportFailure(kKind, "Connect", "Failed to get TCP_NODELAY option");
+    ReportFailure(kKind, "Connect", errno, "Failed to get TCP_NODELAY option");
     return false;
   }
   no_delay = 1;
   if (setsockopt(sockfd_, IPPROTO_TCP, TCP_NODELAY, &no_delay, size) == -1) {
-    ReportFailure(kKind, "Connect", "Failed to set TCP_NODELAY option");
+    ReportFailure(kKind, "Connect", errno, "Failed to set TCP_NODELAY option");
     return false;
   }
   return true;
@@ -71,5 +73,7 @@ int TcpClient::Write(const std::vector<char>& data) {
 }
 
 void TcpClient::PrintError(std::string message) {  // NOLINT(performance-unnecessary-value-param): published signature
-  velta::detail::PrintErrno(message);
+  const int error = errno;
+  velta::detail::LogError(message, error);
+  errno = error;
 }

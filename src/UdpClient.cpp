@@ -6,9 +6,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <utility>
 
 #include "link_io.h"
+#include "log.h"
 
 using velta::detail::ConnectSocket;
 
@@ -57,5 +59,7 @@ int UdpClient::Write(const std::vector<char>& data) {
 }
 
 void UdpClient::PrintError(std::string message) {  // NOLINT(performance-unnecessary-value-param): published signature
-  velta::detail::PrintErrno(message);
+  const int error = errno;
+  velta::detail::LogError(message, error);
+  errno = error;
 }

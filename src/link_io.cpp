@@ -7,9 +7,8 @@
 #include <sys/socket.h>
 
 #include <cerrno>
-#include <cstdio>
 
-#include "text.h"
+#include "log.h"
 
 namespace velta::detail {
 
@@ -48,22 +47,14 @@ std::string Where(const SocketKind& kind, const char* operation) {
   return std::string("[") + kind.tag + "::" + operation + "]";
 }
 
-void PrintErrno(const std::string& message) {
-  const int error = errno;
-  std::perror(message.c_str());
+void ReportFailure(const SocketKind& kind, const char* operation, int error, const char* text, std::string_view more) {
+  LogError((Where(kind, operation) + " " + text).append(more), error);
   errno = error;
-}
-
-void ReportFailure(const SocketKind& kind, const char* operation, const std::string& text) {
-  const int error = errno;
-  const std::string message = Where(kind, operation) + " " + text;
-  errno = error;
-  PrintErrno(message);
 }
 
 int OpenSocket(const SocketKind& kind) {
   const int fd = socket(AF_INET, kind.type, 0);
-  if (fd == -1) ReportFailure(kind, "CreateSocket", "socket failed");
+  if (fd == -1) ReportFailure(kind, "CreateSocket", errno, "socket failed");
   return fd;
 }
 
@@ -76,19 +67,17 @@ bool ConnectSocket(const SocketKind& kind, int fd, const sockaddr_in& address, c
 
   const int answer = WaitUntilReady(fd, true, kind.connect_timeout_s * 1000);
   if (answer <= 0) {
-    if (answer == 0) errno = ETIMEDOUT;
-    ReportFailure(kind, "Connect", "Failed to " + connection);
+    ReportFailure(kind, "Connect", answer == 0 ? ETIMEDOUT : errno, "Failed to ", connection);
     return false;
   }
   int error = 0;
   socklen_t size = sizeof error;
   if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) == -1) {
-    ReportFailure(kind, "Connect", "Failed to get SO_ERROR option");
+    ReportFailure(kind, "Connect", errno, "Failed to get SO_ERROR option");
     return false;
   }
   if (error != 0) {
-    errno = error;
-    ReportFailure(kind, "Connect", "Failed to " + connection);
+    ReportFailure(kind, "Connect", error, "Failed to ", connection);
     return false;
   }
   LogLine("Success to " + connection);
@@ -101,11 +90,9 @@ int ReadSocket(const SocketKind& kind, bool is_init, int fd, char* buffer, std::
     return -1;
   }
   const int answer = WaitUntilReady(fd, false, 0);
-  if (answer == 1) {
-    return DeliverRead(recv(fd, buffer, kMaxRead, 0), buffer, data, kind.read_tag);
-  }
+  if (answer == 1) return DeliverRead(recv(fd, buffer, kMaxRead, 0), buffer, data, kind.read_tag);
   if (answer < 0) {
-    ReportFailure(kind, "Read", "Read select Failed");
+    ReportFailure(kind, "Read", errno, "Read select Failed");
     return -1;
   }
   return 0;
@@ -119,11 +106,11 @@ int WriteSocket(const SocketKind& kind, bool is_init, int fd, const std::vector<
   const int answer = WaitUntilReady(fd, true, 0);
   if (answer == 1) {
     const ssize_t count = send(fd, data.data(), data.size(), MSG_NOSIGNAL);
-    if (count == -1) ReportFailure(kind, "Write", "Write Failed");
+    if (count == -1) ReportFailure(kind, "Write", errno, "Write Failed");
     return static_cast<int>(count);
   }
   if (answer < 0) {
-    ReportFailure(kind, "Write", "Write select Failed");
+    ReportFailure(kind, "Write", errno, "Write select Failed");
     return -1;
   }
   return 0;

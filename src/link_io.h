@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 #include <vector>
 
 struct sockaddr_in;
@@ -22,7 +23,7 @@ inline constexpr std::size_t kMaxRead = 65535;
 /// @return bytes delivered, or 0
 int DeliverRead(ssize_t count, const char* bytes, std::vector<char>& data, const char* where);
 
-/// All in which the socket links differ.
+/// How the socket links differ.
 struct SocketKind {
   const char* tag;        ///< class name, as log lines show it
   const char* read_tag;   ///< its reading operation, as log lines show it
@@ -34,11 +35,10 @@ struct SocketKind {
 /// "[tag::operation]"
 std::string Where(const SocketKind& kind, const char* operation);
 
-/// Prints message, ": " and the text of the current errno on standard error. Keeps errno.
-void PrintErrno(const std::string& message);
-
-/// Prints "[tag::operation] text" through PrintErrno. Building the message does not disturb errno.
-void ReportFailure(const SocketKind& kind, const char* operation, const std::string& text);
+/// Reports "[tag::operation] text" and more with the system's text of error, and leaves error in errno.
+/// @param error  errno as the failed call left it. The texts are no strings to be built: that could change errno first.
+void ReportFailure(const SocketKind& kind, const char* operation, int error, const char* text,
+                   std::string_view more = {});
 
 /// @return a new IPv4 socket; -1 with a message
 int OpenSocket(const SocketKind& kind);

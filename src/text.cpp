@@ -9,7 +9,6 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
-#include <iostream>
 #include <limits>
 
 namespace velta::detail {
@@ -84,7 +83,5 @@ void AssignFixed(std::string& out, float value) {
   if (bits >> 31 != 0) *--p = '-';
   out.assign(p, text + sizeof text);
 }
-
-void LogLine(std::string_view line) { std::cout << line << std::endl; }
 
 }  // namespace velta::detail

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-/// Numbers as text and log lines. Nothing here depends on the host's locale.
+/// Numbers as text. Nothing here depends on the host's locale.
 namespace velta::detail {
 
 /// Leading white space, an optional sign and the longest run of decimal digits; anything behind them is ignored.
@@ -19,9 +19,6 @@ std::optional<float> ParseFloat(const std::string& text);
 
 /// Sets out to "%f" of value: fixed notation, six digits after the point.
 void AssignFixed(std::string& out, float value);
-
-/// Prints one line on standard output, ended and flushed.
-void LogLine(std::string_view line);
 
 }  // namespace velta::detail
 

@@ -1,0 +1,53 @@
+// SPDX-License-Identifier: MIT
+#ifndef VELTA_SRC_FRAMES_H_
+#define VELTA_SRC_FRAMES_H_
+
+#include <cstddef>
+#include <limits>
+#include <vector>
+
+#include "PacketParser.h"
+#include "RecvPacket.h"
+#include "SendPacket.h"
+
+/// Packets to frames and frames to packets.
+namespace velta::detail {
+
+/// SendPacket::GetCharVector into memory that is there already.
+/// @param[out] frame  the frame, 18 n + 13 bytes, in place of what it held
+void WriteCommandFrame(const SendPacket& packet, std::vector<char>& frame);
+
+/// @return bytes of a status frame of n joints; for an n that no frame can have, a size that no buffer has
+constexpr std::size_t StatusFrameSize(int jointNum) {
+  constexpr int kMax = std::numeric_limits<int>::max();
+  const int size = StatusFrameSizes(jointNum).packet;
+  return size > 0 && size < kMax ? static_cast<std::size_t>(size) : std::numeric_limits<std::size_t>::max();
+}
+
+/// @return whether the CRC of a status frame is right
+/// @param frame  the frame's bytes
+/// @param size   their count, at least 24
+bool StatusCrcIsRight(const char* frame, std::size_t size);
+
+/// Copies header and records of a frame of StatusFrameSize(packet.jointNum) bytes into packet, unchecked.
+void CopyStatusFrame(const char* frame, RecvPacket& packet);
+
+/// What became of a piece of a stream.
+struct Received {
+  std::size_t packets = 0;    ///< frames with a right CRC
+  std::size_t bad_crc = 0;    ///< frames with a wrong one
+  std::size_t discarded = 0;  ///< bytes of no good frame
+};
+
+/// PacketParser's Push and Parse in one; where nothing is buffered, the bytes are cut where they lie.
+/// @param[in,out] bytes    what arrived; empty afterwards. When memory runs out they hold what the parser has not
+/// taken:
+///                         nothing of the stream is lost if they are pushed later.
+/// @param[out]    joined   working memory
+/// @param[in,out] packets  overwritten from the front, made longer where that is not enough
+Received ReceiveFrames(PacketParser& parser, std::vector<char>& bytes, std::vector<char>& joined,
+                       std::vector<RecvPacket>& packets);
+
+}  // namespace velta::detail
+
+#endif  // VELTA_SRC_FRAMES_H_
