@@ -1,0 +1,73 @@
+# SPDX-License-Identifier: MIT
+"""The wire format and captures of it, written down a second time: nothing here comes from the code under test."""
+
+import struct
+
+HOST, CONTROLLER = 40000, 45000  # ports
+
+
+def crc16(data):
+    crc = 0xFFFF
+    for byte in data:
+        crc ^= byte
+        for _ in range(8):
+            crc = crc >> 1 ^ (0xA001 if crc & 1 else 0)
+    return crc ^ 0xFFFF
+
+
+def _frame(body):
+    return body + struct.pack("<H", crc16(body[:len(body) & 0xFFFF]))  # its length has 16 bits
+
+
+def command(stamp, joints, orders={}, arm=0):
+    """orders: joint -> (code, value1 to value4 or fewer)"""
+    body = b"\xab\xcd" + struct.pack("<QB", stamp, arm)
+    for joint in range(joints):
+        code, *values = orders.get(joint, (0,))
+        body += struct.pack("<BB4f", joint & 255, code, *values, *[0.0] * (4 - len(values)))
+    return _frame(body)
+
+
+def status(timestamp, echoed, joints, modes={}, positions={}, errors={}, trajectory=0, control=20):
+    """modes, positions, errors: joint -> value; mode 2 is servo on"""
+    body = b"\xab\xcd" + struct.pack("<QQf", timestamp, echoed, 0.5)
+    for joint in range(joints):
+        reals = [float(i) for i in range(17)]
+        reals[6] = positions.get(joint, 0.0)
+        body += struct.pack("<4BIBH17f", 0, 1, modes.get(joint, 2), control, errors.get(joint, 0), trajectory, 7, *reals)
+    return _frame(body)
+
+
+def damaged(frame):
+    return frame[:15] + bytes([frame[15] ^ 1]) + frame[16:]
+
+
+class Capture:
+    """A capture file, one packet after the other, of IP packets without a link layer unless told otherwise."""
+
+    def __init__(self, link_type=101):
+        self.bytes = struct.pack("<IHHiIII", 0xA1B23C4D, 2, 4, 0, 0, 1 << 18, link_type)  # times in ns
+        self.next = {}
+
+    def packet(self, seconds, data):
+        ns = round(seconds * 1e9)
+        self.bytes += struct.pack("<IIII", ns // 10**9, ns % 10**9, len(data), len(data)) + data
+
+    def _ip(self, seconds, protocol, data):
+        header = struct.pack(">BBHHHBBH4s4s", 0x45, 0, 20 + len(data), 0, 0x4000, 64, protocol, 0, b"\x7f\0\0\1", b"\x7f\0\0\1")
+        self.packet(seconds, header + data)
+
+    def tcp(self, seconds, source, target, data, lost=False):
+        sequence = self.next.get((source, target), 1)
+        self.next[source, target] = sequence + len(data)
+        if lost:
+            return
+        acknowledged = self.next.get((target, source), 1)
+        self._ip(seconds, 6, struct.pack(">HHIIBBHHH", source, target, sequence, acknowledged, 0x50, 0x18, 8192, 0, 0) + data)
+
+    def udp(self, seconds, source, target, data):
+        self._ip(seconds, 17, struct.pack(">HHHH", source, target, 8 + len(data), 0) + data)
+
+    def write(self, path):
+        path.write_bytes(self.bytes)
+        return path
