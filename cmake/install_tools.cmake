@@ -11,6 +11,7 @@ endif()
 install(TARGETS velta_cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
 install(FILES ${PROJECT_SOURCE_DIR}/tools/completion/velta
         DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions COMPONENT tools)
+install(FILES ${PROJECT_SOURCE_DIR}/wireshark/velta.lua DESTINATION ${CMAKE_INSTALL_LIBDIR}/wireshark/plugins COMPONENT tools)
 if(VELTA_DEBIAN)
   velta_compress(docs/man/velta.1 velta.1.gz)
   install(FILES ${PROJECT_BINARY_DIR}/velta.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)

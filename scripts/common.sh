@@ -4,7 +4,7 @@ set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 build_packages=(g++ make cmake picojson-dev libcli11-dev libfmt-dev nlohmann-json3-dev libncurses-dev gnuplot-nox)
-test_packages=(libgtest-dev python3 python3-pytest pkg-config tmux util-linux)
+test_packages=(libgtest-dev python3 python3-pytest pkg-config tshark tmux util-linux)
 check_packages=(clang clang-format clang-tidy cppcheck)
 bench_packages=(libbenchmark-dev nlohmann-json3-dev gnuplot-nox)
 package_packages=(abigail-tools dpkg-dev gzip lintian man-db)

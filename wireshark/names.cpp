@@ -10,12 +10,12 @@
 #include <sstream>
 #include <string>
 
-#include "command_words.h"
+#include "command_table.h"
 #include "status_words.h"
 
 namespace {
 
-using velta::tools::CommandWord;
+using velta::wire::CommandWord;
 
 /// "{"trajectory-pvt", "position", "velocity", "time"}": the word, then the names of value1 to value4. A flag is no
 /// value but part of the code.
@@ -35,7 +35,7 @@ std::ptrdiff_t Values(const std::string& text) { return text.empty() ? -1 : std:
 
 void PrintCommands() {
   std::map<unsigned, std::string> joint_orders, arm_orders;
-  for (const CommandWord& command : velta::tools::CommandWords()) {
+  for (const CommandWord& command : velta::wire::CommandWords()) {
     for (const bool flag : {true, false}) {
       std::array<float, 5> arguments;
       arguments.fill(flag ? 1.0f : 0.0f);

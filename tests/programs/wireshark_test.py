@@ -7,10 +7,10 @@ import shutil
 import subprocess
 
 import pytest
+from conftest import BUILD
 from frames import CONTROLLER, HOST, Capture, command, damaged, status
 
 TOP = pathlib.Path(__file__).parents[2]
-BUILD = pathlib.Path(os.environ.get("VELTA_BUILD", TOP / "build/release"))
 STAMP = 1_700_000_000_000_000_000
 TO_CONTROLLER, TO_HOST = (HOST, CONTROLLER), (CONTROLLER, HOST)
 JOINTS = ["-o", "velta.joints:3"]
