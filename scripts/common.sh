@@ -9,6 +9,10 @@ check_packages=(clang clang-format clang-tidy cppcheck)
 bench_packages=(libbenchmark-dev nlohmann-json3-dev gnuplot-nox)
 package_packages=(abigail-tools dpkg-dev gzip lintian man-db)
 proof_packages=(gcovr valgrind)
+python_packages=(pybind11-dev python3-dev python3-numpy)
+package_packages+=("${python_packages[@]}")
+test_packages+=("${python_packages[@]}" mypy python3-build python3-matplotlib python3-pip python3-setuptools python3-venv
+                python3-wheel)
 
 # need PACKAGE... installs the Debian packages that are missing, and nothing else.
 need() {

@@ -1,0 +1,174 @@
+// SPDX-License-Identifier: MIT
+#include <pybind11/stl.h>
+
+#include "MasterControllerClient.h"
+#include "MasterControllerClientMock.h"
+#include "command.h"
+#include "support.h"
+#include "velta_statistics.h"
+
+namespace velta::python {
+
+namespace {
+
+/// The client says which calls may overlap; in Python none does.
+struct Guard {
+  unsigned process = ProcessNumber();
+  std::mutex mutex;
+};
+struct GuardedClient : MasterControllerClient, Guard {
+  using MasterControllerClient::MasterControllerClient;
+};
+struct GuardedMock : MasterControllerClientMock, Guard {
+  using MasterControllerClientMock::MasterControllerClientMock;
+};
+
+struct FreeClient {
+  void operator()(MasterControllerClient* client) const {
+    if (auto* const mock = dynamic_cast<GuardedMock*>(client)) return FreeWithoutGil()(mock);
+    FreeWithoutGil()(static_cast<GuardedClient*>(client));
+  }
+};
+
+/// Runs job without the GIL, one at a time per client.
+template <typename Job>
+auto Run(const MasterControllerClient& client, Job job) {
+  auto& guard = const_cast<Guard&>(dynamic_cast<const Guard&>(client));
+  CheckProcess(guard.process);
+  return WithoutGil([&] {
+    const std::lock_guard<std::mutex> lock(guard.mutex);
+    return job();
+  });
+}
+
+template <typename C, typename R, typename... Args>
+auto Call(R (C::*member)(Args...)) {
+  return [member](C& c, std::decay_t<Args>... args) { return Run(c, [&] { return (c.*member)(std::move(args)...); }); };
+}
+
+template <typename C, typename R, typename... Args>
+auto Call(R (C::*member)(Args...) const) {
+  return [member](const C& c, std::decay_t<Args>... args) { return Run(c, [&] { return (c.*member)(args...); }); };
+}
+
+/// Runs job with a copy of the packet, which other threads may change meanwhile, and gives the packet what the client
+/// has noted in the copy.
+template <typename Job>
+auto RunWith(MasterControllerClient& client, SendPacket& packet, Job job) {
+  SendPacket copy = packet;
+  struct Note {
+    SendPacket& to;
+    const SendPacket& from;
+    ~Note() {
+      to.header = from.header;
+      to.confirmReceived = from.confirmReceived;
+      to.isUnique = from.isUnique;
+      to.uniqueKey = from.uniqueKey;
+    }
+  } const note{packet, copy};
+  return Run(client, [&] { return job(copy); });
+}
+
+using Client = MasterControllerClient;
+using Mock = MasterControllerClientMock;
+
+void AddReal(py::module_& m) {
+  py::class_<Client, std::unique_ptr<Client, FreeClient>>(
+      m, "MasterControllerClient",
+      "The bare client of an arm: passive, driven by receive_status() and send_packet_in_buffer() in a loop of yours. "
+      "velta.connect() gives a session that runs the loop itself.")
+      .def(py::init([](int joint_num) { return static_cast<Client*>(new GuardedClient(CheckJointCount(joint_num))); }),
+           py::arg("joint_num"))
+      .def("receive_status", Call(&Client::ReceiveStatus), "One receive step; returns the packets that were parsed.")
+      .def("send_packet_in_buffer", Call(&Client::SendPacketInBuffer), "One send step; at most one packet leaves.")
+      .def("push_recv_buffer", Call(&Client::PushRecvBuffer), py::arg("packet"))
+      .def("init_as_tcp_client", Call(&Client::InitAsTcpClient), py::arg("ip"), py::arg("port"),
+           "Opens the link, waiting up to 5 s; ip is a dotted quad.")
+      .def("init_as_udp_client", Call(&Client::InitAsUdpClient), py::arg("ip"), py::arg("port"))
+      .def("init_as_serial_client", Call(&Client::InitAsSerialClient), py::arg("device"), py::arg("baud_rate"))
+      .def("connect", Call(&Client::Connect))
+      .def("disconnect", Call(&Client::Disconnect))
+      .def("re_connect", Call(&Client::ReConnect), py::arg("try_num"))
+      .def("is_init", Call(&Client::IsInit))
+      .def("is_connected", Call(&Client::IsConnected))
+      .def("get_version", Call(&Client::GetVersion))
+      .def("get_cur_state_packet", Call(&Client::GetCurStatePacket),
+           "all buffered packets, oldest first; empties the buffer")
+      .def("get_cur_state_json", Call(&Client::GetCurStateJson), "the same as JSON documents")
+      .def("get_last_recv_packet", Call(&Client::GetLastRecvPacket))
+      .def(
+          "get_statistics",
+          [](const Client& c) {
+            return py::module_::import("json").attr("loads")(Run(c, [&] { return ToJson(c.GetStatistics()); }));
+          },
+          "what was received, sent and dropped since the construction, as a dict")
+      .def("flush_recv_buffer", Call(&Client::FlushRecvBuffer))
+      .def("get_recv_buffer_size", Call(&Client::GetRecvBufferSize))
+      .def(
+          "push_send_queue",
+          [](Client& c, SendPacket& packet, bool confirm) {
+            RunWith(c, packet, [&](SendPacket& copy) { c.PushSendQueue(copy, confirm); });
+          },
+          py::arg("packet"), py::arg("confirm_received"))
+      .def(
+          "push_front_send_queue",
+          [](Client& c, SendPacket& packet, bool confirm) {
+            RunWith(c, packet, [&](SendPacket& copy) { c.PushFrontSendQueue(copy, confirm); });
+          },
+          py::arg("packet"), py::arg("confirm_received"))
+      .def("push_send_queue_json", Call(&Client::PushSendQueueJson), py::arg("json"), py::arg("confirm_received"),
+           "Queues one command document; False, with nothing queued, for any other text.")
+      .def("pop_send_queue", Call(&Client::PopSendQueue))
+      .def("flush_send_buffer", Call(&Client::FlushSendBuffer))
+      .def("get_send_buffer_size", Call(&Client::GetSendBufferSize))
+      .def(
+          "insert_unique_send_map",
+          [](Client& c, SendPacket& packet) {
+            RunWith(c, packet, [&](SendPacket& copy) { c.InsertUniqueSendMap(copy); });
+          },
+          py::arg("packet"))
+      .def("create_independent_send_packet_buffer", Call(&Client::CreateIndependentSendPacketBuffer),
+           py::arg("buffer_name"))
+      .def(
+          "push_back_independent_send_buffer",
+          [](Client& c, SendPacket& packet, const std::string& name, bool confirm, bool is_unique,
+             const std::string& key) {
+            RunWith(c, packet,
+                    [&](SendPacket& copy) { c.PushBackIndependentSendBuffer(copy, name, confirm, is_unique, key); });
+          },
+          py::arg("packet"), py::arg("buffer_name"), py::arg("confirm_received"), py::arg("is_unique"),
+          py::arg("unique_key"), "To an unknown name this only creates the buffer.")
+      .def("merge_independent_send_packet_buffer", Call(&Client::MergeIndependentSendPacketBuffer))
+      .def(
+          "send_once",
+          [](Client& c, SendPacket& packet, bool keep) {
+            return RunWith(c, packet, [&](SendPacket& copy) { return c.SendOnce(copy, keep); });
+          },
+          py::arg("packet"), py::arg("keep_timestamp"));
+}
+
+void AddSimulated(py::module_& m) {
+  py::class_<Mock, Client, std::unique_ptr<Mock, FreeClient>>(
+      m, "MasterControllerClientMock", "A simulated controller in place of the client: same calls, no link.")
+      .def(py::init([](int joint_num, int cycle_ms) {
+             if (cycle_ms < 1) BadArgument("a cycle takes at least 1 ms");
+             return static_cast<Mock*>(new GuardedMock(CheckJointCount(joint_num), cycle_ms));
+           }),
+           py::arg("joint_num"), py::arg("cycle_ms") = 1)
+      .def("set_recv_buffer", Call(&Mock::SetRecvBuffer), py::arg("packet"))
+      .def("set_joint_type", Call(py::overload_cast<int, unsigned char>(&Mock::SetJointType)), py::arg("joint"),
+           py::arg("type"))
+      .def("set_joint_type", Call(py::overload_cast<int, const std::string&>(&Mock::SetJointType)), py::arg("joint"),
+           py::arg("type"), "type: a number, or revolute, gripper_prismatic or gripper_revolute")
+      .def("parse_send_packet", Call(&Mock::ParseSendPacket), py::arg("packet"),
+           "Interprets a command as if it had been sent.");
+}
+
+}  // namespace
+
+void AddClient(py::module_& m) {
+  AddReal(m);
+  AddSimulated(m);
+}
+
+}  // namespace velta::python
