@@ -164,6 +164,18 @@ class VELTA_API MasterControllerClient {
   /// @return false when nothing waits
   bool TakeNextPacket();
 
+  /// The receive step as far as whole packets.
+  /// @param[in,out] packets  overwritten from the front, made longer where that is not enough
+  /// @return packets found
+  std::size_t CutStatus(std::vector<RecvPacket>& packets);
+
+  /// The confirmation gate of the send step: counts, sends again, gives up.
+  /// @return whether the next packet may be chosen in this step
+  bool PassGate();
+
+  /// Sends cur_send_packet_ and, if it asks for its confirmation, closes the gate. @return the result of SendOnce
+  bool SendChosen();
+
   AbstractClient* client_ = nullptr;  ///< the link; owned
   int joint_num_;
   bool is_init_ = false;       ///< the link was created and its Init() succeeded

@@ -21,6 +21,12 @@
 
 namespace velta {
 
+namespace detail {
+class Command;
+class Stream;
+struct SessionParts;
+}  // namespace detail
+
 enum class Confirm : std::uint8_t { kNo, kYes };
 
 /// What became of a command. Every command gets exactly one final outcome.
@@ -78,10 +84,8 @@ class VELTA_API Ticket {
  private:
   friend class Session;
   friend class Source;
-  friend struct SessionParts;
-  struct State;
-  explicit Ticket(std::shared_ptr<State> state);
-  std::shared_ptr<State> state_;
+  explicit Ticket(detail::Command* command) : command_(command) {}
+  detail::Command* command_ = nullptr;  ///< shared with the other copies and the session
 };
 
 /// One of several independent parts of a program that command the arm. Commands of one source are sent in order;
@@ -107,10 +111,8 @@ class VELTA_API Source {
 
  private:
   friend class Session;
-  friend struct SessionParts;
-  struct State;
-  explicit Source(std::shared_ptr<State> state);
-  std::shared_ptr<State> state_;
+  explicit Source(std::shared_ptr<detail::Stream> stream);
+  std::shared_ptr<detail::Stream> stream_;
 };
 
 /// What a session reports, in the order in which it happened.
@@ -269,9 +271,7 @@ class VELTA_API Session {
   /// @}
 
  private:
-  struct Parts;
-  friend struct SessionParts;
-  std::unique_ptr<Parts> parts_;
+  std::unique_ptr<detail::SessionParts> parts_;
 };
 
 }  // namespace velta

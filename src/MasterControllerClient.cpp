@@ -93,7 +93,7 @@ std::string MasterControllerClient::GetVersion() {
   return VELTA_VERSION::major + "." + VELTA_VERSION::minor + "." + VELTA_VERSION::revision;
 }
 
-int MasterControllerClient::ReceiveStatus() {
+std::size_t MasterControllerClient::CutStatus(std::vector<RecvPacket>& packets) {
   std::vector<char>& bytes = parts_->read_bytes;
   if (!bytes.empty()) {  // an earlier step ran out of memory
     packet_parser_->Push(bytes);
@@ -109,13 +109,18 @@ int MasterControllerClient::ReceiveStatus() {
     return 0;
   }
   parts_->bytes_received.Add(bytes.size());
-  std::vector<RecvPacket> packets = std::move(parts_->spare_packets);
   const velta::detail::Received received =
       velta::detail::ReceiveFrames(*packet_parser_, bytes, parts_->joined_bytes, packets);
   parts_->frames_received.Add(received.packets);
   parts_->frames_bad_crc.Add(received.bad_crc);
   parts_->bytes_discarded.Add(received.discarded);
-  for (std::size_t i = 0; i < received.packets; ++i) {
+  return received.packets;
+}
+
+int MasterControllerClient::ReceiveStatus() {
+  std::vector<RecvPacket> packets = std::move(parts_->spare_packets);
+  const std::size_t found = CutStatus(packets);
+  for (std::size_t i = 0; i < found; ++i) {
     // The size is read without the mutex, deliberately: only this thread appends.
     if (GetRecvBufferSize() < static_cast<std::size_t>(max_recv_buffer_size_)) {
       PushRecvBuffer(packets[i]);
@@ -126,7 +131,7 @@ int MasterControllerClient::ReceiveStatus() {
     last_recv_packet_ = std::move(packets[i]);  // an exchange: the older packet becomes a spare
   }
   parts_->spare_packets = std::move(packets);
-  return static_cast<int>(received.packets);
+  return static_cast<int>(found);
 }
 
 void MasterControllerClient::PushRecvBuffer(RecvPacket packet) {
@@ -299,21 +304,19 @@ void MasterControllerClient::GiveUp() {
   CountQueued();
 }
 
-void MasterControllerClient::SendPacketInBuffer() {
-  MergeIndependentSendPacketBuffer();
-
-  if (!wait_confirm_ && !ready_to_send_) return;
+bool MasterControllerClient::PassGate() {
+  if (!wait_confirm_ && !ready_to_send_) return false;
   if (wait_confirm_ && last_send_timestamp_ != last_recv_host_timestamp_) {
-    if (++wait_count_ <= kWaitSteps) return;
+    if (++wait_count_ <= kWaitSteps) return false;
     ++timeout_count_;
     LogLine("Timeout: " + std::to_string(timeout_count_));
     if (timeout_count_ < kMaxTimeouts) {
       if (SendOnce(cur_send_packet_, false)) parts_->frames_sent_again.Add(1);
       wait_count_ = 0;
-      return;
+      return false;
     }
     GiveUp();
-    return;
+    return false;
   }
   if (wait_confirm_) {
     parts_->commands_confirmed.Add(1);
@@ -321,12 +324,19 @@ void MasterControllerClient::SendPacketInBuffer() {
     ready_to_send_ = true;
     wait_count_ = timeout_count_ = 0;
   }
+  return true;
+}
 
-  if (!TakeNextPacket()) return;
+bool MasterControllerClient::SendChosen() {
   wait_confirm_ = cur_send_packet_.GetConfirmReceived();
   ready_to_send_ = !wait_confirm_;
   wait_count_ = timeout_count_ = 0;
-  SendOnce(cur_send_packet_, false);
+  return SendOnce(cur_send_packet_, false);
+}
+
+void MasterControllerClient::SendPacketInBuffer() {
+  MergeIndependentSendPacketBuffer();
+  if (PassGate() && TakeNextPacket()) SendChosen();
 }
 
 velta::Statistics MasterControllerClient::GetStatistics() const {

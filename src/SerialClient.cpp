@@ -15,6 +15,7 @@
 
 #include "link_io.h"
 #include "log.h"
+#include "serial_line.h"
 
 namespace {
 
@@ -64,12 +65,17 @@ bool SerialClient::Init() {
 // it was left, and Disconnect() acts on fully configured descriptors only.
 bool SerialClient::Connect() {
   const int fd = open(device.c_str(), O_RDWR | O_NOCTTY);
-  if (fd == -1) return false;
+  if (fd == -1 || !velta::detail::ConfigureSerialLine(fd, baud_rate, *saved_termios_)) return false;
+  fd_ = fd;
+  return true;
+}
+
+bool velta::detail::ConfigureSerialLine(int fd, unsigned int baud_rate, termios& saved) {
   const std::optional<speed_t> speed = ChooseSpeed(fd, baud_rate);
   if (!speed) return false;
   fcntl(fd, F_SETFL, 0);
 
-  tcgetattr(fd, saved_termios_.get());
+  tcgetattr(fd, &saved);
   termios settings{};
   tcgetattr(fd, &settings);
   cfsetispeed(&settings, *speed);
@@ -83,9 +89,7 @@ bool SerialClient::Connect() {
   settings.c_cflag |= CLOCAL | CREAD;
   settings.c_cc[VTIME] = 0;
   settings.c_cc[VMIN] = 0;
-  if (tcsetattr(fd, TCSANOW, &settings) == -1) return false;
-  fd_ = fd;
-  return true;
+  return tcsetattr(fd, TCSANOW, &settings) != -1;
 }
 
 // fd_ and is_init_ stay, deliberately: a second call closes the same number again.

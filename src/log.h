@@ -17,6 +17,15 @@ void LogLine(std::string_view line);
 /// @param error  the error number, saved right after the call that failed
 void LogError(std::string_view message, int error);
 
+/// While it lives, its thread's lines go nowhere: the session reports by events what a client prints.
+class Muted {
+ public:
+  Muted();
+  Muted(const Muted&) = delete;
+  Muted& operator=(const Muted&) = delete;
+  ~Muted();
+};
+
 /// A line whose end is known later only. By default its beginning is printed at once; a sink receives the whole line.
 class LogAttempt {
  public:

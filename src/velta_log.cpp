@@ -41,7 +41,10 @@ void Print(velta::LogLevel level, const std::string& text) {
   }
 }
 
+thread_local int muted = 0;
+
 void Emit(velta::LogLevel level, std::string line) {
+  if (muted != 0) return;
   const SharedSink sink = CurrentSink();
   if (sink == nullptr) return Print(level, line += '\n');
   try {
@@ -70,6 +73,9 @@ void LogError(std::string_view message, int error) {
   if (!line.empty()) line += ": ";
   Emit(LogLevel::kError, line += strerror_r(error, buffer, sizeof buffer));
 }
+
+Muted::Muted() { ++muted; }
+Muted::~Muted() { --muted; }
 
 LogAttempt::LogAttempt(std::string beginning) : text_(std::move(beginning)) {
   if (CurrentSink() != nullptr) return;
