@@ -1,22 +1,25 @@
 // SPDX-License-Identifier: MIT
 #include "command_words.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <array>
 #include <charconv>
 #include <cmath>
 #include <sstream>
 
-#include "command.h"
+#include "errors.h"
+#include "options.h"
 
 namespace velta::tools {
 
 namespace {
 
-std::vector<std::string> Split(const std::string& text, char separator) {
-  std::vector<std::string> parts;
+std::vector<std::string> Split(const std::string& text) {
   std::istringstream stream(text);
-  for (std::string part; std::getline(stream, part, separator);) parts.push_back(part);
+  std::vector<std::string> parts;
+  for (std::string part; stream >> part;) parts.push_back(part);
   return parts;
 }
 
@@ -29,39 +32,31 @@ bool Convert(const std::string& text, T& value) {
 
 /// @param kind  as in CommandWord::kinds
 float ParseArgument(char kind, const std::string& name, const std::string& text) {
-  const std::string what = name + " '" + text + "' ";
+  constexpr int kMostExact = 1 << 24;  // an integer travels as a real, which holds every one up to here
   float real = 0;
   int integer = 0;
   switch (kind) {
     case 'b':
       if (text == "0" || text == "1") return text == "1" ? 1.0f : 0.0f;
-      throw UsageError(what + "is not 0 or 1");
-    case 'i':  // travels as a real, which holds every integer up to 2^24
-      if (Convert(text, integer) && std::abs(integer) <= 1 << 24) return static_cast<float>(integer);
-      throw UsageError(what + "is not an integer of up to 24 bits");
+      throw UsageError(fmt::format("{} '{}' is not 0 or 1", name, text));
+    case 'i':
+      if (Convert(text, integer) && integer >= -kMostExact && integer <= kMostExact) return static_cast<float>(integer);
+      throw UsageError(fmt::format("{} '{}' is not an integer of up to 24 bits", name, text));
     default:
       if (Convert(text, real) && std::isfinite(real)) return real;
-      throw UsageError(what + "is not a finite 32-bit real number");
+      throw UsageError(fmt::format("{} '{}' is not a finite 32-bit real number", name, text));
   }
 }
 
-void CheckJoints(const CommandWord& command, int joint_num, const std::string& joints) {
+void CheckSelection(const CommandWord& command, int joint_num, const std::string& joints) {
   if (command.of_arm) {
-    if (!joints.empty()) throw UsageError(std::string(command.name) + " commands the whole arm and takes no --joints");
+    if (!joints.empty()) throw UsageError(fmt::format("{} commands the whole arm and takes no --select", command.name));
     return;
   }
-  if (joints == "all") return;
-  if (joints.empty() || joints.back() == '/') {
-    throw UsageError(std::string(command.name) + " needs --joints: 'all', or indices from 0 separated by '/'");
+  if (joints.empty()) {
+    throw UsageError(fmt::format("{} needs --select: all, or indices from 0 as in 0/2/5", command.name));
   }
-  const std::vector<std::string> tokens = Split(joints, '/');
-  const auto wrong = std::find_if(tokens.begin(), tokens.end(), [joint_num](const std::string& token) {
-    unsigned int joint = 0;
-    return !Convert(token, joint) || joint >= static_cast<unsigned int>(joint_num);
-  });
-  if (wrong == tokens.end()) return;
-  throw UsageError("--joints " + joints + ": '" + *wrong + "' is not a joint of this arm (0 to " +
-                   std::to_string(joint_num - 1) + ")");
+  static_cast<void>(ReadSelection(joints, joint_num));
 }
 
 }  // namespace
@@ -69,12 +64,9 @@ void CheckJoints(const CommandWord& command, int joint_num, const std::string& j
 std::vector<std::string> ListCommandWords() {
   std::vector<std::string> lines;
   for (const CommandWord& command : CommandWords()) {
-    std::string line = command.name;
-    for (const std::string& argument : Split(command.arguments, ' ')) {
-      line += " <" + argument + ">";
-    }
-    line.resize(std::max<std::size_t>(line.size() + 2, 60), ' ');
-    lines.push_back(line + command.help + (command.of_arm ? " (whole arm)" : ""));
+    std::string usage = command.name;
+    for (const std::string& argument : Split(command.arguments)) usage += " <" + argument + ">";
+    lines.push_back(fmt::format("{:<58}  {}{}", usage, command.help, command.of_arm ? " (whole arm)" : ""));
   }
   return lines;
 }
@@ -83,16 +75,21 @@ SendPacket MakeCommand(int joint_num, const std::string& word, const std::vector
                        const std::string& joints) {
   const auto& words = CommandWords();
   const auto command = std::find_if(words.begin(), words.end(), [&](const CommandWord& w) { return word == w.name; });
-  if (command == words.end()) throw UsageError("unknown command '" + word + "'; velta send --list shows all");
-  const std::vector<std::string> wanted = Split(command->arguments, ' ');
-  if (arguments.size() != wanted.size()) {
-    throw UsageError(word + " takes " + std::to_string(wanted.size()) + " arguments, not " +
-                     std::to_string(arguments.size()) + "; velta send --list shows them");
+  if (command == words.end()) {
+    std::vector<std::string> names;
+    for (const CommandWord& each : words) names.emplace_back(each.name);
+    throw UsageError(fmt::format("unknown command '{}'{}; velta send --list shows all", word, DidYouMean(word, names)));
   }
-  CheckJoints(*command, joint_num, joints);
+  const std::vector<std::string> wanted = Split(command->arguments);
+  if (arguments.size() != wanted.size()) {
+    throw UsageError(fmt::format("{} takes {} arguments, not {}; velta send --list shows them", word, wanted.size(),
+                                 arguments.size()));
+  }
+  CheckSelection(*command, joint_num, joints);
   std::array<float, 5> values{};
-  for (std::size_t i = 0; i < wanted.size(); ++i)
+  for (std::size_t i = 0; i < wanted.size(); ++i) {
     values[i] = ParseArgument(command->kinds[i], word + ": " + wanted[i], arguments[i]);
+  }
   SendPacket packet(joint_num);
   command->apply(packet, joints, values.data());
   return packet;

@@ -337,15 +337,15 @@ class Doctor {
     } else if (commands_.rbegin()->second.delay == kNoEcho || echoed + 1 < commands_.size()) {
       Warn("the controller echoes only " + count + ": the others are lost on the way");
     } else if (usual > 20e6) {
-      Warn("the echo comes late, usually after " + Duration(usual) + ": confirmed commands wait that long");
+      Warn("the echo comes late, usually after " + RoundedDuration(usual) + ": confirmed commands wait that long");
     } else {
-      Good("the controller echoes " + count + ", usually after " + Duration(usual));
+      Good("the controller echoes " + count + ", usually after " + RoundedDuration(usual));
     }
   }
 
   void JudgeClock() {
     if (clock_.Jump() > 0) {
-      Bad("this machine's clock jumps by " + Duration(static_cast<double>(clock_.Jump())) +
+      Bad("this machine's clock jumps by " + RoundedDuration(clock_.Jump()) +
           ": time stamps repeat or leap; let the time service slew instead of step");
       return;
     }

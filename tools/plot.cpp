@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <poll.h>
 #include <spawn.h>
 #include <sys/mman.h>
@@ -286,7 +287,7 @@ class Plot {
   }
 
   std::string Summary() const {
-    return Fixed(to_ - from_, 3) + " s of " + std::to_string(joints_.size()) +
+    return fmt::format("{:.3f}", to_ - from_) + " s of " + std::to_string(joints_.size()) +
            (joints_.size() == 1 ? " joint" : " joints");
   }
 

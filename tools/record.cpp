@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: MIT
+#include <fmt/format.h>
+
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
@@ -102,7 +104,7 @@ class Recorder {
     return Seconds() + " s: " + count(status_count_, "status frame") + ", " + count(command_count_, "command") + ", " +
            count(connections_, "connection") + ", " + count(file_.Size(), "byte");
   }
-  std::string Seconds() const { return Fixed(static_cast<double>(MonotonicNs() - start_ns_) / 1e9, 1); }
+  std::string Seconds() const { return fmt::format("{:.1f}", static_cast<double>(MonotonicNs() - start_ns_) / 1e9); }
 
   RecordingWriter file_;
   std::string path_;

@@ -1,12 +1,17 @@
 // SPDX-License-Identifier: MIT
+#include <fmt/format.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <iostream>
 #include <limits>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -23,15 +28,18 @@ namespace velta::tools {
 
 namespace {
 
+using namespace std::chrono_literals;
+
 struct SendOptions {
-  std::string link;
-  int joint_num = 0;
+  Link link;
+  int joints = 0;
   std::vector<std::string> words;  ///< the command's word and its arguments
-  std::string joints;
-  std::string json;
+  std::string selection;
+  std::string document;
   bool confirm = false;
-  double timeout_s = 0.5;
+  std::chrono::nanoseconds timeout = 500ms;
   bool dry_run = false;
+  bool json = false;
   bool list = false;
 };
 
@@ -39,7 +47,7 @@ struct SendOptions {
 class Sender : public MasterControllerClient {
  public:
   using MasterControllerClient::MasterControllerClient;
-  bool Waiting() const { return wait_confirm_; }
+  bool IsConfirmationPending() const { return wait_confirm_; }
   bool Confirmed() const { return last_recv_host_timestamp_ == last_send_timestamp_; }
   int Timeouts() const { return timeout_count_; }
 };
@@ -59,127 +67,151 @@ std::string ReadStandardInput() {
 
 /// @return the packet of a command document, read by the library itself
 SendPacket ReadDocument(const SendOptions& options) {
-  const std::string text = options.json == "-" ? ReadStandardInput() : options.json;
-  MasterControllerClient client(options.joint_num);
-  if (!client.PushSendQueueJson(text, false)) throw Failure("--json: not a command document; nothing was sent");
+  const std::string text = options.document == "-" ? ReadStandardInput() : options.document;
+  MasterControllerClient client(options.joints);
+  if (!client.PushSendQueueJson(text, false)) throw Failure("--document: not a command document; nothing was sent");
   return client.PopSendQueue();
 }
 
-std::string Hex(const std::vector<char>& bytes) {
-  std::string text;
-  for (const char c : bytes) {
-    const auto byte = static_cast<unsigned char>(c);
-    text += "0123456789abcdef"[byte >> 4];
-    text += "0123456789abcdef"[byte & 0xF];
-  }
-  return text;
-}
-
-/// @return whether the bytes of packet command anything
-bool Commands(const SendPacket& packet) {
-  return packet.header.armOrder != 0 || std::any_of(packet.joints.begin(), packet.joints.end(),
-                                                    [](const txJoint_t& joint) { return joint.order != 0; });
-}
-
-int Deliver(const SendOptions& options, const Link& link, SendPacket& packet) {
-  Sender client(options.joint_num);
-  if (!OpenLink(client, link)) {
-    throw Failure("cannot open " + ToString(link) + ": " + std::generic_category().message(errno) +
-                  "; velta doctor tells more");
-  };
-  client.PushSendQueue(packet, options.confirm);
-  const std::int64_t start = MonotonicNs();
-  client.SendPacketInBuffer();
-  if (!client.IsConnected()) throw Failure("lost " + ToString(link) + " while sending");
-
-  if (!options.confirm) {
-    // Closing at once could overtake the frame: received bytes that nobody reads would reset the connection, and a
-    // serial device gets its old rate back. A slow line needs ten bits per byte.
-    double linger = 0.05;
-    if (link.kind == Link::Kind::Serial) linger += 10.0 * packet.GetPacketSize() / link.baud;
-    for (const std::int64_t end = start + static_cast<std::int64_t>(linger * 1e9); MonotonicNs() < end;) {
-      client.ReceiveStatus();
-      WaitUntil(MonotonicNs() + 2'000'000);
-      if (StopRequested()) break;
+/// What became of a command, as text or as one JSON object.
+void Print(const SendOptions& options, const SendPacket& packet, std::optional<std::int64_t> confirmed_after_ns,
+           int resends) {
+  if (options.json) {
+    nlohmann::ordered_json document = {{"link", ToString(options.link)}, {"bytes", packet.GetPacketSize()}};
+    if (confirmed_after_ns) {
+      document["confirmed_after_us"] = *confirmed_after_ns / 1000;
+      document["resends"] = resends;
     }
-    Out() << "sent " << packet.GetPacketSize() << " bytes to " << ToString(link) << std::endl;
-    return 0;
+    Out() << document << std::endl;
+    return;
   }
+  Out() << fmt::format("sent {} bytes to {}", packet.GetPacketSize(), ToString(options.link));
+  if (confirmed_after_ns) {
+    Out() << fmt::format(", confirmed after {} and {} resends", RoundedDuration(*confirmed_after_ns), resends);
+  }
+  Out() << std::endl;
+}
 
-  // The client waits 101 of its steps before each of four resends and before it gives up.
+bool IsIdle(const SendPacket& packet) {
+  return packet.header.armOrder == 0 && std::all_of(packet.joints.begin(), packet.joints.end(),
+                                                    [](const txJoint_t& joint) { return joint.order == 0; });
+}
+
+std::vector<unsigned char> Bytes(const SendPacket& packet) {
+  const std::vector<char> frame = packet.GetCharVector();
+  return {frame.begin(), frame.end()};
+}
+
+/// Closing at once could overtake the frame: received bytes that nobody reads would reset the connection, and a serial
+/// device gets its old rate back. A slow line needs ten bits per byte.
+void Linger(Sender& client, const Link& link, int bytes) {
+  auto linger = 50ms;
+  if (link.kind == Link::Kind::Serial) linger += std::chrono::milliseconds(10'000LL * bytes / link.baud);
+  for (const auto end = MonotonicNs() + std::chrono::nanoseconds(linger).count();
+       MonotonicNs() < end && !StopRequested();) {
+    client.ReceiveStatus();
+    WaitUntil(MonotonicNs() + 2'000'000);
+  }
+}
+
+/// Runs the client's steps until the echo has come. The client waits 101 of them before each of four resends and before
+/// it gives up, so the time-out is cut into as many.
+/// @return how often the command was sent again
+int AwaitEcho(Sender& client, const SendOptions& options, std::int64_t start) {
   constexpr int kSteps = 5 * 101;
-  const auto step = static_cast<std::int64_t>(options.timeout_s * 1e9 / kSteps);
+  const std::int64_t step = options.timeout.count() / kSteps;
   int resends = 0;
-  for (std::int64_t next = start + step; client.Waiting(); next += step) {
+  for (std::int64_t next = start + step; client.IsConfirmationPending(); next += step) {
     WaitUntil(next);
     if (StopRequested()) throw Failure("interrupted before the echo came");
     client.ReceiveStatus();
     client.SendPacketInBuffer();
-    if (!client.IsConnected()) throw Failure("lost " + ToString(link) + " before the echo came");
+    if (!client.IsConnected()) throw Failure("lost " + ToString(options.link) + " before the echo came");
     resends = std::max(resends, client.Timeouts());
   }
-  const auto took = static_cast<double>(MonotonicNs() - start);
-  if (!client.Confirmed()) {
-    throw Failure("no echo from " + ToString(link) + " within " + Duration(took) +
-                  " and four resends; velta doctor tells why");
+  if (client.Confirmed()) return resends;
+  throw Failure(fmt::format("no echo from {} within {} and four resends; velta doctor finds out why",
+                            ToString(options.link), RoundedDuration(MonotonicNs() - start)));
+}
+
+void Deliver(const SendOptions& options, SendPacket& packet) {
+  Sender client(options.joints);
+  if (!OpenLink(client, options.link)) {
+    throw Failure(fmt::format("cannot open {}: {}; velta doctor finds out more", ToString(options.link),
+                              std::generic_category().message(errno)));
   }
-  Out() << "sent " << packet.GetPacketSize() << " bytes to " << ToString(link) << ", confirmed after " << Duration(took)
-        << " and " << resends << " resends" << std::endl;
-  return 0;
+  client.PushSendQueue(packet, options.confirm);
+  const std::int64_t start = MonotonicNs();
+  client.SendPacketInBuffer();
+  if (!client.IsConnected()) throw Failure("lost " + ToString(options.link) + " while sending");
+  if (options.confirm) {
+    const int resends = AwaitEcho(client, options, start);
+    Print(options, packet, MonotonicNs() - start, resends);
+  } else {
+    Linger(client, options.link, packet.GetPacketSize());
+    Print(options, packet, std::nullopt, 0);
+  }
 }
 
 int Send(const SendOptions& options) {
   InstallStopHandler();
-  if (options.list) {
-    for (const std::string& line : ListCommandWords()) Out() << line << "\n";
-    Out().flush();
-    return 0;
+  if (options.document.empty() == options.words.empty()) {
+    throw UsageError("send takes either a command or --document; velta send --list shows the commands");
   }
-  if (options.link.empty()) throw UsageError("send needs a LINK and a command; velta send --help shows how");
-  if (options.joint_num == 0) throw UsageError("-n is required, the joints of the arm (--joints are those to command)");
-  const Link link = ParseLink(options.link);
-  if (options.json.empty() == options.words.empty()) throw UsageError("send takes either a command or --json DOCUMENT");
-  if (!options.json.empty() && !options.joints.empty())
-    throw UsageError("--json names its joints itself; leave --joints out");
-  SendPacket packet = options.json.empty()
-                          ? MakeCommand(options.joint_num, options.words.front(),
-                                        {options.words.begin() + 1, options.words.end()}, options.joints)
+  if (!options.document.empty() && !options.selection.empty()) {
+    throw UsageError("--document names its joints itself; leave --select out");
+  }
+  SendPacket packet = options.document.empty()
+                          ? MakeCommand(options.joints, options.words.front(),
+                                        {options.words.begin() + 1, options.words.end()}, options.selection)
                           : ReadDocument(options);
-  if (!Commands(packet)) std::cerr << "velta: warning: this document commands nothing\n";
+  if (IsIdle(packet)) std::cerr << "velta: warning: this document commands nothing\n";
   if (options.dry_run) {
-    Out() << Hex(packet.GetCharVector()) << std::endl;
-    return 0;
+    Out() << fmt::format("{:02x}\n", fmt::join(Bytes(packet), ""));
+  } else {
+    Deliver(options, packet);
   }
-  return Deliver(options, link, packet);
+  return 0;
+}
+
+int List() {
+  for (const std::string& line : ListCommandWords()) Out() << line << "\n";
+  return 0;
 }
 
 }  // namespace
 
 void AddSend(CLI::App& app, Action& action) {
   CLI::App& command = *app.add_subcommand("send", "Send one command, in words or as a document");
-  static SendOptions options;
-  command.add_option("LINK", options.link, "tcp://IP:PORT, udp://IP:PORT or serial:///dev/ttyX?baud=115200")
-      ->option_text(" ");
-  command.add_option("COMMAND", options.words, "The command's word and its arguments; --list shows all")
-      ->option_text(" ");
-  command.add_option("-n,--joint-count", options.joint_num, "Joints of the arm, the same at both ends of the link")
-      ->check(CLI::Range(1, kMaxJoints))
-      ->option_text("N");
-  command.add_option("--joints", options.joints, "Joints to command: all, or indices from 0 as in 0/2/5")
-      ->option_text("IDS");
-  command.add_option("--json", options.json, "Send this command document; - reads it from standard input")
-      ->option_text("DOCUMENT|-");
-  command.add_flag("--confirm", options.confirm,
+  const auto options = std::make_shared<SendOptions>();
+  auto* const link = AddLinkArgument(command, options->link, Arguments::kOthersToo);
+  command.add_option("COMMAND", options->words, "The command's word and its arguments; --list shows all")
+      ->type_name("");
+  auto* const joints = AddJointsOption(command, options->joints);
+  AddSelectOption(command, options->selection, "Joints to command");
+  command
+      .add_option("--document", options->document, "Send this JSON command document; - reads it from standard input")
+      ->type_name("JSON");
+  command.add_flag("--confirm", options->confirm,
                    "Wait until the controller echoes the command, sending it again if need be");
-  command.add_option("--timeout", options.timeout_s, "Seconds that --confirm waits, all resends included (0.5)")
-      ->check(CLI::Range(0.01, 3600.0))
-      ->option_text("S");
-  command.add_flag("--dry-run", options.dry_run, "Print the frame's bytes instead of sending them");
-  command.add_flag("--list", options.list, "List all commands");
+  AddDurationOption(command, "--timeout", options->timeout, {10ms, 1h},
+                    "How long --confirm waits, all resends included");
+  command.add_flag("--dry-run", options->dry_run, "Print the frame's bytes instead of sending them");
+  AddJsonFlag(command, options->json, "Print one JSON object");
+  command
+      .add_flag_callback(
+          "--list",
+          [options, link, joints] {
+            options->list = true;
+            link->required(false);
+            joints->required(false);
+          },
+          "List all commands")
+      ->trigger_on_parse();
   command.footer(
-      "Here --joints names the joints that the command is for, and -n alone is the joint count.\n"
-      "Example: velta send -n 6 tcp://192.168.0.10:5000 ref-position 30 --joints 0/2 --confirm");
-  command.callback([&action] { action = [] { return Send(options); }; });
+      "Example: velta send -n 6 tcp://192.168.0.10:5000 ref-position 30 --select 0/2 --confirm\n"
+      "Write negative numbers with a digit first: -0.5, not -.5.");
+  command.callback([options, &action] { action = [options] { return options->list ? List() : Send(*options); }; });
 }
 
 }  // namespace velta::tools

@@ -18,8 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "PacketParser.h"
-#include "SendPacket.h"
+#include "answer.h"
 #include "command.h"
 #include "faults.h"
 #include "link.h"
@@ -170,65 +169,6 @@ int Serve(Options options) {
   return 0;
 }
 
-/// One connection's worth of asking: an idle command now and then, until one is echoed.
-/// @return an empty text once it was; else the link and how far it came
-std::string Ask(const Link& link, int joints, std::int64_t deadline_ns) try {
-  const auto left_ms = std::max<std::int64_t>((deadline_ns - MonotonicNs()) / 1'000'000, 1);
-  Wire wire(link, static_cast<int>(left_ms));
-  PacketParser parser(joints);
-  bool has_bytes = false;
-  bool has_status = false;
-  std::uint64_t first = 0;
-  std::uint64_t last = 0;
-  for (auto next = MonotonicNs(); MonotonicNs() < deadline_ns && !StopRequested();) {
-    if (MonotonicNs() >= next) {
-      next += 50'000'000;
-      SendPacket idle(joints);
-      wire.Write(idle.GetCharVector());
-      last = idle.GetTimeStamp();
-      if (first == 0) first = last;
-    }
-    if (!wire.WaitReadable(std::min(next, deadline_ns))) continue;
-    std::vector<char> bytes;
-    if (wire.Read(bytes) > 0) has_bytes = true;
-    parser.Push(std::move(bytes));
-    for (const RecvPacket& status : parser.Parse()) {
-      has_status = true;
-      if (status.header.hostTimestamp >= first && status.header.hostTimestamp <= last) return "";
-    }
-  }
-  return ToString(link) + (has_status  ? ": status frames arrive, but none echoes a command"
-                           : has_bytes ? ": no status frame arrives, but other bytes do; is the joint count right?"
-                                       : ": no status frame arrives");
-} catch (const LinkError& error) {
-  return error.what();
-}
-
-int Check(const Options& options) {
-  const Link link = ParseLink(options.check);
-  if (link.kind == Link::Kind::Pty) throw UsageError("--check takes the device of a pty, serial:///dev/pts/N");
-  InstallStopHandler();
-  const std::int64_t start = MonotonicNs();
-  const std::int64_t deadline = start + std::int64_t{options.timeout_ms} * 1'000'000;
-  std::string trouble;
-  do {
-    trouble = Ask(link, options.server.joints, deadline);
-    if (trouble.empty()) {
-      const auto took = static_cast<double>(MonotonicNs() - start);
-      if (options.json) {
-        PrintJson({{"event", picojson::value("check")},
-                   {"link", picojson::value(ToString(link))},
-                   {"us", Count(static_cast<std::uint64_t>(took / 1e3))}});
-      } else {
-        Out() << ToString(link) << " answers, after " << Duration(took) << std::endl;
-      }
-      return 0;
-    }
-    WaitUntil(std::min(deadline, MonotonicNs() + 10'000'000));
-  } while (MonotonicNs() < deadline && !StopRequested());
-  throw Failure("no controller answers: " + trouble);
-}
-
 std::string Footer() {
   std::ostringstream text;
   text << "Faults, counted in the closing summary; RATE is the share of frames or commands that are struck (all):\n";
@@ -284,7 +224,11 @@ void AddSim(CLI::App& app, Action& action) {
     if (options->endpoints.empty() && options->check.empty()) {
       throw UsageError("give an endpoint to listen on, such as tcp://127.0.0.1:0, or --check LINK");
     }
-    action = [options] { return options->check.empty() ? Serve(*options) : Check(*options); };
+    action = [options] {
+      return options->check.empty() ? Serve(*options)
+                                    : AwaitAnswer(ParseLink(options->check), options->server.joints,
+                                                  std::chrono::milliseconds(options->timeout_ms), options->json);
+    };
   });
 }
 

@@ -1,31 +1,25 @@
 // SPDX-License-Identifier: MIT
 #include "timing.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
-#include <array>
-#include <charconv>
 #include <cmath>
 #include <cstddef>
 
 namespace velta::tools {
 
-std::string Fixed(double value, int digits) {
-  std::array<char, 400> text;  // the largest double has 309 digits before the point
-  const auto end = std::to_chars(text.data(), text.data() + text.size(), value, std::chars_format::fixed, digits).ptr;
-  return {text.data(), end};
-}
-
-std::string Duration(double ns) {
+std::string RoundedDuration(double ns) {
   struct Unit {
     double ns;
     const char* name;
   };
-  for (const Unit& unit : {Unit{1e9, " s"}, Unit{1e6, " ms"}, Unit{1e3, " us"}}) {
+  for (const Unit& unit : {Unit{1e9, "s"}, Unit{1e6, "ms"}, Unit{1e3, "us"}}) {
     if (ns < unit.ns) continue;
     const double value = ns / unit.ns;
-    return Fixed(value, value < 10 ? 2 : (value < 100 ? 1 : 0)) + unit.name;
+    return fmt::format("{:.{}f} {}", value, value < 10 ? 2 : (value < 100 ? 1 : 0), unit.name);
   }
-  return Fixed(ns, 0) + " ns";
+  return fmt::format("{:.0f} ns", ns);
 }
 
 std::int64_t Percentile(const std::vector<std::int64_t>& sorted, double share) {
@@ -52,15 +46,10 @@ std::vector<std::string> Histogram(const std::vector<std::int64_t>& sorted, int 
   const auto most = std::max_element(buckets.begin(), buckets.end(), [](const Bucket& a, const Bucket& b) {
                       return a.count < b.count;
                     })->count;
-  const auto padded = [](const std::string& text) {
-    return std::string(text.size() < 8 ? 8 - text.size() : 0, ' ') + text;
-  };
   for (const Bucket& bucket : buckets) {
-    auto bar = static_cast<std::size_t>(bucket.count * width / most);
-    if (bucket.count > 0 && bar == 0) bar = 1;
-    lines.push_back(padded(Duration(static_cast<double>(bucket.from))) + " .. " +
-                    padded(Duration(static_cast<double>(bucket.to))) + " |" + std::string(bar, '#') +
-                    std::string(static_cast<std::size_t>(width) - bar, ' ') + "| " + std::to_string(bucket.count));
+    const auto bar = std::max<std::ptrdiff_t>(bucket.count * width / most, bucket.count > 0 ? 1 : 0);
+    lines.push_back(fmt::format("{:>8} .. {:>8} |{:{}}| {}", RoundedDuration(bucket.from), RoundedDuration(bucket.to),
+                                std::string(static_cast<std::size_t>(bar), '#'), width, bucket.count));
   }
   return lines;
 }

@@ -11,11 +11,9 @@
 
 namespace velta::tools {
 
-/// @return value with exactly `digits` digits behind the point, whatever the locale
-std::string Fixed(double value, int digits);
-
-/// @return a duration in the unit that suits it: "850 ns", "12.3 us", "4.56 ms", "1.20 s"
-std::string Duration(double ns);
+/// @return a duration in the unit that suits it, with three digits: "850 ns", "12.3 us", "4.56 ms", "1.20 s"
+std::string RoundedDuration(double ns);
+inline std::string RoundedDuration(std::int64_t ns) { return RoundedDuration(static_cast<double>(ns)); }
 
 /// @param sorted  ascending
 /// @param share   0..1
