@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include <curses.h>
+#include <fmt/format.h>
 #include <poll.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -32,6 +34,8 @@ namespace velta::tools {
 
 namespace {
 
+using namespace std::chrono_literals;
+
 constexpr std::int64_t kMs = 1'000'000;
 constexpr std::int64_t kSecond = 1000 * kMs;
 
@@ -39,9 +43,9 @@ struct MonitorOptions {
   Link link;
   std::string via;
   int joints = 0;
-  int poll_ms = 100;
-  double seconds = 0;
-  std::int64_t count = 0;
+  std::chrono::nanoseconds poll = 100ms;
+  std::chrono::nanoseconds duration{0};  ///< 0: no end
+  std::int64_t count = 0;                ///< 0: no end
   bool json = false;
 };
 
@@ -163,27 +167,22 @@ class Screen {
     Put(y, 0, "joint", A_UNDERLINE);
     for (const std::size_t column : columns) {
       const MonitorModel::Column& shape = MonitorModel::kColumns[column];
-      Put(y, x, Padded(shape.title, shape.width), A_UNDERLINE);
+      Put(y, x, fmt::format("{0:>{1}.{1}}", shape.title, shape.width), A_UNDERLINE);
       x += shape.width + 1;
     }
   }
 
   void DrawJoint(int y, std::size_t joint, const std::vector<MonitorModel::Cell>& row, const Columns& columns) const {
     const bool fault = std::any_of(row.begin(), row.end(), [](const MonitorModel::Cell& cell) { return cell.fault; });
-    Put(y, 0, (joint == joint_ ? ">" : " ") + std::to_string(joint) + (fault ? "!" : ""), fault ? Colour(kFault) : 0);
+    Put(y, 0, fmt::format("{}{}{}", joint == joint_ ? ">" : " ", joint, fault ? "!" : ""), fault ? Colour(kFault) : 0);
     int x = kFirstColumn;
     for (const std::size_t column : columns) {
       const MonitorModel::Cell& cell = row[column];
       const int width = MonitorModel::kColumns[column].width;
-      Put(y, x, Padded(cell.text, width) + (cell.changed ? "*" : " "),
+      Put(y, x, fmt::format("{0:>{1}.{1}}{2}", cell.text, width, cell.changed ? '*' : ' '),
           cell.fault ? Colour(kFault) : (cell.changed ? Colour(kChanged) : 0));
       x += width + 1;
     }
-  }
-
-  static std::string Padded(const std::string& text, int width) {
-    const auto wanted = static_cast<std::size_t>(width);
-    return text.size() < wanted ? std::string(wanted - text.size(), ' ') + text : text.substr(0, wanted);
   }
 
   std::string title_;
@@ -214,7 +213,7 @@ class OwnLink : public Source {
       : options_(options), model_(model), keep_trying_(keep_trying), wire_(std::make_unique<Wire>(options.link)) {}
 
   void Step(std::int64_t deadline_ns, int wake) override {
-    if (options_.poll_ms > 0) deadline_ns = std::min(deadline_ns, NextQuestion());
+    if (options_.poll.count() > 0) deadline_ns = std::min(deadline_ns, NextQuestion());
     WaitUntil(deadline_ns, wire_ ? wire_->Fd() : -1, POLLIN, wake);
     try {
       if (!wire_) Reopen();
@@ -230,7 +229,7 @@ class OwnLink : public Source {
   std::string Trouble() const override { return trouble_; }
 
  private:
-  std::int64_t NextQuestion() const { return std::max(heard_at_, asked_at_) + options_.poll_ms * kMs; }
+  std::int64_t NextQuestion() const { return std::max(heard_at_, asked_at_) + options_.poll.count(); }
 
   void Reopen() {
     asked_at_ = MonotonicNs();
@@ -240,14 +239,14 @@ class OwnLink : public Source {
     trouble_.clear();
   }
 
-  /// Takes in what has arrived; asks with a command that commands nothing when the controller is silent.
+  /// Takes in what has arrived; asks with an idle command when the controller is silent.
   void Receive() {
     std::vector<char> bytes;
     wire_->Read(bytes);
     const std::int64_t now = MonotonicNs();
     if (!bytes.empty()) heard_at_ = now;
     model_.Take(std::move(bytes), now);
-    if (options_.poll_ms == 0 || now < NextQuestion()) return;
+    if (options_.poll.count() == 0 || now < NextQuestion()) return;
     asked_at_ = now;
     wire_->Write(SendPacket(options_.joints).GetCharVector());
   }
@@ -314,8 +313,7 @@ class Monitor {
       source_ = std::move(listener);
     }
     const std::int64_t start = MonotonicNs();
-    end_ = options_.seconds > 0 ? start + static_cast<std::int64_t>(options_.seconds * 1e9)
-                                : std::numeric_limits<std::int64_t>::max();
+    end_ = options_.duration.count() > 0 ? start + options_.duration.count() : std::numeric_limits<std::int64_t>::max();
     std::string lost;
     try {
       if (on_screen) {
@@ -326,9 +324,10 @@ class Monitor {
     } catch (const LinkError& error) {
       if (!StopRequested()) lost = error.what();
     }
-    const auto seconds = static_cast<double>(MonotonicNs() - start) / 1e9;
-    (options_.json ? std::cerr : Out()) << "watched for " << Fixed(seconds, 1)
-                                        << " s: " << model_.Traffic(MonotonicNs()) << std::endl;
+    (options_.json ? std::cerr : Out()) << fmt::format("watched for {:.1f} s: {}\n",
+                                                       static_cast<double>(MonotonicNs() - start) / 1e9,
+                                                       model_.Traffic(MonotonicNs()))
+                                        << std::flush;
     if (!lost.empty()) throw Failure(lost);
     return model_.HasStatus() || StopRequested() || left_ ? 0 : 1;
   }
@@ -388,33 +387,30 @@ class Monitor {
 
 void AddMonitor(CLI::App& app, Action& action) {
   CLI::App& command = *app.add_subcommand("monitor", "Watch the joints live");
-  static MonitorOptions options;
-  AddLinkArgument(command, options.link);
-  AddJointsOption(command, options.joints);
+  const auto options = std::make_shared<MonitorOptions>();
+  AddLinkArgument(command, options->link);
+  AddJointsOption(command, options->joints);
   command
-      .add_option("--via", options.via,
+      .add_option("--via", options->via,
                   "Listen here for the host and pass everything on, instead of asking the controller")
-      ->option_text("ENDPOINT");
-  command
-      .add_option("--poll-ms", options.poll_ms,
-                  "Silence after which an idle command asks for a status (100); 0 never asks")
-      ->check(CLI::Range(0, 60'000))
-      ->option_text("MS");
-  command.add_option("--seconds", options.seconds, "End after this time")
-      ->check(CLI::Range(0.001, 1e9))
-      ->option_text("S");
-  command.add_option("-c,--count", options.count, "End after this many statuses")
+      ->type_name("ENDPOINT");
+  AddDurationOption(command, "--poll", options->poll, {0s, 60s},
+                    "Silence after which an idle command asks for a status; 0 never asks");
+  AddForOption(command, options->duration);
+  command.add_option("-c,--count", options->count, "End after this many statuses")
       ->check(CLI::PositiveNumber)
-      ->option_text("N");
-  command.add_flag("--json", options.json, "Print each status as one JSON document in a line");
+      ->type_name("N")
+      ->default_str("");
+  AddJsonFlag(command, options->json, "Print each status as one JSON document in a line");
   command.footer(
       "On a terminal it draws a screen; its last line names the keys. Otherwise it prints a line per second.\n"
-      "Examples: velta monitor -n 6 tcp://192.168.0.10:5000\n"
-      "          velta monitor -n 6 tcp://192.168.0.10:5000 --via tcp://0.0.0.0:5000   (and point the host here)");
-  command.callback([&action] {
-    action = [] {
+      "Examples:\n"
+      "  velta monitor -n 6 tcp://192.168.0.10:5000\n"
+      "  velta monitor -n 6 tcp://192.168.0.10:5000 --via tcp://0.0.0.0:5000   (and point the host here)");
+  command.callback([options, &action] {
+    action = [options] {
       InstallStopHandler();
-      return Monitor(options).Run();
+      return Monitor(*options).Run();
     };
   });
 }

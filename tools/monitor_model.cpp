@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "monitor_model.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -16,11 +18,8 @@ constexpr std::int64_t kSecond = 1'000'000'000;
 
 /// A value in few characters: fixed where that is readable, else with an exponent.
 std::string Value(float value, int digits) {
-  if (std::fabs(value) < 1e6f || !std::isfinite(value)) return Fixed(value, digits);
-  int exponent = 0;
-  double mantissa = value;
-  for (; std::fabs(mantissa) >= 10; mantissa /= 10) ++exponent;
-  return Fixed(mantissa, 3) + "e" + std::to_string(exponent);
+  if (std::fabs(value) < 1e6f || !std::isfinite(value)) return fmt::format("{:.{}f}", value, digits);
+  return fmt::format("{:.3e}", value);
 }
 
 /// Bit for bit, so that a value that is no number does not change for ever.
@@ -83,13 +82,12 @@ std::uint64_t MonitorModel::Discarded() const {
 }
 
 std::string MonitorModel::Traffic(std::int64_t now_ns) const {
-  const std::string discarded = "  discarded " + std::to_string(Discarded()) + " bytes";
-  if (!HasStatus()) return "no status yet" + discarded;
+  if (!HasStatus()) return fmt::format("no status yet  discarded {} bytes", Discarded());
   const Rhythm rhythm = arrivals_.Measure();
   const std::int64_t age = now_ns - arrivals_.Last();
-  return Fixed(age > kSecond ? 0 : rhythm.rate_hz, 0) + " Hz  age " + Duration(static_cast<double>(age)) + "  jitter " +
-         Duration(rhythm.jitter_ns) + "  gaps " + std::to_string(arrivals_.Gaps()) + "  statuses " +
-         std::to_string(arrivals_.Count()) + discarded;
+  return fmt::format("{:.0f} Hz  age {}  jitter {}  gaps {}  statuses {}  discarded {} bytes",
+                     age > kSecond ? 0 : rhythm.rate_hz, RoundedDuration(age), RoundedDuration(rhythm.jitter_ns),
+                     arrivals_.Gaps(), arrivals_.Count(), Discarded());
 }
 
 std::vector<MonitorModel::Cell> MonitorModel::Row(std::size_t joint, std::int64_t now_ns) const {
@@ -119,8 +117,8 @@ std::vector<std::string> MonitorModel::History(std::size_t joint, std::size_t wi
   const auto [least, most] = std::minmax_element(finite.begin(), finite.end());
   const double low = *least;
   const double range = static_cast<double>(*most) - low;
-  lines.front() += ", last " + Fixed(static_cast<double>(count) * kSampleNs / 1e9, 1) + " s, " + Value(*least, 4) +
-                   " to " + Value(*most, 4);
+  lines.front() += fmt::format(", last {:.1f} s, {} to {}", static_cast<double>(count) * kSampleNs / 1e9,
+                               Value(*least, 4), Value(*most, 4));
   for (std::size_t i = 0; i < count; ++i) {
     if (!std::isfinite(shown[i])) continue;
     const double share = range > 0 ? (shown[i] - low) / range : 0;
@@ -135,7 +133,7 @@ std::string MonitorModel::Line(std::int64_t now_ns) const {
   if (!HasStatus()) return line;
   for (std::size_t i = 0; i < joints_.size(); ++i) {
     const rxJoint_t& state = last_.joints[i];
-    line += " | J" + std::to_string(i) + " " + Value(state.position, 4) + " " + SystemModeWord(state.systemMode);
+    line += fmt::format(" | J{} {} {}", i, Value(state.position, 4), SystemModeWord(state.systemMode));
     if (state.ewStatus != 0) line += " " + StatusWord(state.ewStatus);
   }
   return line;

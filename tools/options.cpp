@@ -22,6 +22,7 @@ namespace velta::tools {
 
 namespace {
 
+using namespace std::chrono_literals;
 using std::chrono::nanoseconds;
 
 struct Unit {
@@ -135,7 +136,11 @@ CLI::Option* AddDurationOption(CLI::App& command, const std::string& names, nano
       },
       help);
   *name = option->get_name();
-  return option->type_name("DURATION")->default_str(DurationText(value));
+  return option->type_name("DURATION")->default_str(value.count() == 0 ? "" : DurationText(value));
+}
+
+CLI::Option* AddForOption(CLI::App& command, nanoseconds& value) {
+  return AddDurationOption(command, "--for", value, {1ms, 24h * 365}, "End after this time");
 }
 
 nanoseconds ReadDuration(const std::string& text) {

@@ -47,6 +47,9 @@ struct DurationRange {
 CLI::Option* AddDurationOption(CLI::App& command, const std::string& names, std::chrono::nanoseconds& value,
                                DurationRange range, const std::string& help);
 
+/// Adds `--for DURATION`, after which a command ends by itself; 0, the default, is no end.
+CLI::Option* AddForOption(CLI::App& command, std::chrono::nanoseconds& value);
+
 /// @param text  a number and its unit: "500us", "200ms", "0.5s", "2min"; a bare 0 needs none
 std::chrono::nanoseconds ReadDuration(const std::string& text);
 

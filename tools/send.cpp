@@ -43,15 +43,6 @@ struct SendOptions {
   bool list = false;
 };
 
-/// The client with a look at its confirmation gate.
-class Sender : public MasterControllerClient {
- public:
-  using MasterControllerClient::MasterControllerClient;
-  bool IsConfirmationPending() const { return wait_confirm_; }
-  bool Confirmed() const { return last_recv_host_timestamp_ == last_send_timestamp_; }
-  int Timeouts() const { return timeout_count_; }
-};
-
 std::string ReadStandardInput() {
   std::string text;
   for (;;) {
@@ -75,7 +66,7 @@ SendPacket ReadDocument(const SendOptions& options) {
 
 /// What became of a command, as text or as one JSON object.
 void Print(const SendOptions& options, const SendPacket& packet, std::optional<std::int64_t> confirmed_after_ns,
-           int resends) {
+           std::uint64_t resends) {
   if (options.json) {
     nlohmann::ordered_json document = {{"link", ToString(options.link)}, {"bytes", packet.GetPacketSize()}};
     if (confirmed_after_ns) {
@@ -104,7 +95,7 @@ std::vector<unsigned char> Bytes(const SendPacket& packet) {
 
 /// Closing at once could overtake the frame: received bytes that nobody reads would reset the connection, and a serial
 /// device gets its old rate back. A slow line needs ten bits per byte.
-void Linger(Sender& client, const Link& link, int bytes) {
+void Linger(MasterControllerClient& client, const Link& link, int bytes) {
   auto linger = 50ms;
   if (link.kind == Link::Kind::Serial) linger += std::chrono::milliseconds(10'000LL * bytes / link.baud);
   for (const auto end = MonotonicNs() + std::chrono::nanoseconds(linger).count();
@@ -116,26 +107,23 @@ void Linger(Sender& client, const Link& link, int bytes) {
 
 /// Runs the client's steps until the echo has come. The client waits 101 of them before each of four resends and before
 /// it gives up, so the time-out is cut into as many.
-/// @return how often the command was sent again
-int AwaitEcho(Sender& client, const SendOptions& options, std::int64_t start) {
+void AwaitEcho(MasterControllerClient& client, const SendOptions& options, std::int64_t start) {
   constexpr int kSteps = 5 * 101;
   const std::int64_t step = options.timeout.count() / kSteps;
-  int resends = 0;
   for (std::int64_t next = start + step; client.IsConfirmationPending(); next += step) {
     WaitUntil(next);
     if (StopRequested()) throw Failure("interrupted before the echo came");
     client.ReceiveStatus();
     client.SendPacketInBuffer();
     if (!client.IsConnected()) throw Failure("lost " + ToString(options.link) + " before the echo came");
-    resends = std::max(resends, client.Timeouts());
   }
-  if (client.Confirmed()) return resends;
+  if (client.GetStatistics().commands_confirmed > 0) return;
   throw Failure(fmt::format("no echo from {} within {} and four resends; velta doctor finds out why",
                             ToString(options.link), RoundedDuration(MonotonicNs() - start)));
 }
 
 void Deliver(const SendOptions& options, SendPacket& packet) {
-  Sender client(options.joints);
+  MasterControllerClient client(options.joints);
   if (!OpenLink(client, options.link)) {
     throw Failure(fmt::format("cannot open {}: {}; velta doctor finds out more", ToString(options.link),
                               std::generic_category().message(errno)));
@@ -145,8 +133,8 @@ void Deliver(const SendOptions& options, SendPacket& packet) {
   client.SendPacketInBuffer();
   if (!client.IsConnected()) throw Failure("lost " + ToString(options.link) + " while sending");
   if (options.confirm) {
-    const int resends = AwaitEcho(client, options, start);
-    Print(options, packet, MonotonicNs() - start, resends);
+    AwaitEcho(client, options, start);
+    Print(options, packet, MonotonicNs() - start, client.GetStatistics().frames_sent_again);
   } else {
     Linger(client, options.link, packet.GetPacketSize());
     Print(options, packet, std::nullopt, 0);

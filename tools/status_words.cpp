@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "status_words.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cstddef>
 #include <iterator>
@@ -37,11 +39,6 @@ std::string TrajectoryWord(std::uint8_t code) { return Find(kTrajectoryStates, c
 
 bool HasFault(const rxJoint_t& joint) { return joint.systemMode == kFaultMode || joint.ewStatus != 0; }
 
-std::string StatusWord(std::uint32_t ew_status) {
-  if (ew_status == 0) return "ok";
-  std::string text = "0x00000000";
-  for (std::size_t i = text.size(); i-- > 2; ew_status >>= 4) text[i] = "0123456789abcdef"[ew_status & 0xF];
-  return text;
-}
+std::string StatusWord(std::uint32_t ew_status) { return ew_status == 0 ? "ok" : fmt::format("{:#010x}", ew_status); }
 
 }  // namespace velta::tools

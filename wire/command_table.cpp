@@ -104,7 +104,7 @@ const std::vector<CommandWord>& CommandWords() {
       Word<&SendPacket::SetTrajectoryPVAT>("trajectory-pvat", "position velocity acceleration time flag",
                                            "point with velocity and acceleration"),
       Word<&SendPacket::SetMoveHomePosition>("move-home-position", "", "move to the home position"),
-      Word<&SendPacket::SetGeneralRegisterType>("general-register-type", "a b",
+      Word<&SendPacket::SetGeneralRegisterType>("general-register-type", "first second",
                                                 "select what the general registers show"),
       Word<&SendPacket::SetPayload>("payload", "a b c d", "payload of the arm"),
       Word<&SendPacket::SetPayloadInertiaTensorDiagonal>("payload-inertia-tensor-diagonal", "a b c",

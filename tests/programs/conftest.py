@@ -5,6 +5,7 @@ import os
 import pathlib
 import queue
 import signal
+import socket
 import subprocess
 import tempfile
 import threading
@@ -152,13 +153,51 @@ def sim(velta):
     return start
 
 
+class Listener:
+    """A controller that accepts one host over TCP and says nothing by itself."""
+
+    def __init__(self):
+        self.listening = socket.create_server(("127.0.0.1", 0))
+        self.listening.settimeout(PATIENCE)
+        self.host = None
+
+    @property
+    def link(self):
+        return "tcp://127.0.0.1:%d" % self.listening.getsockname()[1]
+
+    def read(self, size):
+        """The next bytes; fewer at the connection's end."""
+        if self.host is None:
+            self.host = self.listening.accept()[0]
+            self.host.settimeout(PATIENCE)
+        data = b""
+        while len(data) < size and (more := self.host.recv(size - len(data))):
+            data += more
+        return data
+
+    def send(self, data):
+        self.host.sendall(data)
+
+    def close(self):
+        if self.host is not None:
+            self.host.close()
+        self.listening.close()
+
+
+@pytest.fixture
+def listener():
+    controller = Listener()
+    yield controller
+    controller.close()
+
+
 class Terminal:
     """A program in a terminal of its own, with its screen as a person sees it."""
 
     def __init__(self, *command, columns=120, lines=40):
         self.folder = tempfile.TemporaryDirectory()
         script = pathlib.Path(self.folder.name, "run")
-        script.write_text('"$@"\necho "EXIT $?"\nsleep 60\n')
+        script.write_text('trap : INT\n"$@"\necho "EXIT $?"\nsleep 60\n')
         self._tmux("new-session", "-d", "-s", "t", "-x", columns, "-y", lines, "sh", script, *command)
 
     def _tmux(self, *arguments):

@@ -1,0 +1,96 @@
+// SPDX-License-Identifier: MIT
+#include "ping_report.h"
+
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+using namespace velta::tools;
+
+namespace {
+
+constexpr std::int64_t kMs = 1'000'000;
+
+/// A run on which there is nothing to remark: 100 commands, a status each millisecond.
+PingReport GoodRun() {
+  PingReport report;
+  report.joints = 2;
+  report.sent = report.confirmed = 100;
+  report.round_trips.assign(100, kMs / 10);
+  report.wakeups.assign(100, kMs / 20);
+  for (int i = 0; i < 100; ++i) report.statuses.Add(i * kMs);
+  report.received = report.good = 100 * 182;
+  return report;
+}
+
+std::string FirstVerdict(const PingReport& report) { return Verdict(report).front(); }
+
+TEST(PingVerdict, IsGoodWhenNothingStandsOut) {
+  PingReport report = GoodRun();
+  report.received += 181;  // less than a frame is under way
+  EXPECT_EQ(Verdict(report), std::vector<std::string>{"good: every command was echoed, 99 % of them within 100 us"});
+}
+
+TEST(PingVerdict, SaysWhatIsMissingWithoutAnyEcho) {
+  PingReport report = GoodRun();
+  report.confirmed = 0;
+  EXPECT_EQ(FirstVerdict(report),
+            "the controller sends statuses, but echoes no command: look at the controller with velta doctor");
+  report.good = 0;
+  EXPECT_EQ(FirstVerdict(report), "bytes arrive, but no status of this joint count: check -n with velta doctor");
+  report.received = 0;
+  EXPECT_EQ(FirstVerdict(report), "no answer at all: look at the link and the controller with velta doctor");
+  report.sent = 0;
+  EXPECT_EQ(FirstVerdict(report), "nothing was measured");
+}
+
+TEST(PingVerdict, CountsBytesOfNoFrameAndResends) {
+  PingReport report = GoodRun();
+  report.received += 182;
+  report.resends = 7;
+  report.confirmed = 98;
+  const std::vector<std::string> verdict = Verdict(report);
+  ASSERT_EQ(verdict.size(), 2U);
+  EXPECT_EQ(verdict[0],
+            "look at the link: 182 bytes belong to no good frame (noise, cut frames, or another joint count)");
+  EXPECT_EQ(verdict[1], "look at the link or the controller: 7 commands had to be sent again, 2.0 % were never echoed");
+}
+
+TEST(PingVerdict, TellsThisMachinesLatenessFromASlowEcho) {
+  PingReport report = GoodRun();
+  report.round_trips.back() = 6 * kMs;
+  EXPECT_EQ(FirstVerdict(report),
+            "look at the controller or the link: this machine wakes in time, but the slowest echo took 6.00 ms, 60 "
+            "times the median");
+  report.round_trips.back() = 5 * kMs;  // neither often nor long enough
+  EXPECT_EQ(FirstVerdict(report).substr(0, 5), "good:");
+  report.round_trips.back() = 6 * kMs;
+  report.wakeups.assign(100, 2 * kMs);
+  EXPECT_EQ(FirstVerdict(report),
+            "look at this machine: 1 % of its wake-ups are more than 2.00 ms late (busy processors, power saving, no "
+            "real-time priority)");
+}
+
+TEST(PingVerdict, SeesStatusesThatComeIrregularly) {
+  PingReport report = GoodRun();
+  report.statuses = Arrivals(true);
+  for (int i = 0; i < 20; ++i) report.statuses.Add((i + i / 10 * 100) * kMs);
+  EXPECT_EQ(FirstVerdict(report).substr(0, 57), "look at the controller: its statuses come every 6.26 ms, ");
+}
+
+TEST(PingJson, HasRoundedNumbersAndNullWithoutAnEcho) {
+  PingReport report = GoodRun();
+  report.round_trips.front() = 12'345;
+  report.confirmed = 97;
+  auto json = ToJson(report);
+  EXPECT_EQ(json["round_trip_us"]["min"].dump(), "12.3");
+  EXPECT_EQ(json["round_trip_us"]["max"].dump(), "100.0");
+  EXPECT_EQ(json["loss_percent"].dump(), "3.0");
+  EXPECT_EQ(json["late_wakeup_p99_us"].dump(), "50.0");
+  EXPECT_EQ(json["status"].dump(),
+            R"({"count":100,"rate_hz":1000.0,"jitter_us":0.0,"longest_silence_us":1000.0,"gaps":0})");
+  report.round_trips.clear();
+  EXPECT_TRUE(ToJson(report)["round_trip_us"].is_null());
+}
+
+}  // namespace

@@ -1,0 +1,103 @@
+# SPDX-License-Identifier: MIT
+import json
+import re
+
+import pytest
+from conftest import wait_until
+
+
+def send(velta, link, *words):
+    assert velta("send", link, "-n", 3, "--confirm", "--timeout", "10s", *words).status == 0
+
+
+def test_screen_shows_the_arm_and_obeys_keys_and_resizing(velta, sim, terminal):
+    link = sim()
+    fault = ('{"armOrder":"0","jointCommand":[{"jointName":"2","jointOrder":"255","value1":"12","value2":"0",'
+             '"value3":"0","value4":"0"}]}')
+    send(velta, link, "servo-on", "--select", "0/2")
+    send(velta, link, "--document", fault)
+    shown = terminal("monitor", "-n", 3, link, lines=24)
+    screen = shown.wait_for("0x0000000c")
+    for row in (f"{link}  3 joints", " Hz  age ", "position of joint 0", ">0 .*servo on  trajectory          ok         idle",
+                " 1!.*FAULT  trajectory  0x0000000c         idle"):
+        assert re.search(row, screen), screen
+    send(velta, link, "position-control-mode", "--select", 2)
+    send(velta, link, "ref-position", 42, "--select", 2)
+    shown.wait_for(lambda screen: re.search(r"42\.0000\*.*position\*", screen))
+    shown.wait_for(lambda screen: "42.0000*" not in screen)  # the mark fades
+    shown.press("Down", "Down", "Down")  # stays on the last
+    shown.wait_for(lambda screen: ">2 " in screen and "position of joint 2" in screen and "0.0000 to 42.0000" in screen)
+    shown.press("2")
+    shown.wait_for(lambda screen: "velocity" not in screen)
+    shown.press("p")
+    shown.wait_for("PAUSED")
+    send(velta, link, "ref-position", 43, "--select", 2)
+    shown.press("Up")
+    assert "43.0000" not in shown.wait_for("position of joint 1")
+    shown.press("p")
+    shown.wait_for("43.0000")
+    shown.resize(64, 12)  # the least important columns give way
+    shown.wait_for(lambda screen: "temp" not in screen and re.search("joint .*status   trajectory", screen))
+    shown.resize(10, 2)
+    shown.resize(120, 24)
+    shown.wait_for("trajectory")
+    link.program.stop()
+    screen = shown.wait_for("trying again")
+    assert f"{link}: " in screen and "43.0000" in screen  # the last status stays in sight
+    shown.press("q")
+    assert "watched for " in shown.wait_for("EXIT 0")
+
+
+def test_screen_leaves_the_terminal_in_order_on_ctrl_c(sim, terminal):
+    shown = terminal("monitor", "-n", 3, sim())
+    shown.wait_for("q quit")
+    shown.press("C-c")
+    assert "q quit" not in shown.wait_for("EXIT 0")
+
+
+@pytest.mark.parametrize("endpoint", ["tcp://127.0.0.1:0", "udp://127.0.0.1:0", "pty:"])
+def test_lines_come_from_a_controller_that_only_answers(velta, sim, endpoint):
+    monitor = velta.start("monitor", "-n", 3, sim("--on-command", endpoint=endpoint), "--poll", "20ms")
+    assert monitor.line().endswith(" | J0 0.0000 servo off | J1 0.0000 servo off | J2 0.0000 servo off")
+    rate = wait_until(lambda: float(monitor.line().split(" Hz")[0]))
+    assert rate < 51  # one question in 20 ms, not in 100 ms or less
+    assert monitor.stop().status == 0
+
+
+def test_never_asks_without_a_poll(velta, sim):
+    link = sim("--on-command")
+    run = velta("monitor", "-n", 3, link, "--poll", "0", "--for", "300ms")
+    assert (run.status, run.stdout) == (1, "watched for 0.3 s: no status yet  discarded 0 bytes\n")
+    assert link.stop()["commands"] == 0
+
+
+def test_asks_no_controller_that_speaks(velta, sim):
+    link = sim()
+    assert velta("monitor", "-n", 3, link, "--poll", "500ms", "--count", 700).status == 0
+    assert link.stop()["commands"] == 0
+
+
+def test_ends_when_the_link_is_lost(velta, sim):
+    link = sim("--fault", "close=50")
+    run = velta("monitor", "-n", 3, link)
+    assert (run.status, run.stderr) == (1, f"velta: {link}: the other end closed the link\n")
+    assert "statuses 50 " in run.stdout
+
+
+def test_json_prints_one_document_per_status(velta, sim):
+    run = velta("monitor", "-n", 3, sim(), "--json", "--count", 20)
+    assert run.status == 0 and run.stderr.startswith("watched for ")
+    documents = [json.loads(line) for line in run.stdout.splitlines()]
+    stamps = [int(document["timestamp"]) for document in documents]
+    assert len(stamps) == 20 and stamps == sorted(stamps)
+    assert documents[0]["jointState"][2]["joint_id"] == "3"
+
+
+def test_via_shows_what_passes_between_host_and_controller(velta, sim):
+    monitor = velta.start("monitor", "-n", 3, sim("--on-command"), "--via", "tcp://127.0.0.1:0", "--json")
+    via = monitor.line("listening on ")
+    send(velta, via, "servo-on", "--select", "all")
+    assert velta("ping", via, "-n", 3, "--count", 20).status == 0
+    monitor.stop()
+    assert monitor.status == 0 and "statuses 21  discarded 0 bytes" in monitor.stderr
+    assert json.loads(monitor.stdout.splitlines()[0])["jointState"][0]["systemMode"] == "2"

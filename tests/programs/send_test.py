@@ -1,0 +1,138 @@
+# SPDX-License-Identifier: MIT
+import json
+import pathlib
+import re
+import struct
+
+import pytest
+from frames import command
+
+NOWHERE = "tcp://127.0.0.1:1"
+INTEGERS = ("MODE", "NUMBER", "FIRST", "SECOND")
+DOCUMENT = ('{"armOrder":"0","jointCommand":[{"jointName":"2","jointOrder":"17","value1":"0.5","value2":"0",'
+            '"value3":"0","value4":"0"}]}')
+
+
+def dry(velta, *arguments, joints=3, **options):
+    """The frame that would be sent, and the same frame put together by hand: dry(...)(orders, arm)."""
+    run = velta("send", NOWHERE, "-n", joints, "--dry-run", *arguments, **options)
+    assert (run.status, run.stderr) == (0, "")
+    frame = bytes.fromhex(run.stdout)
+    stamp = struct.unpack_from("<Q", frame, 2)[0]
+    return frame, lambda orders={}, arm=0: command(stamp, joints, orders, arm)
+
+
+def velta_link(link):
+    """As the programs print it: with the baud rate of a serial link."""
+    return link + "?baud=115200" if link.startswith("serial:") else link
+
+
+def rows():
+    """The commands of the table in docs/codes.md: (words to type, code, values of the frame)."""
+    text = pathlib.Path(__file__).parents[2].joinpath("docs/codes.md").read_text()
+    for line in text.splitlines():
+        if match := re.match(r"\| `([a-z0-9-]+)((?: [A-Z]+)*)` \| (arm )?0x(..)(?: / 0x(..))? \| ([^|]*)\|", line):
+            word, names, arm, code, clear, values = match.groups()
+            names = names.split()
+            arguments = [str(i + (2 if name in INTEGERS else 2.5)) for i, name in enumerate(names)]
+            flags = ["1", "0"] if "FLAG" in names else [None]
+            for flag, shown in zip(flags, (code, clear)):
+                typed = [flag if name == "FLAG" else argument for name, argument in zip(names, arguments)]
+                given = dict(zip(names, typed))
+                yield [word, *typed], bool(arm), int(shown, 16), [float(given.get(v, v)) for v in values.split()]
+
+
+def test_every_word_becomes_the_frame_of_the_table(velta):
+    words = set()
+    for typed, of_arm, code, values in rows():
+        words.add(typed[0])
+        frame, expected = dry(velta, *typed, *([] if of_arm else ["--select", "0/2"]))
+        by_hand = expected({0: (0, *values)}, code) if of_arm else expected({0: (code, *values), 2: (code, *values)})
+        assert frame == by_hand, typed
+    assert words == {line.split()[0] for line in velta("send", "--list").stdout.splitlines()}
+
+
+@pytest.mark.parametrize("words, complaint", [
+    ("servo-on", "servo-on needs --select: all, or indices from 0 as in 0/2/5"),
+    ("servo-on --select 3", "--select 3: '3' is not a joint of this arm (0 to 2)"),
+    ("servo-on --select 0//1", "--select 0//1: '' is not a joint of this arm (0 to 2)"),
+    ("servo-on --select 0/", "--select 0/: '' is not a joint of this arm (0 to 2)"),
+    ("servo-on --select ALL", "--select ALL: 'ALL' is not a joint of this arm (0 to 2)"),
+    ("servo-on 1 --select all", "servo-on takes 0 arguments, not 1; velta send --list shows them"),
+    ("ref-position 30deg --select all", "ref-position: position '30deg' is not a finite 32-bit real number"),
+    ("ref-position nan --select all", "ref-position: position 'nan' is not a finite 32-bit real number"),
+    ("ref-position 1e39 --select all", "ref-position: position '1e39' is not a finite 32-bit real number"),
+    ("control-mode 1.5 --select all", "control-mode: mode '1.5' is not an integer of up to 24 bits"),
+    ("control-mode 16777217 --select all", "control-mode: mode '16777217' is not an integer of up to 24 bits"),
+    ("control-mode -2147483648 --select all", "control-mode: mode '-2147483648' is not an integer of up to 24 bits"),
+    ("trajectory-pvt 1 2 3 yes --select all", "trajectory-pvt: flag 'yes' is not 0 or 1"),
+    ("payload 1 2 3 4 --select 0", "payload commands the whole arm and takes no --select"),
+    ("servo-no --select all", "unknown command 'servo-no' (did you mean 'servo-on'?); velta send --list shows all"),
+    ("", "send takes either a command or --document; velta send --list shows the commands"),
+    ("--document {} --select all", "--document names its joints itself; leave --select out"),
+    ("servo-on --select all --timeout 2", "'2' is not a duration: give a number and its unit, as in 200ms, 0.5s or 2min"
+     "; see velta send --help"),
+    ("servo-on --select all --timeout 2h", "'2h' is not a duration: give a number and its unit, as in 200ms, 0.5s or 2min"
+     "; see velta send --help"),
+    ("servo-on --select all --timeout 1ms", "--timeout takes 10ms to 60min, not 1ms; see velta send --help"),
+])
+def test_refuses_what_it_cannot_mean(velta, words, complaint):
+    run = velta("send", NOWHERE, "-n", 3, *words.split())
+    assert (run.status, run.stdout, run.stderr) == (2, "", f"velta: {complaint}\n")
+
+
+def test_integers_travel_exactly(velta):
+    for mode in (16777216, -16777216):
+        frame, expected = dry(velta, "control-mode", mode, "--select", 1)
+        assert frame == expected({1: (0xA3, mode)})
+
+
+def test_documents_come_from_the_argument_or_standard_input(velta):
+    for source, typed in ((DOCUMENT, ""), ("-", DOCUMENT)):
+        frame, expected = dry(velta, "--document", source, joints=2, input=typed)
+        assert frame == expected({1: (17, 0.5)})
+    for broken in ("{", '{"armOrder":0,"jointCommand":[]}'):
+        run = velta("send", NOWHERE, "-n", 3, "--document", broken)
+        assert (run.status, run.stderr) == (1, "velta: --document: not a command document; nothing was sent\n")
+    assert "commands nothing" in velta("send", NOWHERE, "-n", 1, "--document", DOCUMENT, "--dry-run").stderr
+
+
+def test_frame_arrives_whole_although_statuses_wait(velta, sim):
+    for endpoint in ("tcp://127.0.0.1:0", "pty:"):
+        link = sim(endpoint=endpoint)
+        run = velta("send", link, "-n", 3, "ref-position", "0.5", "--select", 0)
+        assert (run.status, run.stdout) == (0, f"sent 67 bytes to {velta_link(link)}\n")
+        counts = link.stop()
+        assert (counts["commands"], counts["bad_crc"], counts["garbage_bytes"]) == (1, 0, 0)
+
+
+@pytest.mark.parametrize("endpoint, options, resends", [
+    ("tcp://127.0.0.1:0", ["--on-command"], 0),
+    ("udp://127.0.0.1:0", ["--on-command"], 0),
+    ("pty:", [], None),
+    ("tcp://127.0.0.1:0", ["--script", "drop-first"], 1),
+])
+def test_confirms_on_every_kind_of_link(velta, sim, tmp_path, endpoint, options, resends):
+    script = tmp_path / "drop-first"
+    script.write_text('{"fault": "drop-command", "at_command": 1}')
+    link = sim(*[script if option == "drop-first" else option for option in options], endpoint=endpoint)
+    run = velta("send", link, "-n", 3, "servo-on", "--select", "all", "--confirm", "--timeout", "5s", "--json")
+    assert (run.status, run.stderr) == (0, "")
+    answer = json.loads(run.stdout)
+    assert (answer["link"], answer["bytes"]) == (velta_link(link), 67)
+    assert answer["resends"] == resends or resends is None
+
+
+def test_gives_up_after_its_timeout(velta, sim):
+    for fault, timeout in (("no-echo", 1.1), ("stale-echo", 0.2), ("drop-status", 0.2)):  # 0.5 s is usual
+        link = sim("--fault", fault)
+        run = velta("send", link, "-n", 3, "servo-on", "--select", "all", "--confirm", "--timeout", f"{timeout}s")
+        assert (run.status, run.stdout) == (1, "")
+        assert run.stderr.startswith(f"velta: no echo from {link} within ")
+        assert run.seconds >= timeout
+
+
+def test_says_that_it_cannot_connect(velta):
+    run = velta("send", NOWHERE, "-n", 3, "servo-on", "--select", "all")
+    assert (run.status, run.stderr) == (
+        1, f"velta: cannot open {NOWHERE}: Connection refused; velta doctor finds out more\n")

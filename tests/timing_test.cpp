@@ -1,0 +1,72 @@
+// SPDX-License-Identifier: MIT
+#include "timing.h"
+
+#include <gtest/gtest.h>
+
+#include <utility>
+
+using namespace velta::tools;
+
+namespace {
+
+constexpr std::int64_t kMs = 1'000'000;
+
+TEST(Percentile, IsTheSmallestValueThatCoversTheShare) {
+  constexpr std::pair<double, std::int64_t> kRanks[] = {{0, 1}, {0.5, 5}, {0.9, 9}, {0.99, 10}, {1, 10}};
+  for (const auto& [rank, value] : kRanks) EXPECT_EQ(Percentile({1, 2, 3, 4, 5, 6, 7, 8, 9, 10}, rank), value);
+  EXPECT_EQ(Percentile({}, 0.5), 0);
+}
+
+TEST(RoundedDuration, HasThreeDigitsInTheUnitThatSuits) {
+  constexpr std::pair<double, const char*> kDurations[] = {
+      {850, "850 ns"}, {1000, "1.00 us"}, {12'340, "12.3 us"}, {999e6, "999 ms"}, {1.5e9, "1.50 s"}};
+  for (const auto& [ns, text] : kDurations) EXPECT_EQ(RoundedDuration(ns), text);
+}
+
+TEST(Histogram, HasALinePerDoubling) {
+  EXPECT_TRUE(Histogram({}, 4).empty());
+  EXPECT_EQ(Histogram({1999, 2000, 3999, 3999, 3999, 8000}, 4),
+            (std::vector<std::string>{" 1.00 us ..  2.00 us |#   | 1", " 2.00 us ..  4.00 us |####| 4",
+                                      " 4.00 us ..  8.00 us |    | 0", " 8.00 us ..  16.0 us |#   | 1"}));
+}
+
+class ArrivalsTest : public testing::Test {
+ protected:
+  void Arrive(int count, std::int64_t period_ns) {
+    for (int i = 0; i < count; ++i) arrivals.Add(now += period_ns);
+  }
+
+  Arrivals arrivals;
+  std::int64_t now = 5000 * kMs;
+};
+
+TEST_F(ArrivalsTest, MeasuresTheLastSecond) {
+  Arrive(100, 2 * kMs);
+  EXPECT_DOUBLE_EQ(arrivals.Measure().rate_hz, 500);
+  EXPECT_DOUBLE_EQ(arrivals.Measure().jitter_ns, 0);
+  Arrive(1, 11 * kMs);
+  EXPECT_EQ(arrivals.Measure().longest, 11 * kMs);
+  EXPECT_GT(arrivals.Measure().jitter_ns, 0.5e6);
+  Arrive(600, 2 * kMs);
+  EXPECT_EQ(arrivals.Measure().longest, 2 * kMs);
+  EXPECT_EQ(arrivals.Last(), now);
+  EXPECT_EQ(arrivals.Count(), 701);
+}
+
+TEST_F(ArrivalsTest, CountsSilencesOfMoreThanFivePeriodsAsGaps) {
+  Arrive(100, 2 * kMs);
+  Arrive(1, 10 * kMs);
+  EXPECT_EQ(arrivals.Gaps(), 0);
+  Arrive(1, 11 * kMs);
+  EXPECT_EQ(arrivals.Gaps(), 1);
+}
+
+TEST_F(ArrivalsTest, CountsNoSilenceOfLessThan5msAsAGap) {
+  Arrive(100, kMs / 10);
+  Arrive(1, 5 * kMs);
+  EXPECT_EQ(arrivals.Gaps(), 0);
+  Arrive(1, 5 * kMs + 1);
+  EXPECT_EQ(arrivals.Gaps(), 1);
+}
+
+}  // namespace
