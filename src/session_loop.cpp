@@ -388,8 +388,9 @@ bool SessionLoop::ChooseFromKeys() {
 // fit stays where it is, so that the commands of one source keep their order.
 bool SessionLoop::ChooseFromSources() {
   bool is_confirmed = false;
+  const std::size_t first = first_source_;
   for (std::size_t i = 0; i < sources_.size(); ++i) {
-    const std::size_t at = (first_source_ + i) % sources_.size();
+    const std::size_t at = (first + i) % sources_.size();
     Stream& source = *sources_[at];
     if (ValidFront(source) == nullptr) continue;
     if (carried_.empty()) {
