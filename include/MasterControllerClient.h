@@ -126,10 +126,10 @@ class VELTA_API MasterControllerClient {
   /// Queues one command document: {"armOrder":"0","jointCommand":[{"jointName":"1","jointOrder":"17","value1":"0.5",
   /// "value2":"0","value3":"0","value4":"0"}]}. All values are strings; jointName counts from 1; joints that the arm
   /// does not have are skipped; the last command of a joint wins.
-  /// @return false, with nothing queued, for text that is not such a document (also one nested over 512 deep)
+  /// @return false, with nothing queued, for text that is not such a document (also one nested more than 100 deep)
   bool PushSendQueueJson(const std::string& json, bool confirm_received);
 
-  SendPacket PopSendQueue();  ///< removes the front packet (from an empty queue: an idle one); takes the mutex
+  SendPacket PopSendQueue();  ///< removes the front packet; from an empty queue SendPacket(0); takes the mutex
   void FlushSendBuffer();     ///< empties the plain queue only; takes the mutex
   std::size_t GetSendBufferSize() const;  ///< packets in the plain queue
 
@@ -202,7 +202,7 @@ class VELTA_API MasterControllerClient {
  private:
   bool InitAs(std::unique_ptr<AbstractClient> client);
   void Enqueue(SendPacket&& packet);
-  void PopInto(SendPacket& packet);
+  bool TakeFront(SendPacket& packet);
   void CountQueued();  ///< after each change of send_queue_, with the mutex still held
   void GiveUp();
 };

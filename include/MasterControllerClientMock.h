@@ -100,9 +100,6 @@ class VELTA_API MasterControllerClientMock : public MasterControllerClient {
   std::vector<TrajViaPoint> traj_target_;                  ///< n points that the running segments move to
   std::vector<TrajViaPoint> traj_start_;                   ///< n points that they started from
   std::mutex state_mutex_;                                 ///< guards the simulated status and trajectories
-
- private:
-  RecvPacket snapshot_;  ///< what the receive step hands on; kept for its memory
 };
 
 #endif  // VELTA_MASTER_CONTROLLER_CLIENT_MOCK_H_

@@ -19,8 +19,9 @@ class VELTA_API RecvPacket {
   explicit RecvPacket(int jointNum);
   RecvPacket(const RecvPacket&) = default;
   RecvPacket& operator=(const RecvPacket&) = default;
-  RecvPacket(RecvPacket&& other) noexcept;             ///< leaves a packet without joints behind
-  RecvPacket& operator=(RecvPacket&& other) noexcept;  ///< exchanges the contents
+  RecvPacket(RecvPacket&& other) noexcept;             ///< leaves a packet without joints
+  RecvPacket& operator=(RecvPacket&& other) noexcept;  ///< leaves a packet without joints, too
+  void swap(RecvPacket& other) noexcept;
   virtual ~RecvPacket();
 
   rxHeader_t header{};            ///< frame bytes 0..21

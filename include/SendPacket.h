@@ -78,8 +78,9 @@ class VELTA_API SendPacket {
   explicit SendPacket(int jointNum);
   SendPacket(const SendPacket&) = default;
   SendPacket& operator=(const SendPacket&) = default;
-  SendPacket(SendPacket&& other) noexcept;             ///< leaves a packet without joints behind
-  SendPacket& operator=(SendPacket&& other) noexcept;  ///< exchanges the contents
+  SendPacket(SendPacket&& other) noexcept;             ///< leaves a packet without joints
+  SendPacket& operator=(SendPacket&& other) noexcept;  ///< leaves a packet without joints, too
+  void swap(SendPacket& other) noexcept;
   virtual ~SendPacket();
 
   txHeader_t header;              ///< frame bytes 0..10

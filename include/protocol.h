@@ -20,6 +20,8 @@
 ///
 /// The records are packed: copy a field before binding a reference to it (`float p = j.position;`).
 
+static_assert(sizeof(unsigned long) == 8,
+              "Velta needs a 64-bit platform: time stamps of 64 bits travel as unsigned long");
 static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "frame fields are copied as they lie in memory");
 
 namespace velta {
@@ -95,8 +97,8 @@ static_assert(sizeof(rxJoint_t) == 79 && alignof(rxJoint_t) == 1 && offsetof(rxJ
 
 namespace velta {
 
-/// Sizes of a packet of n joints. Counts outside int are held at its bounds, so no joint count overflows; a negative
-/// joint count gives a negative size, which no frame ever has.
+/// Sizes of a packet of n joints. Counts outside int are held at its bounds, so no joint count overflows; a status
+/// frame of such a size, or of a negative one, is never accepted.
 struct FrameSizes {
   int header;  ///< bytes before the first record
   int data;    ///< bytes of the n records

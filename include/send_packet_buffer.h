@@ -2,9 +2,9 @@
 #ifndef VELTA_SEND_PACKET_BUFFER_H_
 #define VELTA_SEND_PACKET_BUFFER_H_
 
-#include <array>
-#include <cstddef>
+#include <cstdint>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <unordered_map>
@@ -41,25 +41,26 @@ class VELTA_API SendPacketBuffer {
   bool empty() const;
 
  protected:
-  int index_ = 0;                                        ///< number of the next arrival
-  std::map<int, SendPacket> packet_map_;                 ///< every packet, by arrival
-  std::unordered_map<std::string, int> unique_key_map_;  ///< arrival of each unique key's packet
+  std::int64_t index_ = 0;                                        ///< number of the next arrival
+  std::map<std::int64_t, SendPacket> packet_map_;                 ///< every packet, by arrival
+  std::unordered_map<std::string, std::int64_t> unique_key_map_;  ///< arrival of each unique key's packet
   mutable std::mutex mutex_;
 
  private:
   friend class SendPacketMerger;
 
+  using Nodes = std::map<std::int64_t, SendPacket>;
+  struct Parts;
+
   /// popAllPackets that leaves the ordinary packets in their nodes.
-  std::map<int, SendPacket> TakeAll(std::unordered_map<std::string, SendPacket>& unique_packets);
+  Nodes TakeAll(std::unordered_map<std::string, SendPacket>& unique_packets);
   /// Takes nodes back that are done with, for their memory; none where the mutex is held right now.
-  void Recycle(std::map<int, SendPacket>& nodes);
+  void Recycle(Nodes& nodes);
 
   void TakeUnique(std::unordered_map<std::string, SendPacket>& unique_packets);
-  void Keep(std::map<int, SendPacket>& nodes);
+  void Keep(Nodes& nodes);
 
-  // Nodes of packet_map_ that are done with, kept for their memory; guarded by mutex_.
-  std::array<std::map<int, SendPacket>::node_type, 16> spare_nodes_;
-  std::size_t spare_count_ = 0;
+  std::unique_ptr<Parts> parts_;
 };
 
 #endif  // VELTA_SEND_PACKET_BUFFER_H_

@@ -2,6 +2,7 @@
 #include "MasterControllerClient.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "SerialClient.h"
@@ -112,8 +113,10 @@ std::size_t MasterControllerClient::CutStatus(std::vector<RecvPacket>& packets) 
   const velta::detail::Received received =
       velta::detail::ReceiveFrames(*packet_parser_, bytes, parts_->joined_bytes, packets);
   parts_->frames_received.Add(received.packets);
-  parts_->frames_bad_crc.Add(received.bad_crc);
-  parts_->bytes_discarded.Add(received.discarded);
+  if (received.discarded != 0) {
+    parts_->frames_bad_crc.Add(received.bad_crc);
+    parts_->bytes_discarded.Add(received.discarded);
+  }
   return received.packets;
 }
 
@@ -128,7 +131,7 @@ int MasterControllerClient::ReceiveStatus() {
       parts_->packets_refused.Add(1);
     }
     last_recv_host_timestamp_ = packets[i].header.hostTimestamp;
-    last_recv_packet_ = std::move(packets[i]);  // an exchange: the older packet becomes a spare
+    last_recv_packet_.swap(packets[i]);  // the older packet's memory is used again
   }
   parts_->spare_packets = std::move(packets);
   return static_cast<int>(found);
@@ -146,29 +149,29 @@ void MasterControllerClient::FlushRecvBuffer() {
   parts_->packets_waiting.Set(0);
 }
 
-// Taking and emptying are two steps, deliberately: a packet that arrives between them is discarded.
+// Taking and emptying are two steps, deliberately: a packet that arrives between them is discarded. The buffer keeps
+// its storage, so that its size, which the receive step reads without the mutex, is right at any moment.
 std::vector<RecvPacket> MasterControllerClient::GetCurStatePacket() {
   std::vector<RecvPacket> packets;
   {
     const std::lock_guard<std::mutex> lock(*mutex_);
-    if (!recv_buffer_.empty()) {
-      std::vector<RecvPacket> next;
-      next.reserve(recv_buffer_.size());  // as many packets can be expected again
-      packets.swap(recv_buffer_);
-      recv_buffer_.swap(next);
-    }
+    packets.assign(std::make_move_iterator(recv_buffer_.begin()), std::make_move_iterator(recv_buffer_.end()));
   }
   FlushRecvBuffer();
   return packets;
 }
 
 std::vector<std::string> MasterControllerClient::GetCurStateJson() {
-  return velta::detail::StatesToJson(GetCurStatePacket(), joint_num_);
+  const std::vector<RecvPacket> packets = GetCurStatePacket();
+  std::vector<std::string> documents;
+  documents.reserve(packets.size());
+  for (const RecvPacket& packet : packets) documents.push_back(parts_->state_document.Text(packet, joint_num_));
+  return documents;
 }
 
 RecvPacket MasterControllerClient::GetLastRecvPacket() const { return last_recv_packet_; }
 
-// No mutex, deliberately, here and in GetSendBufferSize: a subclass may hold it.
+// No mutex, deliberately, here and in GetSendBufferSize: a subclass may hold it. Other threads have GetStatistics().
 std::size_t MasterControllerClient::GetRecvBufferSize() const { return recv_buffer_.size(); }
 
 std::size_t MasterControllerClient::GetSendBufferSize() const { return send_queue_.size(); }
@@ -206,19 +209,17 @@ bool MasterControllerClient::PushSendQueueJson(const std::string& json, bool con
 
 SendPacket MasterControllerClient::PopSendQueue() {
   SendPacket packet(0);
-  PopInto(packet);
+  TakeFront(packet);
   return packet;
 }
 
-void MasterControllerClient::PopInto(SendPacket& packet) {
+bool MasterControllerClient::TakeFront(SendPacket& packet) {
   const std::lock_guard<std::mutex> lock(*mutex_);
-  if (send_queue_.empty()) {  // another thread flushed it: nothing is commanded
-    packet = SendPacket(joint_num_);
-    return;
-  }
-  packet = std::move(send_queue_.front());
+  if (send_queue_.empty()) return false;  // another thread may have flushed it
+  packet.swap(send_queue_.front());
   send_queue_.pop_front();
   CountQueued();
+  return true;
 }
 
 void MasterControllerClient::FlushSendBuffer() {
@@ -260,7 +261,7 @@ void MasterControllerClient::MergeIndependentSendPacketBuffer() {
   for (const auto& entry : named) buffers.push_back(entry.second);
   for (SendPacket& packet : SendPacketMerger::getMergedPacket(buffers, joint_num_)) {
     if (packet.IsUnique()) {
-      unique_send_map_.Place(packet.GetUniqueKey(), std::move(packet));
+      unique_send_map_.Insert(packet.GetUniqueKey(), std::move(packet));
     } else {
       Enqueue(std::move(packet));
     }
@@ -281,14 +282,12 @@ bool MasterControllerClient::SendOnce(SendPacket& packet, bool keep_timestamp) {
 }
 
 bool MasterControllerClient::TakeNextPacket() {
-  // The queue's size is read without the mutex, deliberately: only this thread takes packets out.
-  if (GetSendBufferSize() != 0) {
-    PopInto(cur_send_packet_);
-    return true;
-  }
+  // The queue's size is read without the mutex, deliberately. Other threads push and flush meanwhile, so the count
+  // tells what is surely there, and taking tells what is still there.
+  if ((parts_->commands_queued.Get() != 0 || GetSendBufferSize() != 0) && TakeFront(cur_send_packet_)) return true;
   const std::string* const key = unique_send_map_.FirstNotSentKey();
   if (key == nullptr) return false;
-  cur_send_packet_ = unique_send_map_.GetSendPacket(*key);
+  unique_send_map_.GetSendPacket(*key).swap(cur_send_packet_);
   return true;
 }
 

@@ -52,8 +52,7 @@ MasterControllerClientMock::MasterControllerClientMock(int joint_num, int cycle_
       inner_state_(joint_num),
       traj_via_points_(inner_state_.joints.size()),
       traj_target_(inner_state_.joints.size()),
-      traj_start_(inner_state_.joints.size()),
-      snapshot_(joint_num) {
+      traj_start_(inner_state_.joints.size()) {
   is_init_ = true;  // without any link, deliberately: the facade behaves as if one were open
   is_connected_ = true;
   inner_state_.header.timestamp = 0;
@@ -68,11 +67,14 @@ MasterControllerClientMock::~MasterControllerClientMock() {
 
 // The state is copied without state_mutex_, deliberately: a snapshot may mix the values of two cycles.
 int MasterControllerClientMock::ReceiveStatus() {
-  snapshot_ = inner_state_;
-  PushRecvBuffer(snapshot_);
-  last_recv_packet_ = std::move(snapshot_);
+  std::vector<RecvPacket>& spare = parts_->spare_packets;
+  if (spare.empty()) spare.emplace_back(joint_num_);
+  RecvPacket& snapshot = spare.front();
+  snapshot = inner_state_;
+  PushRecvBuffer(snapshot);
+  last_recv_packet_.swap(snapshot);
   parts_->frames_received.Add(1);
-  return static_cast<int>(recv_buffer_.size());
+  return static_cast<int>(GetRecvBufferSize());
 }
 
 // The receive buffer has no bound on this road, deliberately: a host that never collects lets it grow.

@@ -40,6 +40,7 @@ void PacketParser::SearchHeader() {
 std::vector<RecvPacket> PacketParser::Parse() {
   std::vector<char> nothing_more;
   std::vector<RecvPacket> packets;
+  if (buffer.size() < velta::detail::StatusFrameSize(jointNum)) return packets;
   velta::detail::ReceiveFrames(*this, nothing_more, parts_->joined, packets);
   constexpr std::size_t kMostKept = 1 << 17;  // twice what one read can bring
   if (parts_->joined.capacity() > kMostKept) std::vector<char>().swap(parts_->joined);

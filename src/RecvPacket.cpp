@@ -26,13 +26,22 @@ RecvPacket::RecvPacket(RecvPacket&& other) noexcept
       packetSize(std::exchange(other.packetSize, kNoJoints.packet)) {}
 
 RecvPacket& RecvPacket::operator=(RecvPacket&& other) noexcept {
+  header = other.header;
+  joints = std::move(other.joints);
+  jointNum = std::exchange(other.jointNum, 0);
+  headerSize = other.headerSize;
+  dataSize = std::exchange(other.dataSize, kNoJoints.data);
+  packetSize = std::exchange(other.packetSize, kNoJoints.packet);
+  return *this;
+}
+
+void RecvPacket::swap(RecvPacket& other) noexcept {
   std::swap(header, other.header);
   joints.swap(other.joints);
   std::swap(jointNum, other.jointNum);
   std::swap(headerSize, other.headerSize);
   std::swap(dataSize, other.dataSize);
   std::swap(packetSize, other.packetSize);
-  return *this;
 }
 
 RecvPacket::~RecvPacket() = default;

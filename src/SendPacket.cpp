@@ -82,6 +82,19 @@ SendPacket::SendPacket(SendPacket&& other) noexcept
       uniqueKey(std::move(other.uniqueKey)) {}
 
 SendPacket& SendPacket::operator=(SendPacket&& other) noexcept {
+  header = other.header;
+  joints = std::move(other.joints);
+  jointNum = std::exchange(other.jointNum, 0);
+  headerSize = other.headerSize;
+  dataSize = std::exchange(other.dataSize, kNoJoints.data);
+  packetSize = std::exchange(other.packetSize, kNoJoints.packet);
+  confirmReceived = other.confirmReceived;
+  isUnique = other.isUnique;
+  uniqueKey = std::move(other.uniqueKey);
+  return *this;
+}
+
+void SendPacket::swap(SendPacket& other) noexcept {
   std::swap(header, other.header);
   joints.swap(other.joints);
   std::swap(jointNum, other.jointNum);
@@ -91,7 +104,6 @@ SendPacket& SendPacket::operator=(SendPacket&& other) noexcept {
   std::swap(confirmReceived, other.confirmReceived);
   std::swap(isUnique, other.isUnique);
   uniqueKey.swap(other.uniqueKey);
-  return *this;
 }
 
 SendPacket::~SendPacket() = default;

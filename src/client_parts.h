@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "MasterControllerClient.h"
+#include "json_bridge.h"
 
 namespace velta::detail {
 
@@ -40,6 +41,7 @@ struct MasterControllerClient::Parts {
   std::vector<char> joined_bytes;
   std::vector<char> write_bytes;
   std::vector<RecvPacket> spare_packets;
+  velta::detail::StateDocument state_document;
 };
 
 #endif  // VELTA_SRC_CLIENT_PARTS_H_

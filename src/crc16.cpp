@@ -48,13 +48,6 @@ unsigned EightBytes(std::uint64_t bytes) {
 
 }  // namespace
 
-unsigned short Crc16ByteWise(const unsigned char* data, std::size_t length) {
-  if (length == 0) return 0;
-  unsigned crc = 0xFFFF;
-  for (std::size_t i = 0; i < length; ++i) crc = ByteStep(crc, data[i]);
-  return static_cast<unsigned short>(crc ^ 0xFFFF);
-}
-
 unsigned short Crc16Sliced(const unsigned char* data, std::size_t length) {
   if (length == 0) return 0;
   unsigned crc = 0xFFFF;

@@ -4,11 +4,8 @@
 
 #include <cstddef>
 
-/// CRC-16/USB in three ways that give the same result for every input; protocol.h tells the algorithm.
+/// CRC-16/USB in two ways that give the same result for every input; protocol.h says which.
 namespace velta::detail {
-
-/// One table look-up per byte: the definition that the others are held against.
-unsigned short Crc16ByteWise(const unsigned char* data, std::size_t length);
 
 /// Eight independent look-ups per eight bytes.
 unsigned short Crc16Sliced(const unsigned char* data, std::size_t length);

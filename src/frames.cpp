@@ -21,10 +21,13 @@ const char* FindMark(const char* at, const char* end) {
 }
 
 /// The packet that the next good frame goes to. Room is made when a frame is found, not for bytes that may be garbage.
-RecvPacket& NextPacket(std::vector<RecvPacket>& packets, std::size_t used, std::size_t expected, int jointNum) {
+/// @param left  bytes from this frame on
+RecvPacket& NextPacket(std::vector<RecvPacket>& packets, std::size_t used, std::size_t left, int jointNum) {
   constexpr std::size_t kMostAtOnce = 1024;
-  if (used == 0) packets.reserve(std::min(expected, kMostAtOnce));
-  if (used == packets.size()) return packets.emplace_back(jointNum);
+  if (used == packets.size()) {
+    if (used == 0) packets.reserve(std::min(left / StatusFrameSize(jointNum), kMostAtOnce));
+    return packets.emplace_back(jointNum);
+  }
   RecvPacket& packet = packets[used];
   if (packet.jointNum != jointNum) packet = RecvPacket(jointNum);
   return packet;
@@ -68,7 +71,7 @@ Received ReceiveFrames(PacketParser& parser, std::vector<char>& bytes, std::vect
   const std::size_t frame_size = StatusFrameSize(parser.jointNum);
   const bool direct = buffer.empty();
   if (!direct) {
-    buffer.insert(buffer.end(), bytes.begin(), bytes.end());
+    if (!bytes.empty()) buffer.insert(buffer.end(), bytes.begin(), bytes.end());
     bytes.clear();
     if (buffer.size() < frame_size) return received;
     joined.assign(buffer.begin(), buffer.end());
@@ -84,7 +87,7 @@ Received ReceiveFrames(PacketParser& parser, std::vector<char>& bytes, std::vect
     at = mark;
     if (left() < frame_size) break;
     if (StatusCrcIsRight(at, frame_size)) {
-      CopyStatusFrame(at, NextPacket(packets, received.packets, left() / frame_size, parser.jointNum));
+      CopyStatusFrame(at, NextPacket(packets, received.packets, left(), parser.jointNum));
       ++received.packets;
     } else {
       ++received.bad_crc;

@@ -19,9 +19,10 @@ void WriteCommandFrame(const SendPacket& packet, std::vector<char>& frame);
 
 /// @return bytes of a status frame of n joints; for an n that no frame can have, a size that no buffer has
 constexpr std::size_t StatusFrameSize(int jointNum) {
-  constexpr int kMax = std::numeric_limits<int>::max();
-  const int size = StatusFrameSizes(jointNum).packet;
-  return size > 0 && size < kMax ? static_cast<std::size_t>(size) : std::numeric_limits<std::size_t>::max();
+  constexpr int kMaxJoints = (std::numeric_limits<int>::max() - StatusFrameSizes(0).packet) / int{sizeof(rxJoint_t)};
+  return jointNum >= 0 && jointNum <= kMaxJoints
+             ? sizeof(rxHeader_t) + sizeof(rxJoint_t) * static_cast<std::size_t>(jointNum) + kCrcSize
+             : std::numeric_limits<std::size_t>::max();
 }
 
 /// @return whether the CRC of a status frame is right

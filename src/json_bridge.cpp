@@ -33,11 +33,6 @@ void Assign(std::string& text, Integer number) {
   text.assign(digits, end);
 }
 
-/// Adds a string member. The reference stays good while the object lives, whatever is added to it.
-std::string& AddText(object& members, const char* key) {
-  return members.emplace(key, value(std::string())).first->second.get<std::string>();
-}
-
 /// Text under construction, written a character at a time at half the price of std::string.
 class Output {
  public:
@@ -48,10 +43,6 @@ class Output {
   void push_back(char c) {
     if (at_ == end_) MakeRoom(text_.size());
     *at_++ = c;
-  }
-
-  void Append(const char* text, std::size_t size) {
-    std::for_each(text, text + size, [&](char c) { push_back(c); });
   }
 
   std::string Take() {
@@ -74,116 +65,10 @@ class Output {
   char* end_ = nullptr;
 };
 
-/// One joint's object, built once and overwritten for every joint of every packet.
-class JointDocument {
- public:
-  JointDocument(const JointDocument&) = delete;
-  JointDocument& operator=(const JointDocument&) = delete;
-  JointDocument() : root_(object()) {
-    object& members = root_.get<object>();
-    std::transform(kKeys.begin(), kKeys.end(), texts_.begin(), [&](const char* key) { return &AddText(members, key); });
-  }
-
-  void Write(std::size_t joint_id, const rxJoint_t& joint, Output& output) {
-    auto text = texts_.begin();
-    const auto put = [&text](auto number) { Assign(**text++, number); };  // in the order of kKeys
-    put(joint_id);
-    put(joint.type);
-    put(joint.comStatus);
-    put(joint.systemMode);
-    put(joint.ctrlMode);
-    put(joint.ewStatus);
-    put(joint.trjStatus);
-    put(joint.trjViaRemain);
-    put(joint.refCurrent);
-    put(joint.refPosition);
-    put(joint.refVelocity);
-    put(joint.refAcceleration);
-    put(joint.refEffort);
-    put(joint.current);
-    put(joint.position);
-    put(joint.velocity);
-    put(joint.outConvInVelocity);
-    put(joint.acceleration);
-    put(joint.outConvInAcceleration);
-    put(joint.effort);
-    put(joint.temperature);
-    for (int i = 0; i < 4; ++i) put(joint.general[i]);
-    root_.serialize(std::back_inserter(output));
-  }
-
- private:
-  static constexpr std::array<const char*, 25> kKeys = {"joint_id",
-                                                        "type",
-                                                        "comStatus",
-                                                        "systemMode",
-                                                        "ctrlMode",
-                                                        "ewStatus",
-                                                        "trjStatus",
-                                                        "trjViaRemain",
-                                                        "refCurrent",
-                                                        "refPosition",
-                                                        "refVelocity",
-                                                        "refAcceleration",
-                                                        "refEffort",
-                                                        "current",
-                                                        "position",
-                                                        "velocity",
-                                                        "outConvInVelocity",
-                                                        "acceleration",
-                                                        "outConvInAcceleration",
-                                                        "effort",
-                                                        "temperature",
-                                                        "general_0",
-                                                        "general_1",
-                                                        "general_2",
-                                                        "general_3"};
-
-  value root_;
-  std::array<std::string*, kKeys.size()> texts_;
-};
-
-/// A whole document, built once and overwritten for every packet.
-class StateDocument {
- public:
-  StateDocument() : root_(object()) {
-    object& members = root_.get<object>();
-    duration_ = &AddText(members, "duration");
-    host_timestamp_ = &AddText(members, "hostTimestamp");
-    timestamp_ = &AddText(members, "timestamp");
-    members.emplace("jointState", value(array()));
-  }
-
-  /// @param joints  at most as many as the packet has
-  std::string Text(const RecvPacket& packet, std::size_t joints) {
-    Assign(*timestamp_, +packet.header.timestamp);
-    Assign(*host_timestamp_, +packet.header.hostTimestamp);
-    Assign(*duration_, +packet.header.duration);
-    const std::string frame = root_.serialize();
-    const std::size_t array_end = frame.find(']');  // of the empty array: numbers have no bracket
-    constexpr std::size_t kJointText = 640;
-    Output output(frame.size() + joints * kJointText);
-    output.Append(frame.data(), array_end);
-    for (std::size_t i = 0; i < joints; ++i) {
-      if (i != 0) output.push_back(',');
-      joint_.Write(i + 1, packet.joints[i], output);
-    }
-    output.Append(frame.data() + array_end, frame.size() - array_end);
-    return output.Take();
-  }
-
- private:
-  value root_;
-  std::string* duration_;
-  std::string* host_timestamp_;
-  std::string* timestamp_;
-  JointDocument joint_;
-};
-
-/// The JSON library parses nested values by recursion without a bound of its own on objects.
+/// The JSON library parses nested values by recursion, and has a bound of its own on arrays only.
 /// @return whether the text's first value nests deeper than a thread's stack is sure to bear
 bool NestsTooDeep(const std::string& json) {
-  constexpr int kMaxDepth = 512;
+  constexpr int kMaxDepth = 100;
   const auto opens = [](char c) { return c == '{' || c == '['; };
   if (std::count_if(json.begin(), json.end(), opens) <= kMaxDepth) return false;  // the usual case, in one quick pass
   int depth = 0;
@@ -249,16 +134,104 @@ void ApplyJointCommand(const object& members, SendPacket& packet) {
 
 }  // namespace
 
-std::vector<std::string> StatesToJson(const std::vector<RecvPacket>& packets, int joint_num) {
-  std::vector<std::string> documents;
-  documents.reserve(packets.size());
-  if (packets.empty()) return documents;
-  StateDocument document;
-  for (const RecvPacket& packet : packets) {
-    const std::size_t joints = std::min(packet.joints.size(), static_cast<std::size_t>(std::max(joint_num, 0)));
-    documents.push_back(document.Text(packet, joints));
+/// The tree of one document; only its texts change.
+struct StateDocument::Tree {
+  static constexpr std::array<const char*, 25> kKeys = {"joint_id",
+                                                        "type",
+                                                        "comStatus",
+                                                        "systemMode",
+                                                        "ctrlMode",
+                                                        "ewStatus",
+                                                        "trjStatus",
+                                                        "trjViaRemain",
+                                                        "refCurrent",
+                                                        "refPosition",
+                                                        "refVelocity",
+                                                        "refAcceleration",
+                                                        "refEffort",
+                                                        "current",
+                                                        "position",
+                                                        "velocity",
+                                                        "outConvInVelocity",
+                                                        "acceleration",
+                                                        "outConvInAcceleration",
+                                                        "effort",
+                                                        "temperature",
+                                                        "general_0",
+                                                        "general_1",
+                                                        "general_2",
+                                                        "general_3"};
+  using Joint = std::array<std::string*, kKeys.size()>;
+
+  explicit Tree(std::size_t joint_count) : root(object()), joints(joint_count) {
+    auto& members = root.get<object>();
+    const auto add = [](object& to, const char* key) {
+      return &to.emplace(key, value(std::string())).first->second.get<std::string>();
+    };
+    duration = add(members, "duration");
+    host_timestamp = add(members, "hostTimestamp");
+    timestamp = add(members, "timestamp");
+    auto& list = members.emplace("jointState", value(array())).first->second.get<array>();
+    list.reserve(joints.size());
+    for (Joint& joint : joints) {
+      auto& object_of_joint = list.emplace_back(object()).get<object>();
+      std::transform(kKeys.begin(), kKeys.end(), joint.begin(),
+                     [&](const char* key) { return add(object_of_joint, key); });
+    }
   }
-  return documents;
+
+  std::string Text(const RecvPacket& packet) {
+    Assign(*timestamp, +packet.header.timestamp);
+    Assign(*host_timestamp, +packet.header.hostTimestamp);
+    Assign(*duration, +packet.header.duration);
+    for (std::size_t i = 0; i < joints.size(); ++i) SetJoint(joints[i], i + 1, packet.joints[i]);
+    constexpr std::size_t kHeaderText = 128, kJointText = 640;
+    Output output(kHeaderText + joints.size() * kJointText);
+    root.serialize(std::back_inserter(output));
+    return output.Take();
+  }
+
+  static void SetJoint(const Joint& texts, std::size_t joint_id, const rxJoint_t& joint) {
+    auto text = texts.begin();
+    const auto put = [&text](auto number) { Assign(**text++, number); };  // in the order of kKeys
+    put(joint_id);
+    put(joint.type);
+    put(joint.comStatus);
+    put(joint.systemMode);
+    put(joint.ctrlMode);
+    put(joint.ewStatus);
+    put(joint.trjStatus);
+    put(joint.trjViaRemain);
+    put(joint.refCurrent);
+    put(joint.refPosition);
+    put(joint.refVelocity);
+    put(joint.refAcceleration);
+    put(joint.refEffort);
+    put(joint.current);
+    put(joint.position);
+    put(joint.velocity);
+    put(joint.outConvInVelocity);
+    put(joint.acceleration);
+    put(joint.outConvInAcceleration);
+    put(joint.effort);
+    put(joint.temperature);
+    for (int i = 0; i < 4; ++i) put(joint.general[i]);
+  }
+
+  value root;
+  std::vector<Joint> joints;
+  std::string* duration;
+  std::string* host_timestamp;
+  std::string* timestamp;
+};
+
+StateDocument::StateDocument() = default;
+StateDocument::~StateDocument() = default;
+
+std::string StateDocument::Text(const RecvPacket& packet, int joint_num) {
+  const std::size_t joints = std::min(packet.joints.size(), static_cast<std::size_t>(std::max(joint_num, 0)));
+  if (tree_ == nullptr || tree_->joints.size() != joints) tree_ = std::make_unique<Tree>(joints);
+  return tree_->Text(packet);
 }
 
 SendPacket CommandFromJson(const std::string& json, int joint_num) {

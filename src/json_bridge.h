@@ -2,8 +2,8 @@
 #ifndef VELTA_SRC_JSON_BRIDGE_H_
 #define VELTA_SRC_JSON_BRIDGE_H_
 
+#include <memory>
 #include <string>
-#include <vector>
 
 #include "RecvPacket.h"
 #include "SendPacket.h"
@@ -11,9 +11,22 @@
 /// Status packets as JSON documents, and a command packet from one. The only unit that uses the JSON library.
 namespace velta::detail {
 
-/// @param joint_num joints that each document shows, as far as the packet has them
-/// @return one compact document per packet
-std::vector<std::string> StatesToJson(const std::vector<RecvPacket>& packets, int joint_num);
+/// A status packet's document. Its tree is kept and overwritten by the next packet.
+class StateDocument {
+ public:
+  StateDocument();
+  StateDocument(const StateDocument&) = delete;
+  StateDocument& operator=(const StateDocument&) = delete;
+  ~StateDocument();
+
+  /// @param joint_num joints that the document shows, as far as the packet has them
+  /// @return the compact text
+  std::string Text(const RecvPacket& packet, int joint_num);
+
+ private:
+  struct Tree;
+  std::unique_ptr<Tree> tree_;
+};
 
 /// @param joint_num joints of the packet
 /// @return the document's command

@@ -1,19 +1,27 @@
 // SPDX-License-Identifier: MIT
 #include "send_packet_buffer.h"
 
+#include <array>
+#include <cstddef>
 #include <utility>
 
-SendPacketBuffer::SendPacketBuffer() = default;
+/// Nodes of packet_map_ that are done with, kept for their memory; guarded by mutex_.
+struct SendPacketBuffer::Parts {
+  std::array<Nodes::node_type, 16> nodes;
+  std::size_t count = 0;
+};
+
+SendPacketBuffer::SendPacketBuffer() : parts_(std::make_unique<Parts>()) {}
 SendPacketBuffer::~SendPacketBuffer() = default;
 
 void SendPacketBuffer::pushBack(const SendPacket& packet) {
   const std::lock_guard<std::mutex> lock(mutex_);
   const auto arrival = [&] {
-    if (spare_count_ == 0) return packet_map_.emplace_hint(packet_map_.end(), index_, packet);
-    auto& node = spare_nodes_[spare_count_ - 1];
+    if (parts_->count == 0) return packet_map_.emplace_hint(packet_map_.end(), index_, packet);
+    auto& node = parts_->nodes[parts_->count - 1];
     node.mapped() = packet;
     node.key() = index_;
-    --spare_count_;
+    --parts_->count;
     return packet_map_.insert(packet_map_.end(), std::move(node));
   }();
   if (packet.IsUnique()) {
@@ -38,10 +46,10 @@ void SendPacketBuffer::popAllPackets(std::unordered_map<std::string, SendPacket>
   reset();
 }
 
-std::map<int, SendPacket> SendPacketBuffer::TakeAll(std::unordered_map<std::string, SendPacket>& unique_packets) {
+SendPacketBuffer::Nodes SendPacketBuffer::TakeAll(std::unordered_map<std::string, SendPacket>& unique_packets) {
   const std::lock_guard<std::mutex> lock(mutex_);
   TakeUnique(unique_packets);
-  std::map<int, SendPacket> ordinary = std::move(packet_map_);
+  Nodes ordinary = std::move(packet_map_);
   reset();
   return ordinary;
 }
@@ -56,14 +64,14 @@ void SendPacketBuffer::TakeUnique(std::unordered_map<std::string, SendPacket>& u
   }
 }
 
-void SendPacketBuffer::Recycle(std::map<int, SendPacket>& nodes) {
+void SendPacketBuffer::Recycle(Nodes& nodes) {
   const std::unique_lock<std::mutex> lock(mutex_, std::try_to_lock);
   if (lock) Keep(nodes);
 }
 
-void SendPacketBuffer::Keep(std::map<int, SendPacket>& nodes) {
-  while (!nodes.empty() && spare_count_ < spare_nodes_.size()) {
-    spare_nodes_[spare_count_++] = nodes.extract(nodes.begin());
+void SendPacketBuffer::Keep(Nodes& nodes) {
+  while (!nodes.empty() && parts_->count < parts_->nodes.size()) {
+    parts_->nodes[parts_->count++] = nodes.extract(nodes.begin());
   }
 }
 

@@ -21,7 +21,7 @@ void Append(PacketQueue& packets, PacketList& more) {
 }
 
 SendPacket& Packet(SendPacket& element) { return element; }
-SendPacket& Packet(std::pair<const int, SendPacket>& arrival) { return arrival.second; }
+SendPacket& Packet(std::pair<const std::int64_t, SendPacket>& arrival) { return arrival.second; }
 
 // A packet that collides is not tried again in a later pass, and follows every merged one, deliberately: sources can
 // rely on this order.
@@ -101,7 +101,7 @@ std::deque<SendPacket> SendPacketMerger::mergeUniquePacket(std::vector<PacketMap
 std::deque<SendPacket> SendPacketMerger::getMergedPacket(std::vector<std::shared_ptr<SendPacketBuffer>>& buffers,
                                                          int joint_num) {
   std::vector<PacketMap> maps;
-  std::vector<std::map<int, SendPacket>> lists;
+  std::vector<std::map<std::int64_t, SendPacket>> lists;
   std::vector<SendPacketBuffer*> sources;  // of the lists
   lists.reserve(buffers.size());
   sources.reserve(buffers.size());
