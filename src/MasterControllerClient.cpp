@@ -9,9 +9,9 @@
 #include "TcpClient.h"
 #include "UdpClient.h"
 #include "client_parts.h"
-#include "frames.h"
 #include "json_bridge.h"
 #include "log.h"
+#include "packet_frames.h"
 #include "send_packet_merger.h"
 #include "version.h"
 

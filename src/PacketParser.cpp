@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <iterator>
 
-#include "frames.h"
+#include "packet_frames.h"
 
 /// Working memory, kept between calls.
 struct PacketParser::Parts {

@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "frames.h"
+#include "packet_frames.h"
 
 namespace {
 constexpr velta::FrameSizes kNoJoints = velta::StatusFrameSizes(0);

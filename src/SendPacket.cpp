@@ -5,7 +5,7 @@
 #include <string_view>
 #include <utility>
 
-#include "frames.h"
+#include "packet_frames.h"
 #include "text.h"
 
 namespace {

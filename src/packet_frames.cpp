@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "frames.h"
+#include "packet_frames.h"
 
 #include <algorithm>
 #include <cstring>

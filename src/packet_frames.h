@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-#ifndef VELTA_SRC_FRAMES_H_
-#define VELTA_SRC_FRAMES_H_
+#ifndef VELTA_SRC_PACKET_FRAMES_H_
+#define VELTA_SRC_PACKET_FRAMES_H_
 
 #include <cstddef>
 #include <limits>
@@ -51,4 +51,4 @@ Received ReceiveFrames(PacketParser& parser, std::vector<char>& bytes, std::vect
 
 }  // namespace velta::detail
 
-#endif  // VELTA_SRC_FRAMES_H_
+#endif  // VELTA_SRC_PACKET_FRAMES_H_
