@@ -7,6 +7,8 @@
 #include <atomic>
 #include <cmath>
 
+#include "notes.h"
+
 namespace velta::python {
 
 namespace {
@@ -33,6 +35,8 @@ const T& ForGood(T&& object) {
 }  // namespace
 
 unsigned ProcessNumber() { return process_number.load(std::memory_order_relaxed); }
+
+bool IsMainThread() { return getpid() == gettid(); }
 
 void CheckProcess(unsigned number) {
   if (number != ProcessNumber())
@@ -182,7 +186,10 @@ PYBIND11_MODULE(_velta, m) {
   m.def("_check_interpreter", RefuseSubinterpreter, "Raises ImportError in a subinterpreter.");
   m.def(
       "_ending", [] { ending_thread = pthread_self(); }, "The calling thread is the one that ends the interpreter.");
-  pthread_atfork(nullptr, nullptr, [] { ++process_number; });
+  pthread_atfork(nullptr, nullptr, [] {
+    ++process_number;
+    Notes::Renew();
+  });
   AddPackets(m);
   AddClient(m);
   AddSession(m);

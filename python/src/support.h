@@ -42,6 +42,9 @@ unsigned ProcessNumber();
 /// Raises velta.Error in a forked child of the process in which an object of that number was made.
 void CheckProcess(unsigned number);
 
+/// Signal handlers of Python run in the main thread.
+bool IsMainThread();
+
 /// Takes the GIL again. A thread that comes too late, while the interpreter ends, stays here for good: Python would end
 /// it by unwinding through destructors.
 void TakeGil(PyThreadState* state);
@@ -72,18 +75,19 @@ auto WithoutGil(Job job) {
   }
 }
 
-/// Waits in slices until done(slice) is true or the time is over, without the GIL; a signal handler's exception passes.
+/// Waits until look() is true or the time is over; a signal handler's exception passes, so that Ctrl-C ends the wait.
 /// @param timeout  none: for ever
-/// @param done     waits for at most the time that it is given
-/// @return whether done was true
-template <typename Done>
-bool WaitInSlices(std::optional<std::chrono::nanoseconds> timeout, Done done) {
+/// @param wait     waits for at most the time that it is given, without the GIL; true where looking makes sense
+/// @param look     with the GIL
+/// @return whether look() was true
+template <typename Wait, typename Look>
+bool WaitInSlices(std::optional<std::chrono::nanoseconds> timeout, Wait wait, Look look) {
   using Clock = std::chrono::steady_clock;
   const auto start = Clock::now();
   for (;;) {
-    auto slice = kSlice;
-    if (timeout) slice = std::max(std::min(slice, *timeout - (Clock::now() - start)), std::chrono::nanoseconds(0));
-    if (WithoutGil([&] { return done(slice); })) return true;
+    std::chrono::nanoseconds slice = IsMainThread() ? kSlice : std::chrono::hours(1);
+    if (timeout) slice = std::clamp(*timeout - (Clock::now() - start), std::chrono::nanoseconds(0), slice);
+    if (WithoutGil([&] { return wait(slice); }) && look()) return true;
     if (PyErr_CheckSignals() != 0) throw py::error_already_set();
     if (timeout && Clock::now() - start >= *timeout) return false;
   }

@@ -1,0 +1,36 @@
+// SPDX-License-Identifier: MIT
+#ifndef VELTA_PYTHON_STATES_H_
+#define VELTA_PYTHON_STATES_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "RecvPacket.h"
+#include "support.h"
+
+namespace velta::python {
+
+/// Many statuses of n joints as arrays.
+class States {
+ public:
+  /// @param count  for so many memory is taken at once
+  States(int joints, std::size_t count);
+
+  void Add(const RecvPacket& packet, std::uint64_t received);
+
+  /// A velta.States; what is here is moved there. With the GIL.
+  py::object ToPython();
+
+  std::uint64_t left_out = 0;
+
+ private:
+  int joints_;
+  std::vector<rxJoint_t> records_;
+  std::vector<std::uint64_t> time_, host_time_, received_;
+  std::vector<float> duration_;
+};
+
+}  // namespace velta::python
+
+#endif  // VELTA_PYTHON_STATES_H_
