@@ -4,6 +4,7 @@
 #include "MasterControllerClient.h"
 #include "MasterControllerClientMock.h"
 #include "command.h"
+#include "notes.h"
 #include "support.h"
 #include "velta_statistics.h"
 
@@ -30,15 +31,23 @@ struct FreeClient {
   }
 };
 
-/// Runs job without the GIL, one at a time per client.
+/// Runs job without the GIL, one at a time per client; then logs what the library has logged.
 template <typename Job>
 auto Run(const MasterControllerClient& client, Job job) {
   auto& guard = const_cast<Guard&>(dynamic_cast<const Guard&>(client));
   CheckProcess(guard.process);
-  return WithoutGil([&] {
+  const auto locked = [&] {
     const std::lock_guard<std::mutex> lock(guard.mutex);
     return job();
-  });
+  };
+  if constexpr (std::is_void_v<decltype(job())>) {
+    WithoutGil(locked);
+    DeliverNotes();
+  } else {
+    auto result = WithoutGil(locked);
+    DeliverNotes();
+    return result;
+  }
 }
 
 template <typename C, typename R, typename... Args>

@@ -25,7 +25,7 @@ using Arguments = std::array<float, kMostArguments>;
 std::string ShowValue(py::handle value) { return py::repr(value).cast<std::string>(); }
 
 bool IsSequence(py::handle value) {
-  if (PyLong_Check(value.ptr()) || PyFloat_Check(value.ptr()) || !PySequence_Check(value.ptr())) return false;
+  if (PyUnicode_Check(value.ptr()) || PyBytes_Check(value.ptr()) || !PySequence_Check(value.ptr())) return false;
   if (PySequence_Size(value.ptr()) >= 0) return true;
   PyErr_Clear();  // an array of no dimension is a number
   return false;
