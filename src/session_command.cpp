@@ -26,9 +26,15 @@ Command* Reverse(Command* list) {
 
 // Command
 
-Command* Command::Make(const SendPacket& packet, Confirm confirm) {
+Command* Command::Make(const SendPacket& packet, Confirm confirm, Command* spare) {
   const std::size_t size = packet.joints.size() * sizeof(txJoint_t);
-  auto* const command = new (::operator new(sizeof(Command) + size)) Command(packet.joints.size(), confirm);
+  void* memory = spare;
+  if (spare != nullptr) {
+    spare->~Command();
+  } else {
+    memory = ::operator new(sizeof(Command) + size);
+  }
+  auto* const command = new (memory) Command(packet.joints.size(), confirm);
   if (size != 0) std::memcpy(static_cast<void*>(command->Records()), packet.joints.data(), size);
   command->arm_order_ = packet.header.armOrder;
   command->references_ = 2;
@@ -41,8 +47,25 @@ Command* Command::MakeRefused(velta::Reason reason) {
   return command;
 }
 
-void Command::Release() {
-  if (references_.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+void Command::ReleaseInto(std::atomic<Command*>& retired) {
+  if (!IsLastReference()) return;
+  next = retired.load(std::memory_order_relaxed);
+  while (!retired.compare_exchange_weak(next, this)) {
+  }
+}
+
+Command* Command::TakeRetired(std::atomic<Command*>& retired) {
+  if (retired.load(std::memory_order_relaxed) == nullptr) return nullptr;
+  Command* const first = retired.exchange(nullptr);
+  for (Command* command = first != nullptr ? first->next : nullptr; command != nullptr;) {
+    Command* const following = command->next;
+    command->Free();
+    command = following;
+  }
+  return first;
+}
+
+void Command::Free() {
   this->~Command();
   ::operator delete(this);
 }
@@ -121,6 +144,10 @@ Command* CommandList::TakeFront() {
 
 // Admission
 
+Admission::~Admission() {
+  if (Command* const last = Command::TakeRetired(retired)) last->Free();
+}
+
 Admission::Ruling Admission::Current() const {
   const std::uint64_t ruling = ruling_.load();
   return {ruling >> 8, static_cast<velta::Reason>(ruling & 0xFF)};
@@ -197,7 +224,7 @@ Command* Stream::Send(const SendPacket& packet, Confirm confirm) {
     return Command::MakeRefused(velta::Reason::kBadCommand);
   }
   if (ruling.reason != velta::Reason::kNone) return Command::MakeRefused(ruling.reason);
-  Command* const command = Command::Make(packet, confirm);
+  Command* const command = Command::Make(packet, confirm, Command::TakeRetired(admission_->retired));
   if (++waiting_ > limit_) {
     --waiting_;
     command->Finish(velta::Outcome::kDiscarded, velta::Reason::kQueueFull);
@@ -241,7 +268,7 @@ Command* Keys::Send(const std::string& key, const SendPacket& packet, Confirm co
     return Command::MakeRefused(velta::Reason::kBadCommand);
   }
   if (ruling.reason != velta::Reason::kNone) return Command::MakeRefused(ruling.reason);
-  Command* const command = Command::Make(packet, confirm);
+  Command* const command = Command::Make(packet, confirm, Command::TakeRetired(admission_->retired));
   command->epoch = ruling.epoch;
   Slot* slot = nullptr;
   {

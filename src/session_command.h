@@ -21,14 +21,23 @@ namespace velta::detail {
 class Command {
  public:
   /// A command that waits; two references, for the ticket and for the session.
-  static Command* Make(const SendPacket& packet, Confirm confirm);
+  /// @param spare  a retired command of as many joints, whose memory is used again; or null
+  static Command* Make(const SendPacket& packet, Confirm confirm, Command* spare);
   /// A command that was refused; one reference, for the ticket.
   static Command* MakeRefused(Reason reason);
   Command(const Command&) = delete;
   Command& operator=(const Command&) = delete;
 
   void Retain() { references_.fetch_add(1, std::memory_order_relaxed); }
-  void Release();
+  void Release() {
+    if (IsLastReference()) Free();
+  }
+  /// Release without a call of the memory's owner, who might make a real-time loop wait: who gives the next command
+  /// takes care of what is retired.
+  void ReleaseInto(std::atomic<Command*>& retired);
+  /// Frees a list of retired commands but the first. @return the first; null for none
+  static Command* TakeRetired(std::atomic<Command*>& retired);
+  void Free();
 
   /// @name The ticket's side; any thread
   /// @{
@@ -62,6 +71,7 @@ class Command {
   static velta::Outcome OutcomeOf(std::uint32_t state) { return static_cast<velta::Outcome>(state & 0xFF); }
   static velta::Reason ReasonOf(std::uint32_t state) { return static_cast<velta::Reason>(state >> 8 & 0xFF); }
 
+  bool IsLastReference() { return references_.fetch_sub(1, std::memory_order_acq_rel) == 1; }
   Command(std::size_t joints, Confirm confirm) : joints_(joints), confirm_(confirm) {}
   ~Command() = default;
   txJoint_t* Records() { return reinterpret_cast<txJoint_t*>(this + 1); }
@@ -93,6 +103,11 @@ struct CommandList {
 /// were given before it, also those that a sender is about to queue.
 class Admission {
  public:
+  Admission() = default;
+  Admission(const Admission&) = delete;
+  Admission& operator=(const Admission&) = delete;
+  ~Admission();
+
   /// The epoch, and why commands are refused in it (Reason::kNone: they are taken).
   struct Ruling {
     std::uint64_t epoch;
@@ -118,6 +133,8 @@ class Admission {
   std::atomic<bool> armed{false};       ///< the dead-man
   std::atomic<Nanos> kept_alive{0};     ///< when the host was well
   std::atomic<bool> stop_asked{false};  ///< the stop is to be sent
+
+  std::atomic<Command*> retired{nullptr};  ///< commands that the loop is done with
 
  private:
   void Change(bool invalidates, velta::Reason reason);

@@ -416,7 +416,7 @@ void SessionLoop::Finish(velta::Outcome outcome, velta::Reason reason) {
     if (command->Finish(outcome, reason)) {
       shared_.notifier.Post(command);
     } else {
-      command->Release();
+      command->ReleaseInto(shared_.admission->retired);
     }
   }
   carried_.clear();
@@ -427,7 +427,7 @@ void SessionLoop::Drop(Command* command, velta::Reason reason) {
   if (command->Finish(velta::Outcome::kDiscarded, reason)) {
     shared_.notifier.Post(command);
   } else {
-    command->Release();
+    command->ReleaseInto(shared_.admission->retired);
   }
 }
 

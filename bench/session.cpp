@@ -1,0 +1,308 @@
+// SPDX-License-Identifier: MIT
+// What a session adds to the steps that it runs: a cycle next to the steps by hand, a cycle while threads send, its
+// wake-ups next to cyclictest's, and 40 sessions next to 40 bare loops.
+#include <pthread.h>
+#include <sched.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "MasterControllerClient.h"
+#include "support.h"
+#include "velta_session.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::microseconds;
+using std::chrono::milliseconds;
+using velta::bench::Allocations;
+using velta::bench::Peer;
+using velta::bench::Require;
+
+double Quantile(std::vector<double>& values, double share) {
+  const auto at = static_cast<std::ptrdiff_t>(share * static_cast<double>(values.size() - 1));
+  std::nth_element(values.begin(), values.begin() + at, values.end());
+  return values[static_cast<std::size_t>(at)];
+}
+
+bool HaveFifo(int priority) {
+  sched_param parameters{};
+  parameters.sched_priority = priority;
+  return pthread_setschedparam(pthread_self(), priority > 0 ? SCHED_FIFO : SCHED_OTHER, &parameters) == 0;
+}
+
+velta::SessionOptions Options(const std::string& link, int joints) {
+  velta::SessionOptions options;
+  options.link = link;
+  options.joints = joints;
+  return options;
+}
+
+/// A session on a socket of this program, stepped by it.
+class Stepped {
+ public:
+  explicit Stepped(int joints, velta::SessionOptions options = {})
+      : arm(Complete(std::move(options), joints, peer)), status(velta::bench::StatusFrame(joints)) {
+    arm.Step();
+    peer.Accept();
+    peer.Send(status);
+    while (!arm.IsConnected()) arm.Step();
+  }
+  Peer peer;
+  velta::Session arm;
+  const std::vector<char> status;
+
+ private:
+  static velta::SessionOptions Complete(velta::SessionOptions options, int joints, const Peer& peer) {
+    options.link = "tcp://127.0.0.1:" + std::to_string(peer.Port());
+    options.joints = joints;
+    return options;
+  }
+};
+
+class ByHand {
+ public:
+  explicit ByHand(int joints) : client(joints), status(velta::bench::StatusFrame(joints)) {
+    Require(client.InitAsTcpClient("127.0.0.1", peer.Port()), "no connection");
+    peer.Accept();
+  }
+  Peer peer;
+  MasterControllerClient client;
+  const std::vector<char> status;
+};
+
+/// Nanoseconds of act.
+template <typename Act>
+double Time(Act act) {
+  const auto begin = Clock::now();
+  act();
+  return std::chrono::duration<double, std::nano>(Clock::now() - begin).count();
+}
+
+template <typename Configure>
+void CompareCycle(const char* name, int joints, Configure configure) {
+  velta::SessionOptions options;
+  configure(options);
+  Stepped session(joints, options);
+  ByHand hand(joints);
+  SendPacket packet(joints);
+  packet.SetRefPosition("all", 1);
+  std::vector<double> by_session, by_hand;
+  std::uint64_t allocations = 0;
+  constexpr int kRounds = 40000;
+  for (int i = 0; i < kRounds + 1000; ++i) {
+    session.peer.Send(session.status);
+    hand.peer.Send(hand.status);
+    velta::Ticket ticket = session.arm.Send(packet);
+    hand.client.PushSendQueue(packet, false);
+    const auto step = [&] {
+      const std::uint64_t before = Allocations();
+      const double time = Time([&] { session.arm.Step(); });
+      if (i < 1000) return;
+      allocations += Allocations() - before;
+      by_session.push_back(time);
+    };
+    const auto steps = [&] {
+      const double time = Time([&] { hand.client.ReceiveStatus(), hand.client.SendPacketInBuffer(); });
+      if (i >= 1000) by_hand.push_back(time);
+    };
+    if (i % 2 == 0) {
+      step(), steps();
+    } else {
+      steps(), step();
+    }
+    Require(ticket.Outcome() == velta::Outcome::kSent, "a command was not sent");
+    if (i % 64 == 0) session.arm.Drain(), hand.client.FlushRecvBuffer(), session.peer.Drain(), hand.peer.Drain();
+  }
+  const double session_ns = Quantile(by_session, 0.5), hand_ns = Quantile(by_hand, 0.5);
+  std::printf("| %s | n %d | %.0f | %.0f | %.2f | %.4f |\n", name, joints, hand_ns, session_ns, session_ns / hand_ns,
+              static_cast<double>(allocations) / kRounds);
+}
+
+void MeasureSend() {
+  velta::Session arm(Options("sim:", 7));
+  arm.Start();
+  velta::Source source = arm.AddSource("bench");
+  const SendPacket packet(7);
+  std::vector<double> times;
+  std::uint64_t allocations = 0;
+  for (int i = 0; i < 5000; ++i) {
+    const std::uint64_t before = Allocations();
+    times.push_back(Time([&] { static_cast<void>(source.Send(packet)); }));
+    allocations += Allocations() - before;
+    if (i % 4 == 0) std::this_thread::sleep_for(milliseconds(4));
+  }
+  std::printf("Send: median %.0f ns, p99 %.0f ns, %.2f allocations\n", Quantile(times, 0.5), Quantile(times, 0.99),
+              static_cast<double>(allocations) / 5000);
+}
+
+/// The p99 of a step every ms, alone and beside threads that send.
+void MeasureContention() {
+  double p99[2] = {0, 0};
+  for (int round = 0; round < 6; ++round) {
+    const bool contended = round % 2 != 0;
+    Stepped session(7);
+    std::atomic<bool> is_over{false};
+    std::vector<std::thread> senders;
+    for (int i = 0; contended && i < 8; ++i) {
+      senders.emplace_back([&, source = session.arm.AddSource("sender")]() mutable {
+        const SendPacket packet(7);
+        while (!is_over) {
+          static_cast<void>(source.Send(packet));
+          std::this_thread::sleep_for(microseconds(500));
+        }
+      });
+    }
+    const bool fifo = HaveFifo(80);
+    std::vector<double> times;
+    for (int i = 0; i < 4000; ++i) {
+      session.peer.Send(session.status);
+      velta::Ticket ticket = session.arm.Send(SendPacket(7));
+      times.push_back(Time([&] { session.arm.Step(); }));
+      session.peer.Drain();
+      std::this_thread::sleep_for(milliseconds(1));
+    }
+    HaveFifo(0);
+    is_over = true;
+    for (std::thread& sender : senders) sender.join();
+    p99[contended ? 1 : 0] += Quantile(times, 0.99) / 3;
+    if (round == 0 && !fifo) std::puts("(without SCHED_FIFO: the scheduler's share is in the figures)");
+  }
+  std::printf("a step's p99: alone %.1f us, beside 8 sending threads %.1f us, ratio %.2f\n", p99[0] / 1e3, p99[1] / 1e3,
+              p99[1] / p99[0]);
+}
+
+/// p99.9 in us by cyclictest, at the same priority; 0 where it is not installed.
+double CyclictestP999(int priority, int seconds) {
+  const std::string command = "cyclictest -q -m -t1 -i1000 -h10000 -p" + std::to_string(priority) + " -D" +
+                              std::to_string(seconds) + " 2>/dev/null";
+  FILE* const pipe = popen(command.c_str(), "r");
+  if (pipe == nullptr) return 0;
+  std::vector<std::uint64_t> counts(10001);
+  std::uint64_t total = 0;
+  char line[256];
+  while (std::fgets(line, sizeof line, pipe) != nullptr) {
+    unsigned long us = 0, count = 0;
+    if (line[0] == '#' || std::sscanf(line, "%lu %lu", &us, &count) != 2 || us >= counts.size()) continue;
+    counts[us] = count;
+    total += count;
+  }
+  pclose(pipe);
+  std::uint64_t rank = total * 999 / 1000;
+  for (std::size_t us = 0; us < counts.size(); ++us) {
+    if (counts[us] > rank) return static_cast<double>(us + 1);
+    rank -= counts[us];
+  }
+  return 0;
+}
+
+void MeasureLateness(int seconds) {
+  for (const bool loaded : {false, true}) {
+    std::atomic<bool> is_over{false};
+    std::vector<std::thread> load;
+    for (unsigned i = 0; loaded && i < std::thread::hardware_concurrency(); ++i) {
+      load.emplace_back([&] {
+        while (!is_over) {
+        }
+      });
+    }
+    velta::SessionOptions options = Options("sim:", 7);
+    options.priority = 80;
+    options.lock_memory = true;
+    double session_us = 0, cyclictest_us = 0;
+    std::string note;
+    for (int round = 0; round < 3; ++round) {  // in turn, since other load comes and goes
+      {
+        velta::Session arm(options);
+        arm.OnEvent([&](const velta::Event& event) {
+          if (event.kind == velta::Event::Kind::kNotice) note = " (" + event.text + ")";
+        });
+        arm.Start();
+        std::this_thread::sleep_for(std::chrono::seconds(seconds));
+        session_us += arm.GetStatistics().lateness.p999_us / 3;
+      }
+      cyclictest_us += CyclictestP999(80, seconds) / 3;
+    }
+    is_over = true;
+    for (std::thread& thread : load) thread.join();
+    std::printf("wake-up lateness at 1 kHz, SCHED_FIFO 80, %s: p99.9 %.0f us, cyclictest %.0f us, ratio %.2f%s\n",
+                loaded ? "every processor busy" : "idle", session_us, cyclictest_us,
+                cyclictest_us > 0 ? session_us / cyclictest_us : 0, note.c_str());
+  }
+}
+
+/// Deadlines that loops at 100 Hz miss, by thousand: the worst of 40.
+void MeasureMany(int seconds) {
+  constexpr int kLoops = 40;
+  constexpr milliseconds kPeriod(10);
+  double worst_session = 0, worst_bare = 0;
+  {
+    std::vector<std::unique_ptr<velta::Session>> arms;
+    for (int i = 0; i < kLoops; ++i) {
+      velta::SessionOptions options = Options("sim:?cycle=10", 7);
+      options.period = kPeriod;
+      arms.push_back(std::make_unique<velta::Session>(options));
+      arms.back()->Start();
+    }
+    std::this_thread::sleep_for(std::chrono::seconds(seconds));
+    for (const auto& arm : arms) {
+      const velta::SessionStatistics statistics = arm->GetStatistics();
+      worst_session = std::max(worst_session,
+                               1e3 * static_cast<double>(statistics.overruns) / static_cast<double>(statistics.cycles));
+    }
+  }
+  std::array<std::atomic<int>, kLoops> missed{};
+  std::vector<std::thread> loops;
+  const int cycles = seconds * 100;
+  for (auto& count : missed) {
+    loops.emplace_back([&count, cycles, kPeriod] {
+      auto due = Clock::now();
+      for (int i = 0; i < cycles; ++i) {
+        std::this_thread::sleep_until(due += kPeriod);
+        for (; Clock::now() >= due + kPeriod; due += kPeriod) ++count;
+      }
+    });
+  }
+  for (std::thread& loop : loops) loop.join();
+  for (const auto& count : missed) worst_bare = std::max(worst_bare, 1e3 * count / cycles);
+  std::printf("40 loops at 100 Hz, deadlines missed in a thousand by the worst: sessions %.2f, bare timers %.2f\n",
+              worst_session, worst_bare);
+}
+
+}  // namespace
+
+// usage: velta_session_bench [seconds per measurement of the clock]
+int main(int argc, char** argv) {
+  const int seconds = argc > 1 ? std::atoi(argv[1]) : 10;
+  std::cout.rdbuf(nullptr);  // the clients' lines
+  if (argc > 2) {
+    MeasureContention();
+    return 0;
+  }
+  std::puts(
+      "| cycle with a status and a command, TCP loopback | size | by hand ns | session ns | ratio | allocations |");
+  std::puts("|---|---|---|---|---|---|");
+  for (const int joints : {7, 32}) CompareCycle("session", joints, [](velta::SessionOptions&) {});
+  for (const int joints : {7, 32}) {
+    CompareCycle("with the flight recorder", joints,
+                 [](velta::SessionOptions& options) { options.flight_recorder = std::chrono::seconds(10); });
+  }
+  std::puts("");
+  MeasureSend();
+  MeasureContention();
+  if (seconds == 0) return 0;
+  MeasureLateness(seconds);
+  MeasureMany(seconds);
+}
