@@ -158,7 +158,7 @@ std::vector<Setter> MakeSetters() {
 
 /// The documentation of a setter, with a first line that Python's inspect module reads as the signature.
 std::string Doc(const Setter& setter, const std::string& name, bool is_strict) {
-  std::string doc = name + "($self" + (setter.word->of_arm ? "" : ", joints");
+  std::string doc = name + "(self" + (setter.word->of_arm ? "" : ", joints");
   for (std::size_t i = 0; i < setter.arguments.size(); ++i) {
     doc += ", " + setter.arguments[i] + (setter.word->kinds[i] == 'b' ? "=True" : "");
   }

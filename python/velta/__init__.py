@@ -61,7 +61,43 @@ from velta._velta import (
 
 __version__: str = _velta.get_version()
 
-__all__ = [name for name in dir() if not name.startswith("_")]
+__all__ = [
+    "ArgumentError",
+    "Command",
+    "Commands",
+    "ConnectError",
+    "DiscardedError",
+    "Error",
+    "Event",
+    "EventIterator",
+    "EventKind",
+    "MasterControllerClient",
+    "MasterControllerClientMock",
+    "Outcome",
+    "PacketParser",
+    "RecordedEvent",
+    "Recording",
+    "RecordingError",
+    "RecvPacket",
+    "SendPacket",
+    "SendPacketBuffer",
+    "SendPacketMerger",
+    "Session",
+    "Source",
+    "State",
+    "StateIterator",
+    "States",
+    "Ticket",
+    "TimeoutError",
+    "UniqueSendPacketMap",
+    "calc_crc16",
+    "command_from_json",
+    "connect",
+    "ePacketArmOrder",
+    "ePacketOrder",
+    "get_now_time_stamp",
+    "read_recording",
+    "state_to_json",
+]
 for _name in __all__:
-    if getattr(globals()[_name], "__module__", "").startswith("velta._"):
-        globals()[_name].__module__ = "velta"
+    globals()[_name].__module__ = "velta"
