@@ -1,7 +1,17 @@
 // SPDX-License-Identifier: MIT
 #include "control.h"
 
+#include <functional>
+
 namespace velta::bridge {
+
+namespace {
+
+std::size_t HashOf(const Commander& sender, const std::string& id) {
+  return std::hash<std::string>{}(sender + '\0' + id);
+}
+
+}  // namespace
 
 const char* ToString(Refusal refusal) {
   switch (refusal) {
@@ -20,7 +30,7 @@ const char* ToString(Refusal refusal) {
     case Refusal::kNotCommand:
       return "not a command document";
     case Refusal::kRepeated:
-      return "repeated";
+      return "repeated or retained";
   }
   return "";
 }
@@ -122,6 +132,19 @@ Control::Effects Control::Expire(Time now) {
 std::optional<Control::Time> Control::Deadline() const {
   if (holder_.empty()) return std::nullopt;
   return heard_ + options_.timeout;
+}
+
+bool ExecutedIds::Contains(const Commander& sender, const std::string& id) const {
+  return known_.count(HashOf(sender, id)) > 0;
+}
+
+void ExecutedIds::Add(const Commander& sender, const std::string& id) {
+  const std::size_t hash = HashOf(sender, id);
+  if (!known_.insert(hash).second) return;
+  order_.push_back(hash);
+  if (order_.size() <= kept_) return;
+  known_.erase(order_.front());
+  order_.pop_front();
 }
 
 }  // namespace velta::bridge

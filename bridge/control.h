@@ -3,8 +3,11 @@
 #define VELTA_BRIDGE_CONTROL_H_
 
 #include <chrono>
+#include <cstddef>
+#include <deque>
 #include <optional>
 #include <string>
+#include <unordered_set>
 
 namespace velta::bridge {
 
@@ -24,7 +27,7 @@ enum class Refusal {
 };
 
 /// "commands not allowed", "control not held", "control held by another", "dead-man", "stop not allowed",
-/// "not a command document", "repeated"; "" for kNone
+/// "not a command document", "repeated or retained"; "" for kNone
 const char* ToString(Refusal refusal);
 
 struct ControlOptions {
@@ -88,6 +91,20 @@ class Control {
   Commander holder_;
   Time heard_{};
   bool is_stopped_ = false;
+};
+
+/// Remembers which commands were executed, so that none is when it is delivered again.
+class ExecutedIds {
+ public:
+  explicit ExecutedIds(std::size_t kept = 100'000) : kept_(kept) {}
+
+  bool Contains(const Commander& sender, const std::string& id) const;
+  void Add(const Commander& sender, const std::string& id);  ///< forgets the oldest of more than are kept
+
+ private:
+  std::size_t kept_;
+  std::unordered_set<std::size_t> known_;  ///< by hash: at worst a new command is refused
+  std::deque<std::size_t> order_;
 };
 
 }  // namespace velta::bridge

@@ -60,9 +60,8 @@ bool Hub::Handle(const Commander& sender, const Message& message, const Reply& r
   Apply(effects);
   const bool is_sent = is_command && effects.refusal == Refusal::kNone && Send(sender, message, reply);
   if (effects.refusal != Refusal::kNone) Refuse(message, effects.refusal, reply);
-  if (message.kind == Kind::kTake || message.kind == Kind::kKeep || message.kind == Kind::kGive) {
-    reply(ControlFor(sender));
-  }
+  const bool is_control = message.kind == Kind::kTake || message.kind == Kind::kKeep || message.kind == Kind::kGive;
+  if (is_control && !effects.changed) reply(ControlFor(sender));  // else everybody was told
   return is_sent;
 }
 
@@ -76,6 +75,14 @@ void Hub::Leave(const Commander& sender) {
   if (source == sources_.end()) return;
   source->second.Discard();
   sources_.erase(source);
+}
+
+void Hub::LeaveAll(const std::string& beginning) {
+  std::vector<Commander> leaving{Holder()};
+  for (const auto& [name, source] : sources_) leaving.push_back(name);
+  for (const Commander& name : leaving) {
+    if (name.compare(0, beginning.size(), beginning) == 0) Leave(name);
+  }
 }
 
 std::string Hub::ControlFor(const Commander& sender) const {

@@ -64,6 +64,9 @@ class Hub {
   /// The sender's connection has ended, and what it left waiting ends with it.
   void Leave(const Commander& sender);
 
+  /// The same for everybody whose name begins so.
+  void LeaveAll(const std::string& beginning);
+
   /// The control document as the sender sees it.
   std::string ControlFor(const Commander& sender) const;
   const Commander& Holder() const { return control_.Holder(); }

@@ -1,0 +1,230 @@
+// SPDX-License-Identifier: MIT
+#include <boost/asio/signal_set.hpp>
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <cstdint>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include "errors.h"
+#include "hub.h"
+#include "messages.h"
+#include "mqtt.h"
+#include "notify.h"
+#include "options.h"
+#include "ticker.h"
+#include "velta_link.h"
+#include "velta_log.h"
+#include "version.h"
+#include "web.h"
+
+namespace velta::bridge {
+
+namespace {
+
+namespace asio = boost::asio;
+using tools::UsageError;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+struct Options {
+  HubOptions hub;
+  WebOptions web;
+  MqttOptions mqtt;
+  std::string web_address, mqtt_address, mqtt_version = "5";
+  std::string token_file, password_file, stop_documents;
+  bool no_viewer_stop = false;
+};
+
+/// The first line of a file that holds a secret.
+std::string ReadSecret(const std::string& path) {
+  std::ifstream file(path);
+  std::string line;
+  if (!std::getline(file, line) || line.find_first_not_of(" \t\r") == std::string::npos) {
+    throw std::runtime_error(path + " holds no secret in its first line, or cannot be read");
+  }
+  line.erase(line.find_last_not_of(" \t\r") + 1);
+  return line;
+}
+
+/// HOST:PORT, [ADDRESS]:PORT
+void ReadWebAddress(const std::string& text, WebOptions& options) {
+  const auto colon = text.rfind(':');
+  std::string host = text.substr(0, colon);
+  if (host.size() > 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
+  else if (host.find(':') != std::string::npos) host.clear();
+  const std::string port = colon != std::string::npos ? text.substr(colon + 1) : "";
+  const bool is_port = !port.empty() && port.size() <= 5 && port.find_first_not_of("0123456789") == std::string::npos &&
+                       std::stoi(port) <= 65535;
+  if (host.empty() || !is_port) throw UsageError("bad --web '" + text + "': give HOST:PORT");
+  options.host = host;
+  options.port = port;
+}
+
+void AddOptions(CLI::App& app, Options& options) {
+  SessionOptions& session = options.hub.session;
+  tools::AddJointsOption(app, session.joints);
+  app.add_option("LINK", session.link, "The arm: tcp://HOST:PORT, udp://HOST:PORT, serial:///dev/ttyX?baud=N or sim:")
+      ->required()
+      ->envname("VELTA_LINK");
+  app.add_flag("--allow-commands", options.hub.control.allow_commands, "Let one commander at a time command the arm");
+  app.add_option_function<std::string>(
+         "--control-timeout",
+         [&options](const std::string& text) {
+           const bool is_bare = text.find_first_not_of("0123456789.") == std::string::npos;
+           const auto timeout = tools::ReadDuration(is_bare ? text + "s" : text);
+           if (timeout < milliseconds(20) || timeout > seconds(60)) {
+             throw UsageError("bad --control-timeout '" + text + "': 20ms to 60s");
+           }
+           options.hub.control.timeout = timeout;
+         },
+         "How long who holds control may be silent (500ms)")
+      ->option_text("DURATION");
+  app.add_flag("--no-viewer-stop", options.no_viewer_stop, "Only who holds control may stop the arm");
+  app.add_option("--stop-documents", options.stop_documents, "Command documents that stop the arm, in this order")
+      ->option_text("FILE");
+
+  const CLI::Range rate(0.1, 1000.0);
+  const char* const web = "In a browser";
+  app.add_option("--web", options.web_address, "Where to listen; port 0 picks one")->option_text("HOST:PORT")->group(web);
+  app.add_option("--web-hz", options.web.hz, "States per second")->check(rate)->option_text("HZ")->group(web);
+  app.add_option("--token-file", options.token_file, "Ask for the token in the file's first line")
+      ->option_text("FILE")
+      ->group(web);
+  auto* const cert = app.add_option("--tls-cert", options.web.certificate, "Certificate chain, PEM");
+  auto* const key = app.add_option("--tls-key", options.web.key, "Its private key, PEM");
+  cert->option_text("FILE")->group(web)->needs(key);
+  key->option_text("FILE")->group(web)->needs(cert);
+  app.add_flag("--insecure", options.web.insecure, "Listen on other addresses than loopback without token and TLS")
+      ->group(web);
+  app.add_option("--allow-host", options.web.allow_hosts, "Another name that browsers may use; may be repeated")
+      ->option_text("NAME")
+      ->allow_extra_args(false)
+      ->group(web);
+
+  const char* const mqtt = "Through a broker";
+  app.add_option("--mqtt", options.mqtt_address, "mqtt://HOST[:PORT]/PREFIX or mqtts://; PREFIX of all topics")
+      ->option_text("URL")
+      ->group(mqtt);
+  app.add_option("--mqtt-hz", options.mqtt.hz, "States per second")->check(rate)->option_text("HZ")->group(mqtt);
+  app.add_option("--mqtt-version", options.mqtt_version, "5, or 3.1.1 for old brokers")
+      ->check(CLI::IsMember({"5", "3.1.1"}))
+      ->option_text("VERSION")
+      ->group(mqtt);
+  app.add_option("--mqtt-user", options.mqtt.user, "Name at the broker")->option_text("NAME")->group(mqtt);
+  app.add_option("--mqtt-password-file", options.password_file, "Password, in the file's first line")
+      ->option_text("FILE")
+      ->group(mqtt);
+  app.add_option("--mqtt-ca", options.mqtt.ca, "Whom to trust, PEM; else the system's")->option_text("FILE")->group(mqtt);
+  auto* const own = app.add_option("--mqtt-cert", options.mqtt.certificate, "Certificate of this bridge, PEM");
+  auto* const own_key = app.add_option("--mqtt-key", options.mqtt.key, "Its private key, PEM");
+  own->option_text("FILE")->group(mqtt)->needs(own_key);
+  own_key->option_text("FILE")->group(mqtt)->needs(own);
+  app.footer(
+      "The page on this machine, in two terminals:\n"
+      "  velta sim -n 6 tcp://127.0.0.1:43210\n"
+      "  velta-bridge -n 6 tcp://127.0.0.1:43210 --web 127.0.0.1:8080 --allow-commands\n"
+      "Exit status: 0 success, 1 the job failed, 2 bad usage.");
+}
+
+/// What the options mean together. Files are read here.
+void Complete(Options& options) {
+  if (options.web_address.empty() && options.mqtt_address.empty()) throw UsageError("give --web, --mqtt or both");
+  SessionOptions& session = options.hub.session;
+  LinkAddress address;
+  std::string why;
+  if (!ParseLinkAddress(session.link, address, why)) throw UsageError("bad link '" + session.link + "': " + why);
+  if (!options.web_address.empty()) ReadWebAddress(options.web_address, options.web);
+  if (!options.mqtt_address.empty()) {
+    try {
+      ReadMqttAddress(options.mqtt_address, options.mqtt);
+    } catch (const std::invalid_argument& error) {
+      throw UsageError("bad --mqtt '" + options.mqtt_address + "': " + error.what());
+    }
+  }
+  options.mqtt.is_version_5 = options.mqtt_version == "5";
+  options.hub.control.viewer_stop = !options.no_viewer_stop;
+  if (!options.token_file.empty()) options.web.token = ReadSecret(options.token_file);
+  if (!options.password_file.empty()) options.mqtt.password = ReadSecret(options.password_file);
+  if (!options.stop_documents.empty()) session.stop = ReadStopDocuments(options.stop_documents, session.joints);
+  if (options.hub.control.allow_commands) session.dead_man = options.hub.control.timeout;
+}
+
+int Serve(Options options) {
+  SetLogSink([](LogLevel, std::string_view) {});  // the session's events say it better
+  asio::io_context io(1);
+  asio::signal_set signals(io, SIGINT, SIGTERM);
+  Hub hub(io, options.hub);
+  std::unique_ptr<Web> web;
+  std::unique_ptr<Mqtt> mqtt;
+  if (!options.web_address.empty()) web = std::make_unique<Web>(io, hub, options.web);
+  if (!options.mqtt_address.empty()) mqtt = std::make_unique<Mqtt>(io, hub, options.mqtt);
+  if (web) hub.Add(*web);
+  if (mqtt) hub.Add(*mqtt);
+  hub.Start();
+  if (web) std::cout << "listening on " << web->Url() << std::endl;
+
+  // The manager hears from this program as long as the session's loop runs.
+  std::uint64_t cycles = 0;
+  const std::chrono::duration<double> watchdog = WatchdogPeriod();
+  Ticker feed(io, watchdog.count() > 0 ? 1 / watchdog.count() : 1, [&] {
+    if (const std::uint64_t now = hub.Cycles(); now != std::exchange(cycles, now)) NotifyManager("WATCHDOG=1");
+  });
+  if (watchdog.count() > 0) feed.Start();
+  asio::steady_timer farewell(io);
+  signals.async_wait([&](const boost::system::error_code& error, int) {
+    if (error) return;
+    NotifyManager("STOPPING=1");
+    hub.Stop();
+    if (mqtt) mqtt->Stop();
+    if (web) web->Stop();
+    farewell.expires_after(milliseconds(200));  // for the viewers' answers
+    farewell.async_wait([&](const boost::system::error_code&) { io.stop(); });
+  });
+  NotifyManager("READY=1");
+  io.run();
+  return 0;
+}
+
+int Report(const std::string& text, int status) {
+  std::cerr << "velta-bridge: " << text << std::endl;
+  return status;
+}
+
+int Run(int argc, char** argv) {
+  CLI::App app{"Carries an arm's state to browsers and brokers, and their commands to the arm.", "velta-bridge"};
+  Options options;
+  tools::SetHelpStyle(app);
+  app.set_version_flag("--version", VELTA_VERSION::major + "." + VELTA_VERSION::minor + "." + VELTA_VERSION::revision,
+                       "Show the version");
+  app.set_help_flag("-h,--help", "Show this help");
+  AddOptions(app, options);
+  try {
+    app.parse(argc, argv);
+    Complete(options);
+  } catch (const CLI::Success& asked) {
+    app.exit(asked);
+    return 0;
+  } catch (const CLI::ParseError& error) {
+    return Report(std::string(error.what()) + "; see velta-bridge --help", 2);
+  } catch (const UsageError& error) {
+    return Report(std::string(error.what()) + "; see velta-bridge --help", 2);
+  }
+  return Serve(std::move(options));
+}
+
+}  // namespace
+
+}  // namespace velta::bridge
+
+int main(int argc, char** argv) {
+  std::signal(SIGPIPE, SIG_IGN);
+  try {
+    return velta::bridge::Run(argc, argv);
+  } catch (const std::exception& error) {
+    return velta::bridge::Report(error.what(), 1);
+  }
+}
