@@ -25,8 +25,8 @@ class Gate {
   const char* Check(std::string_view host, std::string_view origin, std::string_view local) const;
 
   bool NeedsToken() const { return !token_digest_.empty(); }
-  bool IsToken(std::string_view text) const;               ///< in a time that does not depend on the text
-  bool IsBearer(std::string_view authorization) const;     ///< of an Authorization field, "" if there is none
+  bool IsToken(std::string_view text) const;            ///< in a time that does not depend on the text
+  bool IsBearer(std::string_view authorization) const;  ///< of an Authorization field, "" if there is none
 
  private:
   std::vector<std::string> names_;

@@ -47,9 +47,9 @@ void Hub::Stop() {
 bool Hub::Handle(const Commander& sender, const Message& message, const Reply& reply) {
   using Kind = Message::Kind;
   using Event = Control::Effects (Control::*)(const Commander&, Control::Time);
-  constexpr std::pair<Kind, Event> kEvents[] = {
-      {Kind::kTake, &Control::Take},       {Kind::kKeep, &Control::Keep}, {Kind::kGive, &Control::Give},
-      {Kind::kCommand, &Control::Command}, {Kind::kRearm, &Control::Rearm}, {Kind::kStop, &Control::Stop}};
+  constexpr std::pair<Kind, Event> kEvents[] = {{Kind::kTake, &Control::Take},   {Kind::kKeep, &Control::Keep},
+                                                {Kind::kGive, &Control::Give},   {Kind::kCommand, &Control::Command},
+                                                {Kind::kRearm, &Control::Rearm}, {Kind::kStop, &Control::Stop}};
   Event event = &Control::Unknown;
   for (const auto& [kind, handler] : kEvents) {
     if (kind == message.kind) event = handler;

@@ -99,10 +99,10 @@ class Hub {
   std::uint64_t state_count_ = 0;  ///< of statuses, when state_ was made
 
   std::atomic<std::uint64_t> status_count_{0};
-  std::atomic<std::uint64_t> latency_ns_{0};   ///< of the last echo; 0: none yet
+  std::atomic<std::uint64_t> latency_ns_{0};    ///< of the last echo; 0: none yet
   std::atomic<unsigned> events_on_the_way_{0};  ///< from the session's thread to the hub's
-  std::uint64_t last_echo_ = 0;                ///< in the session's thread
-  Session session_;                            ///< last: its callbacks use the rest
+  std::uint64_t last_echo_ = 0;                 ///< in the session's thread
+  Session session_;                             ///< last: its callbacks use the rest
 };
 
 }  // namespace velta::bridge

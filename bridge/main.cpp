@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-#include <boost/asio/signal_set.hpp>
 #include <CLI/CLI.hpp>
+#include <boost/asio/signal_set.hpp>
 #include <csignal>
 #include <cstdint>
 #include <fstream>
@@ -26,9 +26,9 @@ namespace velta::bridge {
 namespace {
 
 namespace asio = boost::asio;
-using tools::UsageError;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
+using tools::UsageError;
 
 struct Options {
   HubOptions hub;
@@ -54,8 +54,10 @@ std::string ReadSecret(const std::string& path) {
 void ReadWebAddress(const std::string& text, WebOptions& options) {
   const auto colon = text.rfind(':');
   std::string host = text.substr(0, colon);
-  if (host.size() > 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
-  else if (host.find(':') != std::string::npos) host.clear();
+  if (host.size() > 2 && host.front() == '[' && host.back() == ']')
+    host = host.substr(1, host.size() - 2);
+  else if (host.find(':') != std::string::npos)
+    host.clear();
   const std::string port = colon != std::string::npos ? text.substr(colon + 1) : "";
   const bool is_port = !port.empty() && port.size() <= 5 && port.find_first_not_of("0123456789") == std::string::npos &&
                        std::stoi(port) <= 65535;
@@ -89,7 +91,9 @@ void AddOptions(CLI::App& app, Options& options) {
 
   const CLI::Range rate(0.1, 1000.0);
   const char* const web = "In a browser";
-  app.add_option("--web", options.web_address, "Where to listen; port 0 picks one")->option_text("HOST:PORT")->group(web);
+  app.add_option("--web", options.web_address, "Where to listen; port 0 picks one")
+      ->option_text("HOST:PORT")
+      ->group(web);
   app.add_option("--web-hz", options.web.hz, "States per second")->check(rate)->option_text("HZ")->group(web);
   app.add_option("--token-file", options.token_file, "Ask for the token in the file's first line")
       ->option_text("FILE")
@@ -118,7 +122,9 @@ void AddOptions(CLI::App& app, Options& options) {
   app.add_option("--mqtt-password-file", options.password_file, "Password, in the file's first line")
       ->option_text("FILE")
       ->group(mqtt);
-  app.add_option("--mqtt-ca", options.mqtt.ca, "Whom to trust, PEM; else the system's")->option_text("FILE")->group(mqtt);
+  app.add_option("--mqtt-ca", options.mqtt.ca, "Whom to trust, PEM; else the system's")
+      ->option_text("FILE")
+      ->group(mqtt);
   auto* const own = app.add_option("--mqtt-cert", options.mqtt.certificate, "Certificate of this bridge, PEM");
   auto* const own_key = app.add_option("--mqtt-key", options.mqtt.key, "Its private key, PEM");
   own->option_text("FILE")->group(mqtt)->needs(own_key);
@@ -150,6 +156,7 @@ void Complete(Options& options) {
   if (!options.token_file.empty()) options.web.token = ReadSecret(options.token_file);
   if (!options.password_file.empty()) options.mqtt.password = ReadSecret(options.password_file);
   if (!options.stop_documents.empty()) session.stop = ReadStopDocuments(options.stop_documents, session.joints);
+  session.status_buffer = 64;  // nobody asks for more than the newest
   if (options.hub.control.allow_commands) session.dead_man = options.hub.control.timeout;
 }
 

@@ -92,7 +92,8 @@ void ReadMqttAddress(const std::string& text, MqttOptions& options) {
   const auto colon = authority.rfind(':');
   if (colon != std::string::npos && authority.find(']', colon) == std::string::npos) {
     const std::string port = authority.substr(colon + 1);
-    const bool is_number = !port.empty() && port.size() <= 5 && port.find_first_not_of("0123456789") == std::string::npos;
+    const bool is_number =
+        !port.empty() && port.size() <= 5 && port.find_first_not_of("0123456789") == std::string::npos;
     options.port = is_number ? std::stoi(port) : 0;
     if (options.port < 1 || options.port > 65535) throw std::invalid_argument("bad port");
     authority.erase(colon);
@@ -190,7 +191,8 @@ void Mqtt::Parts::Configure() {
   const auto c_str = [](const std::string& text) { return text.empty() ? nullptr : text.c_str(); };
   if (!options.user.empty()) mosquitto_username_pw_set(client, options.user.c_str(), c_str(options.password));
   const std::string will = ConnectionText("lost");
-  mosquitto_will_set_v5(client, Topic("connection").c_str(), static_cast<int>(will.size()), will.data(), 1, true, nullptr);
+  mosquitto_will_set_v5(client, Topic("connection").c_str(), static_cast<int>(will.size()), will.data(), 1, true,
+                        nullptr);
   if (!options.tls) return;
   const char* const system = options.ca.empty() ? "/etc/ssl/certs" : nullptr;
   const int result =
@@ -303,8 +305,10 @@ void Mqtt::Parts::Lost(const std::string& why) {
 }
 
 void Mqtt::Parts::Published(int mid) {
-  if (mid == state_mid) state_mid = 0;
-  else waiting = std::max(waiting - 1, 0);
+  if (mid == state_mid)
+    state_mid = 0;
+  else
+    waiting = std::max(waiting - 1, 0);
 }
 
 void Mqtt::Parts::Take(const Arrived& arrived) {
@@ -328,7 +332,9 @@ void Mqtt::Parts::PublishControl(const Commander& to) {
 void Mqtt::Parts::OnConnect(mosquitto*, void* self, int result, int, const mosquitto_property*) {
   auto& parts = *static_cast<Parts*>(self);
   if (result != 0) {  // refused; the loop ends with an error
-    parts.Post([result] { std::cerr << "velta-bridge: the broker refuses: " << mosquitto_reason_string(result) << std::endl; });
+    parts.Post([result] {
+      std::cerr << "velta-bridge: the broker refuses: " << mosquitto_reason_string(result) << std::endl;
+    });
     return;
   }
   parts.was_connected = true;
@@ -368,8 +374,8 @@ void Mqtt::Parts::OnPublish(mosquitto*, void* self, int mid, int, const mosquitt
   parts.Post([&parts, mid] { parts.Published(mid); });
 }
 
-/// The client library shows a message's duplicate flag nowhere else: "... received PUBLISH (d1, q1, ...", just before it
-/// calls back with the message.
+/// The client library shows a message's duplicate flag nowhere else: "... received PUBLISH (d1, q1, ...", just before
+/// it calls back with the message.
 void Mqtt::Parts::OnLog(mosquitto*, void* self, int level, const char* text) {
   if (level != MOSQ_LOG_DEBUG) return;
   const char* const at = std::strstr(text, " received PUBLISH (d");

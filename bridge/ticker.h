@@ -2,9 +2,9 @@
 #ifndef VELTA_BRIDGE_TICKER_H_
 #define VELTA_BRIDGE_TICKER_H_
 
+#include <algorithm>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/steady_timer.hpp>
-#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <utility>

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "web.h"
 
+#include <algorithm>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ssl/context.hpp>
 #include <boost/asio/steady_timer.hpp>
@@ -9,7 +10,6 @@
 #include <boost/beast/ssl.hpp>
 #include <boost/beast/websocket.hpp>
 #include <boost/beast/websocket/ssl.hpp>
-#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <deque>
@@ -76,7 +76,8 @@ struct Shared {
 
   void Refuse(const char* reason, const std::string& peer) {
     if (!refusals.Count(reason, peer, steady_clock::now())) return;
-    std::cerr << "velta-bridge: refused " << (peer.empty() ? "a peer that is gone" : peer) << ": " << reason << std::endl;
+    std::cerr << "velta-bridge: refused " << (peer.empty() ? "a peer that is gone" : peer) << ": " << reason
+              << std::endl;
   }
 
   asio::io_context& io;
@@ -135,8 +136,10 @@ class WebSocket final : public Viewer, public std::enable_shared_from_this<WebSo
     ws_.async_accept(request, [self = this->shared_from_this()](error_code error) {
       if (error) return;
       self->Read();
-      if (self->is_welcome_) self->Join();
-      else self->WaitForToken();
+      if (self->is_welcome_)
+        self->Join();
+      else
+        self->WaitForToken();
     });
   }
 
@@ -311,9 +314,8 @@ class Connection final : public std::enable_shared_from_this<Connection<Stream>>
     parser_->header_limit(kMaxHead);
     parser_->body_limit(0);
     Lowest().expires_after(kHeadTime);  // for all of it, however slowly it comes
-    http::async_read(stream_, in_, *parser_, [self = this->shared_from_this()](error_code error, std::size_t) {
-      self->OnRequest(error);
-    });
+    http::async_read(stream_, in_, *parser_,
+                     [self = this->shared_from_this()](error_code error, std::size_t) { self->OnRequest(error); });
   }
 
   void OnRequest(error_code error) {
@@ -324,7 +326,8 @@ class Connection final : public std::enable_shared_from_this<Connection<Stream>>
     }
     if (error) return Fail(http::status::bad_request, "malformed request");
     const auto& request = parser_->get();
-    const char* wrong = shared_->gate.Check(View(request[http::field::host]), View(request[http::field::origin]), local_);
+    const char* wrong =
+        shared_->gate.Check(View(request[http::field::host]), View(request[http::field::origin]), local_);
     if (request.count(http::field::host) > 1) wrong = "host";
     if (wrong) return Fail(http::status::forbidden, wrong);
     const std::string path(request.target().substr(0, request.target().find('?')));
@@ -347,8 +350,7 @@ class Connection final : public std::enable_shared_from_this<Connection<Stream>>
     if (!has_token && request.count(http::field::authorization) > 0) {
       return Fail(http::status::unauthorized, "wrong token");
     }
-    const auto viewer =
-        std::make_shared<WebSocket<Stream>>(shared_, std::move(place_), std::move(stream_), has_token);
+    const auto viewer = std::make_shared<WebSocket<Stream>>(shared_, std::move(place_), std::move(stream_), has_token);
     viewer->Accept(request);
   }
 
@@ -449,8 +451,8 @@ void Web::Parts::Listen() {
   const tcp::endpoint endpoint = found.begin()->endpoint();
   const bool has_tls = !options.certificate.empty() && !options.key.empty();
   if (!endpoint.address().is_loopback() && !options.insecure && (options.token.empty() || !has_tls)) {
-    throw std::runtime_error(where + " can be reached from other machines: give --token-file, --tls-cert and --tls-key, " +
-                             "or --insecure");
+    throw std::runtime_error(
+        where + " can be reached from other machines: give --token-file, --tls-cert and --tls-key, " + "or --insecure");
   }
   if (has_tls) {
     tls.emplace(asio::ssl::context::tls_server);
@@ -516,8 +518,8 @@ Web::~Web() = default;
 std::string Web::Url() const {
   const auto endpoint = parts_->acceptor.local_endpoint();
   const std::string host = endpoint.address().to_string();
-  return std::string(parts_->tls ? "https://" : "http://") + (endpoint.address().is_v6() ? "[" + host + "]" : host) + ":" +
-         std::to_string(endpoint.port()) + "/";
+  return std::string(parts_->tls ? "https://" : "http://") + (endpoint.address().is_v6() ? "[" + host + "]" : host) +
+         ":" + std::to_string(endpoint.port()) + "/";
 }
 
 void Web::Stop() {

@@ -3,8 +3,10 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
-build_packages=(g++ make cmake picojson-dev libcli11-dev libfmt-dev nlohmann-json3-dev libncurses-dev gnuplot-nox)
-test_packages=(libgtest-dev python3 python3-pytest pkg-config tshark tmux util-linux)
+build_packages=(g++ make cmake picojson-dev libcli11-dev libfmt-dev nlohmann-json3-dev libncurses-dev gnuplot-nox
+                libboost-dev libmosquitto-dev libssl-dev)
+test_packages=(libgtest-dev python3 python3-pytest pkg-config tshark tmux util-linux
+               mosquitto mosquitto-clients openssl python3-websockets)
 check_packages=(clang clang-format clang-tidy cppcheck)
 bench_packages=(libbenchmark-dev nlohmann-json3-dev gnuplot-nox)
 package_packages=(abigail-tools dpkg-dev gzip lintian man-db)

@@ -110,8 +110,8 @@ async function askStatistics() {
     const answer = await fetch('/api/statistics', token ? {headers: {Authorization: `Bearer ${token}`}} : {});
     if (!answer.ok) return;
     const next = await answer.json(), now = seconds();
-    if (statistics && next.statuses >= statistics.statuses) {
-      rate = (next.statuses - statistics.statuses) / (now - statisticsTime);
+    if (statistics && next.session.frames_received >= statistics.session.frames_received) {
+      rate = (next.session.frames_received - statistics.session.frames_received) / (now - statisticsTime);
     } else {
       for (const {kind, text, time} of next.events) note(text ? `${kind}: ${text}` : kind, kind === 'lost', new Date(time));
     }

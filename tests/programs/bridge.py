@@ -1,0 +1,172 @@
+# SPDX-License-Identifier: MIT
+"""What the tests of velta-bridge share: the program, a client of its WebSocket, a broker."""
+
+import asyncio
+import json
+import socket
+import subprocess
+import time
+
+import pytest
+import websockets
+
+from conftest import BUILD, PATIENCE, Started, wait_until
+
+BRIDGE = BUILD / "bridge/velta-bridge"
+POSITION = 20  # control mode
+
+
+def command(order, joint=1, value=0.0):
+    """A command document for one joint, counted from 1."""
+    values = {f"value{i}": str(value if i == 1 else 0.0) for i in range(1, 5)}
+    return {"armOrder": "0", "jointCommand": [{"jointName": str(joint), "jointOrder": str(order), **values}]}
+
+
+SERVO_ON, MODE, REF_POSITION = 162, 163, 17
+
+
+class Viewer:
+    """One WebSocket to a bridge."""
+
+    def __init__(self, url, **options):
+        self.loop = asyncio.new_event_loop()
+        address = url.replace("http", "ws", 1) + "ws"
+
+        async def connect():
+            return await websockets.connect(address, max_size=None, max_queue=None, ping_interval=None, **options)
+
+        self.socket = self._run(connect())
+
+    def _run(self, awaitable, timeout=PATIENCE):
+        async def bounded():
+            return await asyncio.wait_for(awaitable, timeout)
+
+        return self.loop.run_until_complete(bounded())
+
+    def send(self, message):
+        self._run(self.socket.send(message if isinstance(message, (str, bytes)) else json.dumps(message)))
+
+    def receive(self, key, keep_control=False):
+        """Skips messages up to one that has the key; returns what it holds."""
+        end = time.monotonic() + PATIENCE
+        while time.monotonic() < end:
+            if keep_control:
+                self.send({"control": "keep"})
+            message = json.loads(self._run(self.socket.recv()))
+            if key in message:
+                return message[key]
+        raise AssertionError(f"no {key} came")
+
+    def ask(self, message, key="outcome"):
+        self.send(message)
+        return self.receive(key)
+
+    def take(self):
+        while self.ask({"control": "take"}, "control") != {"held": True, "yours": True}:
+            pass
+
+    def do(self, document, id="1"):
+        """Commands, and waits for the outcome."""
+        return self.ask({"id": id, "confirm": True, "command": document})
+
+    def close_code(self):
+        """Waits until the bridge closes it."""
+
+        async def read():
+            while True:
+                await self.socket.recv()
+
+        with pytest.raises(websockets.ConnectionClosed):
+            self._run(read())
+        return self.socket.close_code
+
+    def abort(self):
+        """Ends the connection without a word."""
+        self.socket.transport.abort()
+        self._run(self.socket.wait_closed())
+
+    def close(self):
+        self.abort()
+        self.loop.close()
+
+
+@pytest.fixture
+def viewer():
+    viewers = []
+
+    def connect(url, **options):
+        viewers.append(Viewer(url, **options))
+        return viewers[-1]
+
+    yield connect
+    for each in viewers:
+        if not each.loop.is_closed():
+            each.close()
+
+
+@pytest.fixture
+def bridge():
+    """bridge(link, options...) starts a bridge of 3 joints; with a page unless there is another front end."""
+    started = Started()
+
+    def start(link, *options):
+        web = [] if any(str(option).startswith("--mqtt") for option in options) else ["--web", "127.0.0.1:0"]
+        web = [] if "--web" in options else web
+        program = started.start(BRIDGE, "-n", 3, link, *web, *options)
+        program.url = program.line("listening on ") if web or "--web" in options else None
+        return program
+
+    yield start
+    for program in started.programs:
+        program.kill()
+
+
+def free_port():
+    with socket.socket() as any_port:
+        any_port.bind(("127.0.0.1", 0))
+        return any_port.getsockname()[1]
+
+
+class Broker:
+    """A real broker on a loopback port of its own."""
+
+    def __init__(self, folder):
+        self.port = free_port()
+        self.started = Started()
+        self.config = folder / "mosquitto.conf"
+        self.config.write_text(f"listener {self.port} 127.0.0.1\nallow_anonymous true\npersistence false\n")
+        self.start()
+
+    def start(self):
+        self.program = self.started.start("/usr/sbin/mosquitto", "-c", self.config)
+
+        def listens():
+            with socket.socket() as attempt:
+                return attempt.connect_ex(("127.0.0.1", self.port)) == 0
+
+        wait_until(listens, "the broker")
+
+    def address(self, prefix="cell/arm"):
+        return f"mqtt://127.0.0.1:{self.port}/{prefix}"
+
+    def subscribe(self, topic, *options):
+        """Lines "TOPIC PAYLOAD" as they come."""
+        client = self.started.start("stdbuf", "-oL", "mosquitto_sub", "-h", "127.0.0.1", "-p", self.port, "-d", "-v", "-t", topic, *options)
+        client.line("Subscribed (")
+        return client
+
+    def publish(self, topic, message, *options):
+        text = message if isinstance(message, str) else json.dumps(message)
+        subprocess.run(["mosquitto_pub", "-h", "127.0.0.1", "-p", str(self.port), "-q", "1", "-t", topic, "-m", text,
+                        *options], check=True, timeout=PATIENCE)
+
+    def close(self):
+        for program in self.started.programs:
+            program.kill()
+
+
+@pytest.fixture
+def broker(tmp_path):
+    running = Broker(tmp_path)
+    yield running
+    running.close()

@@ -1,0 +1,311 @@
+# SPDX-License-Identifier: MIT
+"""velta-bridge between a simulated controller and programs on its WebSocket."""
+
+import contextlib
+import http.client
+import json
+import pathlib
+import random
+import socket
+import ssl
+import subprocess
+import time
+import urllib.parse
+
+import pytest
+import websockets
+
+from bridge import MODE, POSITION, REF_POSITION, SERVO_ON, Viewer, bridge, command, free_port, viewer
+from conftest import wait_until
+
+
+def get(url, path="/", headers=None, method="GET", **options):
+    """status, headers, body"""
+    address = urllib.parse.urlsplit(url)
+    kind = http.client.HTTPSConnection if address.scheme == "https" else http.client.HTTPConnection
+    connection = kind(address.hostname, address.port, timeout=30, **options)
+    connection.request(method, path, headers=headers or {})
+    answer = connection.getresponse()
+    with contextlib.closing(connection):
+        return answer.status, answer.headers, answer.read().decode()
+
+
+def statistics(program):
+    return json.loads(get(program.url, "/api/statistics")[2])
+
+
+def refused(program, reason):
+    return statistics(program)["web"]["refused"].get(reason, 0)
+
+
+def begin_slow_move(commander):
+    """A trajectory of a minute for joint 1."""
+    assert commander.do(command(SERVO_ON))["outcome"] == "confirmed"
+    assert commander.do(command(REF_POSITION, value=1000))["outcome"] == "confirmed"  # mode 0: at 18 units a second
+    while commander.receive("state", keep_control=True)["jointState"][0]["trjStatus"] != "2":
+        pass
+
+
+def trajectory(observer):
+    return observer.receive("state")["jointState"][0]["trjStatus"]
+
+
+def test_every_viewer_gets_states_as_the_library_writes_them(sim, bridge, viewer):
+    program = bridge(sim(), "--web-hz", 20)
+    first, second = viewer(program.url), viewer(program.url)
+    state = first.receive("state")
+    assert sorted(state) == ["duration", "hostTimestamp", "jointState", "timestamp"]
+    assert [joint["joint_id"] for joint in state["jointState"]] == ["1", "2", "3"]
+    begin, times = time.monotonic(), []
+    while time.monotonic() < begin + 2:
+        times.append(int(second.receive("state")["timestamp"]))
+    assert times == sorted(set(times)), "each state once, and never an older one"
+    assert len(times) <= 45
+    status, headers, body = get(program.url, "/api/state")
+    assert (status, headers["Content-Type"]) == (200, "application/json")
+    assert list(json.loads(body)) == sorted(state)
+
+
+def test_arm_may_be_away_at_the_start_and_later(velta, bridge, viewer):
+    port = free_port()
+    program = bridge(f"tcp://127.0.0.1:{port}", "--allow-commands")
+    assert get(program.url, "/api/state")[0::2] == (503, '{"error":"no status from the arm"}')
+    watcher = viewer(program.url)
+    for kind in ("connected", "back"):
+        arm = velta.start("sim", "-n", 3, f"tcp://127.0.0.1:{port}")
+        while watcher.receive("event")["kind"] != kind:
+            pass
+        watcher.receive("state")
+        arm.stop()
+        while watcher.receive("event")["kind"] != "lost":
+            pass
+        assert get(program.url, "/api/state")[0] == 503
+        assert statistics(program)["arm"] == "away"
+
+
+def test_one_commander_at_a_time(sim, bridge, viewer):
+    program = bridge(sim(), "--allow-commands", "--control-timeout", "30s")
+    one, other = viewer(program.url), viewer(program.url)
+    assert one.do(command(SERVO_ON)) == {"id": "1", "outcome": "refused", "reason": "control not held"}
+    assert other.receive("control") == {"held": False, "yours": False}
+    one.take()
+    assert other.receive("control") == {"held": True, "yours": False}
+    assert other.ask({"control": "take"}) == {"outcome": "refused", "reason": "control held by another"}
+    assert other.do(command(SERVO_ON))["reason"] == "control not held"
+    assert other.ask({"rearm": True})["reason"] == "control not held"
+    assert one.do(command(SERVO_ON)) == {"id": "1", "outcome": "confirmed"}
+    one.send(command(MODE, value=POSITION))  # bare, and without an answer
+    assert one.ask({"id": 2, "command": command(REF_POSITION, value=1.5)}) == {"id": 2, "outcome": "sent"}
+    while one.receive("state")["jointState"][0]["position"] != "1.500000":
+        pass
+    assert one.ask({"id": "3", "command": {"armOrder": 0, "jointCommand": []}})["reason"] == "not a command document"
+    assert one.ask("{}") == {"outcome": "refused", "reason": "not a command document"}
+    assert one.ask({"control": "give"}, "control") == {"held": False, "yours": False}
+    other.take()
+    assert other.do(command(SERVO_ON))["outcome"] == "confirmed"
+
+
+@pytest.mark.parametrize("how", ["silent", "disconnected", "stopped by a viewer"])
+def test_arm_stops_without_its_commander(sim, bridge, viewer, how):
+    program = bridge(sim(), "--allow-commands", "--control-timeout", "1s" if how == "silent" else "30s")
+    commander, other = viewer(program.url), viewer(program.url)
+    commander.take()
+    begin_slow_move(commander)
+    if how == "disconnected":
+        commander.abort()
+    if how == "stopped by a viewer":
+        other.send({"stop": True})
+        assert commander.do(command(SERVO_ON))["reason"] == "dead-man"
+    while trajectory(other) not in ("5", "6"):
+        pass
+    if how == "stopped by a viewer":
+        commander.send({"control": "give"})
+    other.take()
+    assert other.do(command(SERVO_ON)) == {"id": "1", "outcome": "refused", "reason": "dead-man"}
+    other.send({"rearm": True})
+    assert other.do(command(SERVO_ON))["outcome"] == "confirmed"
+
+
+def test_giving_back_stops_nothing(sim, bridge, viewer):
+    program = bridge(sim(), "--allow-commands", "--control-timeout", "300ms")
+    commander = viewer(program.url)
+    commander.take()
+    begin_slow_move(commander)
+    commander.send({"control": "give"})
+    before = commander.receive("state")
+    while int(commander.receive("state")["timestamp"]) < int(before["timestamp"]) + 1_000_000:
+        pass
+    assert trajectory(commander) == "2"
+
+
+def test_viewers_may_only_stop_without_allow_commands(sim, bridge, viewer):
+    program = bridge(sim())
+    watcher = viewer(program.url)
+    for message in ({"control": "take"}, {"command": command(SERVO_ON)}, {"rearm": True}):
+        assert watcher.ask(message)["reason"] == "commands not allowed"
+    watcher.send({"stop": True})
+    while watcher.receive("event")["kind"] != "dead-man":
+        pass
+    strict = bridge(sim(), "--no-viewer-stop")
+    assert viewer(strict.url).ask({"stop": True})["reason"] == "stop not allowed"
+
+
+def test_stop_documents_replace_the_stop(sim, bridge, viewer, tmp_path):
+    stop = tmp_path / "stop.json"
+    stop.write_text(json.dumps(command(MODE, joint=2, value=1)))
+    watcher = viewer(bridge(sim(), "--stop-documents", stop).url)
+    watcher.send({"stop": True})
+    while watcher.receive("state")["jointState"][1]["ctrlMode"] != "1":
+        pass
+
+
+def test_requests_are_let_in_by_host_origin_and_token(sim, bridge, viewer, tmp_path):
+    secret = tmp_path / "token"
+    secret.write_text("open sesame\n")
+    program = bridge(sim(), "--token-file", secret, "--allow-host", "arm.example", "--allow-commands")
+    port = program.url.rstrip("/").rsplit(":", 1)[1]
+    bearer = {"Authorization": "Bearer open sesame"}
+    for path, headers, status in [
+        ("/", {}, 200),
+        ("/", {"Host": "arm.example"}, 200),
+        ("/", {"Host": "evil.example"}, 403),
+        ("/", {"Origin": f"http://127.0.0.1:{port}"}, 200),
+        ("/", {"Origin": "http://evil.example"}, 403),
+        ("/api/state", {}, 401),
+        ("/api/state", {"Authorization": "Bearer open sesam"}, 401),
+        ("/api/state", bearer, 200),
+        ("/api/statistics", bearer, 200),
+        ("/nothing", bearer, 404),
+    ]:
+        assert get(program.url, path, headers)[0] == status, (path, headers)
+    assert get(program.url, "/", method="POST")[0] == 405
+    policy = get(program.url)[1]["Content-Security-Policy"]
+    assert "frame-ancestors 'none'" in policy and "default-src 'none'" in policy
+    for options in ({"origin": "http://evil.example"}, {"extra_headers": {"Authorization": "Bearer x"}}):
+        with pytest.raises(websockets.InvalidStatusCode):
+            viewer(program.url, **options)
+    for first in ({"token": "x"}, {"control": "take"}, None):  # None: nothing within 2 s
+        stranger = viewer(program.url)
+        if first:
+            stranger.send(first)
+        assert stranger.close_code() == 1008
+    friend = viewer(program.url)
+    assert friend.ask({"token": "open sesame"}, "control") == {"held": False, "yours": False}
+    viewer(program.url, extra_headers=bearer).receive("state")
+    counts = json.loads(get(program.url, "/api/statistics", bearer)[2])["web"]["refused"]
+    assert counts == {"host": 1, "method": 1, "no token": 3, "not found": 1, "origin": 2, "wrong token": 3}
+    assert "sesame" not in program.stderr and program.stderr.count("refused 127.0.0.1") == 1
+
+
+def test_other_addresses_need_token_and_tls(sim, bridge, run, tmp_path):
+    from bridge import BRIDGE
+    link = sim()
+    failed = run(BRIDGE, "-n", 3, link, "--web", "0.0.0.0:0")
+    assert failed.status == 1
+    assert failed.stderr == ("velta-bridge: 0.0.0.0:0 can be reached from other machines: give --token-file, --tls-cert "
+                             "and --tls-key, or --insecure\n")
+    assert bridge(link, "--web", "0.0.0.0:0", "--insecure").url
+    key, cert, token = tmp_path / "key.pem", tmp_path / "cert.pem", tmp_path / "token"
+    subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-keyout",
+                    key, "-out", cert, "-subj", "/CN=localhost", "-addext", "subjectAltName=IP:127.0.0.1"], check=True,
+                   stderr=subprocess.DEVNULL)
+    token.write_text("t")
+    program = bridge(link, "--web", "0.0.0.0:0", "--tls-cert", cert, "--tls-key", key, "--token-file", token)
+    trust = ssl.create_default_context(cafile=cert)
+    url = program.url.replace("0.0.0.0", "127.0.0.1")
+    assert url.startswith("https://")
+    assert get(url, "/api/state", {"Authorization": "Bearer t"}, context=trust)[0] == 200
+    secure = Viewer(url, ssl=trust)
+    assert secure.ask({"token": "t"}, "control") == {"held": False, "yours": False}
+    secure.close()
+
+
+@pytest.mark.parametrize("messages, code, reason", [
+    ([b"\0"], 1003, "binary message"),
+    (["[" * 101], 1008, "deep message"),
+    (["x" * (64 * 1024 + 1)], 1009, "long message"),
+    (["{}"] * 1000, 1008, "too many messages"),
+])
+def test_messages_beyond_the_limits_close_the_connection(sim, bridge, viewer, messages, code, reason):
+    program = bridge(sim())
+    noisy = viewer(program.url)
+    with contextlib.suppress(websockets.ConnectionClosed):
+        for message in messages:
+            noisy.send(message)
+    assert noisy.close_code() == code
+    assert refused(program, reason) == 1
+    viewer(program.url).receive("state")
+
+
+def resident(program):
+    status = pathlib.Path(f"/proc/{program.process.pid}/status").read_text()
+    return int(status.split("VmRSS:")[1].split()[0])
+
+
+def test_strangers_cost_neither_memory_nor_the_loop(sim, bridge, viewer):
+    from conftest import Started
+    from bridge import BRIDGE
+    started = Started()
+    program = started.start(BRIDGE, "-n", 32, sim("-n", 32), "--web", "127.0.0.1:0", "--allow-commands")
+    program.url = program.line("listening on ")
+    good = viewer(program.url)
+    good.receive("state")
+    host = ("127.0.0.1", urllib.parse.urlsplit(program.url).port)
+    choose = random.Random(7)
+    before, began = resident(program), time.monotonic()
+    slow = [socket.create_connection(host) for _ in range(20)]
+    for i, connection in enumerate(slow):
+        connection.send(b"GET / HTTP/1.1\r\nX: " if i % 2 else b"G")
+    deaf = socket.socket()
+    deaf.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+    deaf.connect(host)
+    deaf.send(b"GET /ws HTTP/1.1\r\nHost: localhost\r\nConnection: Upgrade\r\nUpgrade: websocket\r\n"
+              b"Sec-WebSocket-Version: 13\r\nSec-WebSocket-Key: AAAAAAAAAAAAAAAAAAAAAA==\r\n\r\n")
+    pieces = ['{"control":', '"take"', '"keep"', "}", "[", "{", '"id":', "1e999", '"stop"', "\\u0000", '"command":', "null", ","]
+    for _ in range(50):
+        noisy = viewer(program.url)
+        for _ in range(200):
+            noisy.send("".join(choose.choices(pieces, k=choose.randrange(12))))
+        noisy.close()
+    wait_until(lambda: statistics(program)["web"]["slow_viewers"] == 1, "the deaf viewer's end")
+    wait_until(lambda: refused(program, "slow request") == 20, "the slow requests' end")
+    assert resident(program) - before < 4 * 1024
+    good.receive("state")
+    session = statistics(program)["session"]
+    assert session["cycles"] > 100 * (time.monotonic() - began), "the arm's loop goes on"
+    crowd = [socket.create_connection(host) for _ in range(140)]
+    wait_until(lambda: program.stderr.count("refused") > 0)
+    for connection in slow + crowd + [deaf]:
+        connection.close()
+    wait_until(lambda: refused(program, "too many connections") >= 12)
+    program.kill()
+
+
+def test_service_manager_hears_that_it_is_ready_and_alive(sim, run, tmp_path):
+    from bridge import BRIDGE
+    manager = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+    manager.settimeout(30)
+    manager.bind(str(tmp_path / "notify"))
+    environment = {"NOTIFY_SOCKET": str(tmp_path / "notify"), "WATCHDOG_USEC": "200000"}
+    program = run.start(BRIDGE, "-n", 3, sim(), "--web", "127.0.0.1:0", env=environment)
+    assert [manager.recv(100) for _ in range(3)] == [b"READY=1", b"WATCHDOG=1", b"WATCHDOG=1"]
+    assert program.stop().status == 0
+    while (said := manager.recv(100)) == b"WATCHDOG=1":
+        pass
+    assert said == b"STOPPING=1"
+
+
+@pytest.mark.parametrize("arguments, complaint", [
+    ([], "give --web, --mqtt or both"),
+    (["--web", "8080"], "bad --web '8080'"),
+    (["--web", "localhost:99999"], "bad --web"),
+    (["--mqtt", "http://x/y"], "bad --mqtt 'http://x/y': it begins with mqtt://"),
+    (["--mqtt", "mqtt://x"], "it ends with /PREFIX"),
+    (["--web", "127.0.0.1:0", "--control-timeout", "1ms"], "bad --control-timeout '1ms'"),
+    (["--web", "127.0.0.1:0", "--tls-cert", "x"], "--tls-key"),
+])
+def test_bad_usage(run, arguments, complaint):
+    from bridge import BRIDGE
+    failed = run(BRIDGE, "-n", 3, "tcp://127.0.0.1:1", *arguments)
+    assert failed.status == 2 and failed.stdout == ""
+    assert complaint in failed.stderr and failed.stderr.count("\n") == 1
