@@ -1,32 +1,43 @@
 // SPDX-License-Identifier: MIT
-// Every call that the thread contract lets overlap, at once; the thread sanitizer is the judge.
+// Every call that the thread contract lets overlap, at once. The thread sanitizer is the judge, and so are counts that
+// hold at any moment: sizes that the steps read are possible ones, nothing is refused while there is room, and no frame
+// leaves that nobody queued.
 // usage: hammer [MILLISECONDS, 2000 by default]
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
-#include <iostream>
 #include <thread>
 
+#include "MasterControllerClientMock.h"
 #include "support/bytes.h"
-#include "support/scripted_link.h"
+#include "velta_log.h"
 
 namespace {
 
 constexpr int kJoints = 2;
+constexpr std::size_t kMostWaiting = 256;
+
+std::atomic<const char*> broken{nullptr};
+
+void Check(bool holds, const char* promise) {
+  if (!holds) broken = promise;
+}
 
 /// Always readable, always writable; its Read and Write share nothing.
 struct BusyLink : AbstractClient {
   bool Init() override { return true; }
   bool Connect() override { return true; }
   int Disconnect() override { return 0; }
-  int Write(const std::vector<char>& data) override { return static_cast<int>(written += data.size()) | 1; }
+  int Write(const std::vector<char>& data) override {
+    Check(data[12] != 0 || data[30] != 0, "a frame leaves only if a command was queued");
+    return static_cast<int>(data.size());
+  }
   int Read(std::vector<char>& data) override {
     data = velta::test::StatusFrame(kJoints, ++stamp);
     return static_cast<int>(data.size());
   }
-  std::size_t written = 0;
   std::uint64_t stamp = 0;
 };
 
@@ -35,6 +46,12 @@ struct Client : MasterControllerClient {
     client_ = new BusyLink;
     is_init_ = is_connected_ = true;
     CreateIndependentSendPacketBuffer("a");
+  }
+  /// Receives while few packets wait; with these many there is always room.
+  void ReceiveStep() {
+    if (GetStatistics().packets_waiting < kMostWaiting) ReceiveStatus();
+    Check(GetRecvBufferSize() <= kMostWaiting, "a size that the steps read is right");
+    Check(GetStatistics().packets_refused == 0, "no packet is refused while there is room");
   }
 };
 
@@ -47,19 +64,21 @@ struct Call {
 
 int main(int argc, char** argv) {
   const auto duration = std::chrono::milliseconds(argc > 1 ? std::atoi(argv[1]) : 2000);
-  std::cout.rdbuf(nullptr);
+  velta::SetLogSink([](velta::LogLevel, std::string_view) {});
   Client client;
+  MasterControllerClientMock simulator(kJoints, 1);
   UniqueSendPacketMap map;
   SendPacketBuffer buffer;
   SendPacket step_packet(kJoints), keyed(kJoints), source(kJoints), feeder_packet(kJoints), other_packet(kJoints);
+  for (SendPacket* packet : {&step_packet, &keyed, &source, &feeder_packet, &other_packet}) packet->SetServoOn("all");
   keyed.SetUniqueKey("key");
-  source.SetServoOn("all");
-  const std::string document = R"({"armOrder":"0","jointCommand":[]})";
+  const std::string document = R"({"armOrder":"0","jointCommand":[{"jointName":"1","jointOrder":"17",)"
+                               R"("value1":"8","value2":"0","value3":"0","value4":"0"}]})";
   std::unordered_map<std::string, SendPacket> unique;
   std::vector<SendPacket> ordinary;
   const Call calls[] = {
       // The steps' thread.
-      {0, [&] { client.ReceiveStatus(); }},
+      {0, [&] { client.ReceiveStep(); }},
       {0, [&] { client.SendPacketInBuffer(); }},
       {0, [&] { client.SendOnce(step_packet, false); }},
       {0, [&] { client.InsertUniqueSendMap(keyed); }},
@@ -67,25 +86,30 @@ int main(int argc, char** argv) {
       {0, [&] { client.PushBackIndependentSendBuffer(source, "a", false, true, "k"); }},
       {0, [&] { client.MergeIndependentSendPacketBuffer(); }},
       {0, [&] { client.GetLastRecvPacket(); }},
-      {0, [&] { client.IsConnected(); }},
+      {0, [&] { client.GetSendBufferSize(); }},
+      {0, [&] { client.IsConfirmationPending(); }},
+      {0, [&] { simulator.SendPacketInBuffer(); }},
+      {0, [&] { simulator.SetJointType(1, static_cast<unsigned char>(1)); }},
+      {0, [&] { Check(simulator.ReceiveStatus() <= 3, "a simulator's size is right"); }},
+      {0, [&] { simulator.FlushRecvBuffer(); }},
       // The collecting thread.
       {1, [&] { client.GetCurStatePacket(); }},
       {1, [&] { client.GetCurStateJson(); }},
       {1, [&] { client.FlushRecvBuffer(); }},
-      {1, [&] { client.GetRecvBufferSize(); }},
+      {1, [&] { simulator.GetCurStatePacket(); }},
       // Feeding threads.
       {2, [&] { client.PushSendQueue(feeder_packet, false); }},
       {2, [&] { client.PushSendQueueJson(document, false); }},
       {2, [&] { client.FlushSendBuffer(); }},
       {3, [&] { client.PushFrontSendQueue(other_packet, false); }},
-      {3, [&] { client.PushSendQueueJson(document, false); }},
-      {3, [&] { client.GetSendBufferSize(); }},
+      {3, [&] { simulator.PushSendQueue(other_packet, false); }},
+      {3, [&] { Check(client.GetStatistics().commands_queued < 1000000000, "the gauges are right"); }},
       // Containers of their own.
       {4, [&] { map.Insert("key", keyed); }},
       {5, [&] { map.GetSendPacket("key"); }},
       {4, [&] { buffer.pushBack(keyed); }},
       {5, [&] { buffer.popAllPackets(unique, ordinary); }},
-      {5, [&] { ordinary.clear(), unique.clear(); }},
+      {5, [&] { unique.clear(); }},
       {5, [&] { buffer.empty(); }},
   };
   constexpr int kThreads = 6;
@@ -100,7 +124,6 @@ int main(int argc, char** argv) {
           call.act();
           ++count;
         }
-        if (thread != 0) std::this_thread::yield();
       }
     });
   }
@@ -108,5 +131,6 @@ int main(int argc, char** argv) {
   running = false;
   for (std::thread& thread : threads) thread.join();
   std::fprintf(stderr, "hammer: %lu calls of %zu kinds from %d threads\n", count.load(), std::size(calls), kThreads);
-  return 0;
+  if (broken != nullptr) std::fprintf(stderr, "hammer: broken: %s\n", broken.load());
+  return broken != nullptr ? 1 : 0;
 }

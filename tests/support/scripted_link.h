@@ -49,6 +49,7 @@ struct ScriptedClient : MasterControllerClient {
     client_ = link;
     is_init_ = is_connected_ = true;
   }
+  using MasterControllerClient::client_;
   using MasterControllerClient::cur_send_packet_;
   using MasterControllerClient::is_init_;
   using MasterControllerClient::last_recv_host_timestamp_;
@@ -56,6 +57,7 @@ struct ScriptedClient : MasterControllerClient {
   using MasterControllerClient::mutex_;
   using MasterControllerClient::ready_to_send_;
   using MasterControllerClient::recv_buffer_;
+  using MasterControllerClient::send_queue_;
   using MasterControllerClient::timeout_count_;
   using MasterControllerClient::unique_send_map_;
   using MasterControllerClient::wait_confirm_;
