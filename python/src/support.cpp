@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "support.h"
 
+#include <cxxabi.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -45,7 +46,11 @@ void CheckProcess(unsigned number) {
 
 void TakeGil(PyThreadState* state) {
   while (IsFinalizing() && pthread_self() != ending_thread.load()) pause();
-  PyEval_RestoreThread(state);
+  try {
+    PyEval_RestoreThread(state);
+  } catch (abi::__forced_unwind&) {  // the interpreter began to end meanwhile
+    for (;;) pause();
+  }
 }
 
 void Raise(const char* type, const std::string& text) {

@@ -5,6 +5,7 @@ from __future__ import annotations
 
 import asyncio
 import logging
+import os
 import threading
 from typing import TYPE_CHECKING, Iterable
 
@@ -19,6 +20,14 @@ logger.addHandler(logging.NullHandler())
 _lock = threading.Lock()
 _waiting: dict[int, list[tuple[asyncio.AbstractEventLoop, asyncio.Future[None]]]] = {}
 _thread: threading.Thread | None = None
+
+
+def _renew_lock() -> None:
+    global _lock
+    _lock = threading.Lock()  # a thread that is gone may have held it
+
+
+os.register_at_fork(after_in_child=_renew_lock)
 
 
 def start() -> None:

@@ -18,6 +18,8 @@ from velta._tables import Recording, States
 Duration = Union[float, timedelta]
 
 _sessions: weakref.WeakSet[Session] = weakref.WeakSet()
+_sessions_lock = threading.Lock()
+_is_ending = False
 
 
 class Session(_velta.SessionBase):
@@ -32,7 +34,10 @@ class Session(_velta.SessionBase):
         super().__init__(link, joints, **options)
         self._callbacks: dict[str, Callable[[Any], object] | None] = {}
         self._threads: dict[str, threading.Thread] = {}
-        _sessions.add(self)
+        with _sessions_lock:
+            if _is_ending:
+                raise Error("the interpreter ends")
+            _sessions.add(self)
 
     def __enter__(self) -> Session:
         return self
@@ -182,11 +187,21 @@ def read_recording(path: str | os.PathLike[str]) -> Recording:
 
 def _end() -> None:
     """Before the interpreter ends: nothing of velta runs after this, and no callback waits for Python."""
-    for session in list(_sessions):
+    global _is_ending
+    with _sessions_lock:
+        _is_ending = True
+        sessions = list(_sessions)
+    for session in sessions:
         if session._is_of_this_process():
             session.stop()
     _notes.end()
     _velta._ending()
 
 
+def _renew_lock() -> None:
+    global _sessions_lock
+    _sessions_lock = threading.Lock()  # a thread that is gone may have held it
+
+
 atexit.register(_end)
+os.register_at_fork(after_in_child=_renew_lock)
