@@ -8,7 +8,7 @@ build_packages=(g++ make cmake picojson-dev libcli11-dev libfmt-dev nlohmann-jso
 test_packages=(libgtest-dev python3 python3-pytest pkg-config tshark tmux util-linux
                mosquitto mosquitto-clients openssl python3-websockets)
 check_packages=(clang clang-format clang-tidy cppcheck)
-bench_packages=(libbenchmark-dev nlohmann-json3-dev gnuplot-nox)
+bench_packages=(libbenchmark-dev nlohmann-json3-dev gnuplot-nox rt-tests)
 package_packages=(abigail-tools dpkg-dev gzip lintian man-db)
 proof_packages=(gcovr valgrind)
 python_packages=(pybind11-dev python3-dev python3-numpy)
