@@ -47,10 +47,14 @@ struct Client : MasterControllerClient {
     is_init_ = is_connected_ = true;
     CreateIndependentSendPacketBuffer("a");
   }
+  const RecvPacket status{kJoints};
   /// Receives while few packets wait; with these many there is always room.
   void ReceiveStep() {
     if (GetStatistics().packets_waiting < kMostWaiting) ReceiveStatus();
-    Check(GetRecvBufferSize() <= kMostWaiting, "a size that the steps read is right");
+    for (int i = 0; i < 500; ++i) {
+      if (GetStatistics().packets_waiting < kMostWaiting) PushRecvBuffer(status);
+      Check(GetRecvBufferSize() <= kMostWaiting, "a size that the steps read is right");
+    }
     Check(GetStatistics().packets_refused == 0, "no packet is refused while there is room");
   }
 };
@@ -79,7 +83,10 @@ int main(int argc, char** argv) {
   const Call calls[] = {
       // The steps' thread.
       {0, [&] { client.ReceiveStep(); }},
-      {0, [&] { client.SendPacketInBuffer(); }},
+      {0,
+       [&] {
+         for (int i = 0; i < 50; ++i) client.SendPacketInBuffer();
+       }},
       {0, [&] { client.SendOnce(step_packet, false); }},
       {0, [&] { client.InsertUniqueSendMap(keyed); }},
       {0, [&] { client.CreateIndependentSendPacketBuffer("b"); }},
@@ -93,14 +100,22 @@ int main(int argc, char** argv) {
       {0, [&] { Check(simulator.ReceiveStatus() <= 3, "a simulator's size is right"); }},
       {0, [&] { simulator.FlushRecvBuffer(); }},
       // The collecting thread.
-      {1, [&] { client.GetCurStatePacket(); }},
+      {1,
+       [&] {
+         for (int i = 0; i < 50; ++i) client.GetCurStatePacket();
+       }},
       {1, [&] { client.GetCurStateJson(); }},
       {1, [&] { client.FlushRecvBuffer(); }},
       {1, [&] { simulator.GetCurStatePacket(); }},
       // Feeding threads.
-      {2, [&] { client.PushSendQueue(feeder_packet, false); }},
       {2, [&] { client.PushSendQueueJson(document, false); }},
-      {2, [&] { client.FlushSendBuffer(); }},
+      {2,
+       [&] {
+         for (int i = 0; i < 50; ++i) {
+           client.PushSendQueue(feeder_packet, false);
+           client.FlushSendBuffer();
+         }
+       }},
       {3, [&] { client.PushFrontSendQueue(other_packet, false); }},
       {3, [&] { simulator.PushSendQueue(other_packet, false); }},
       {3, [&] { Check(client.GetStatistics().commands_queued < 1000000000, "the gauges are right"); }},

@@ -143,7 +143,9 @@ TEST_F(Client, ReceivesPacketsInStreamOrder) {
   EXPECT_EQ(client.ReceiveStatus(), 1);
   EXPECT_EQ(client.ReceiveStatus(), 0);
   EXPECT_EQ(client.recv_buffer_.back().joints.size(), 1u);
+  const RecvPacket* const storage = client.recv_buffer_.data();
   EXPECT_EQ(Collect(), (Stamps{1, 2, 3}));
+  EXPECT_EQ(client.recv_buffer_.data(), storage) << "a size that is read meanwhile must not lie";
   EXPECT_EQ(client.GetRecvBufferSize(), 0u);
   EXPECT_EQ(Collect(), Stamps{});
   Receive({4});
