@@ -9,12 +9,8 @@ if(NOT VELTA_DEBIAN) # which has the library where the loader looks
   set_target_properties(velta_cli PROPERTIES INSTALL_RPATH "$ORIGIN/${bin_to_lib}")
 endif()
 install(TARGETS velta_cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
-install(FILES ${PROJECT_SOURCE_DIR}/tools/completion/velta
+set(pages ${PROJECT_BINARY_DIR}/tools)
+install(FILES ${pages}/velta.bash RENAME velta
         DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions COMPONENT tools)
 install(FILES ${PROJECT_SOURCE_DIR}/wireshark/velta.lua DESTINATION ${CMAKE_INSTALL_LIBDIR}/wireshark/plugins COMPONENT tools)
-if(VELTA_DEBIAN)
-  velta_compress(docs/man/velta.1 velta.1.gz)
-  install(FILES ${PROJECT_BINARY_DIR}/velta.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
-else()
-  install(FILES ${PROJECT_SOURCE_DIR}/docs/man/velta.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
-endif()
+install(FILES ${pages}/velta.1$<$<BOOL:${VELTA_DEBIAN}>:.gz> DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)

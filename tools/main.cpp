@@ -2,11 +2,15 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <exception>
+#include <functional>
 #include <iostream>
 #include <string>
 #include <vector>
 
 #include "command.h"
+#include "command_words.h"
+#include "faults.h"
+#include "pages.h"
 #include "version.h"
 
 namespace {
@@ -20,6 +24,28 @@ constexpr const char* kAbout =
 int Report(const std::string& text, int status) {
   std::cerr << "velta: " << text << std::endl;
   return status;
+}
+
+/// Options for the build, which installs what they print.
+void AddPages(CLI::App& app) {
+  using namespace velta::tools;
+  const auto add = [&app](const char* name, const std::function<std::string()>& page) {
+    app.add_flag_callback(name,
+                          [page] {
+                            Out() << page();
+                            throw CLI::Success();
+                          })
+        ->group("");
+  };
+  add("--man-page", [&app] { return ManPage(app); });
+  add("--bash-completion", [&app] {
+    CompletionWords words;
+    for (const CommandWord& word : CommandWords()) words["send"].emplace_back(word.name);
+    for (std::size_t i = 0; i < velta::sim::kFaultCount; ++i) {
+      words["sim --fault"].emplace_back(velta::sim::Info(static_cast<velta::sim::Fault>(i)).name);
+    }
+    return BashCompletion(app, words);
+  });
 }
 
 void AddEverything(CLI::App& app, Action& action) {
@@ -45,6 +71,7 @@ void AddEverything(CLI::App& app, Action& action) {
   AddSend(app, action);
   AddPing(app, action);
   AddDoctor(app, action);
+  AddPages(app);
   for (CLI::App* command : app.get_subcommands({})) command->group("Commands");
 }
 

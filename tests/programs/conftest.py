@@ -33,8 +33,8 @@ class Program:
     def __init__(self, *command, env=None, **options):
         self.command = [str(word) for word in command]
         self.began = time.monotonic()
-        self.process = subprocess.Popen(self.command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                                        stderr=subprocess.PIPE, text=True, env={**os.environ, **(env or {})}, **options)
+        streams = dict.fromkeys(("stdin", "stdout", "stderr"), subprocess.PIPE)
+        self.process = subprocess.Popen(self.command, text=True, env={**os.environ, **(env or {})}, **{**streams, **options})
         self.stdout, self.stderr = "", ""
         self._lines = queue.Queue()
         self._readers = [threading.Thread(target=self._read, args=(name,), daemon=True) for name in ("stdout", "stderr")]
@@ -42,7 +42,7 @@ class Program:
             reader.start()
 
     def _read(self, name):
-        for line in getattr(self.process, name):
+        for line in getattr(self.process, name) or ():
             setattr(self, name, getattr(self, name) + line)
             self._lines.put(line.rstrip("\n"))
         self._lines.put(None)

@@ -1,0 +1,102 @@
+# SPDX-License-Identifier: MIT
+"""Each example as a user runs it, against the simulated controller."""
+
+import json
+import re
+
+import pytest
+from conftest import BUILD
+
+SERVO_ON = ('{"armOrder":"0","jointCommand":[{"jointName":"3","jointOrder":"162","value1":"0","value2":"0","value3":"0",'
+            '"value4":"0"}]}')
+
+
+@pytest.fixture
+def play(run):
+    """play("move_joint", arguments...)"""
+    return lambda name, *arguments, **options: run(BUILD / "examples" / name, *arguments, **options)
+
+
+def resent(output):
+    """How often a command was sent again: the library says so, and a busy machine causes it."""
+    return len(re.findall("^Timeout: ", output, re.MULTILINE))
+
+
+def positions(velta, link, joints):
+    documents = velta("monitor", link, "-n", joints, "--json", "--count", 1).stdout
+    return [float(joint["position"]) for joint in json.loads(documents)["jointState"]]
+
+
+@pytest.mark.parametrize("command, endpoint, options, pose, commands, output", [
+    ("drive_arm --tcp @ -n 6", "tcp", "", [10, -15, 20, -25, 30, -35], 6, "confirmations    6\n"),
+    ("drive_arm --udp @ -n 7", "udp", "", [10, -15, 20, -25, 30, -35, 40], 6, "confirmations    6\n"),
+    ("drive_arm --serial @:115200 -n 2", "pty", "", [10, -15], 6, "confirmations    6\n"),
+    ("drive_arm --tcp @ -n 3", "tcp", "--fault drop-command=0.7", [10, -15, 20], None, "confirmations    6\n"),
+    ("move_joint HOST PORT", "tcp", "", [0, 0, 30, 0, 0, 0], 5, "joint 2 is at 30.00\n"),
+    ("two_sources HOST PORT", "tcp", "", None, 5,
+     "different joints: 4 packets become 2 frames\na joint that both want: 4 packets become 4 frames\n"
+     "200 set-points under one key: still 4 frames, and 1 that waits until they are gone\n"),
+    ("confirmed_commands HOST PORT", "tcp", "--fault drop-command=0.7", [0] * 6, None, "home: confirmed\n"),
+    ("status_thread HOST PORT", "tcp", "", [0] * 6, 60, "60 commands fed, 0 left, statuses collected\n"),
+    ("gripper_and_payload HOST PORT", "tcp", "", [0] * 6 + [12], 9, "gripper at 12.00\npayload set\n"),
+    ("simulator_swap HOST PORT", "tcp", "", [15] * 6, 5, "arrived\n"),
+    ("serial_line @ 115200", "pty", "", [0, 0], 1, "the controller answers, joint 1 has servo on\n"),
+])
+def test_does_what_its_page_says(play, velta, sim, command, endpoint, options, pose, commands, output):
+    joints = 6 if pose is None else len(pose)
+    link = sim("-n", joints, *options.split(), endpoint="pty:" if endpoint == "pty" else f"{endpoint}://127.0.0.1:0")
+    host, _, port = link.address.rpartition(":")
+    words = command.replace("@", link.address).replace("HOST", host).replace("PORT", port).split()
+    run = play(*words)
+    assert run.status == 0, run.stdout + run.stderr
+    assert output in run.stdout
+    if pose is not None:
+        assert positions(velta, link, joints) == pytest.approx(pose, abs=0.01)
+    counts = link.stop()
+    assert (counts["bad_crc"], counts["garbage_bytes"]) == (0, 0)
+    assert commands is None or commands <= counts["commands"] <= commands + resent(run.stdout) + (endpoint != "tcp")
+
+
+def test_json_bridge_confirms_documents_and_refuses_others(play, sim):
+    run = play("json_bridge", *sim("-n", 6).address.split(":"), input=f"{SERVO_ON}\nnonsense\n")
+    assert (run.status, run.stderr) == (1, "json_bridge: not a command document: nonsense\n")
+    third, fourth = (run.stdout.index(f'"joint_id":"{joint}"') for joint in (3, 4))
+    assert '"systemMode":"2"' in run.stdout[third:fourth]
+
+
+def test_reconnect_sends_nothing_old_over_the_new_link(play, run, velta, sim):
+    deaf = sim("-n", 6, "--fault", "drop-command")  # confirms nothing, so commands stay queued
+    example = run.start(BUILD / "examples/reconnect", *deaf.address.split(":"))
+    example.line("connected, joint 0 is at 0.00")
+    deaf.stop()
+    example.line("link lost, 4 queued commands discarded")
+    arm = sim("-n", 6, endpoint=deaf)
+    assert example.wait().status == 0, example.stderr
+    assert positions(velta, arm, 6)[0] == pytest.approx(20, abs=0.01)
+    assert arm.stop()["commands"] == 5 + resent(example.stdout.split("link lost")[1])  # only those of the new session
+
+
+def test_the_simulator_needs_no_arm(play):
+    assert "arrived\n" in play("simulator_swap").stdout
+    assert "joint 3   position   -25.000  target   -25.000  arrived\n" in play("drive_arm", "-n", 4).stdout
+
+
+@pytest.mark.parametrize("command, status, error", [
+    ("drive_arm --tcp nonsense", 2, "drive_arm: --tcp: needs IP:PORT\n"),
+    ("drive_arm --joints 0", 2, "drive_arm: "),
+    ("drive_arm --tcp 127.0.0.1:1", 1, "drive_arm: cannot open 127.0.0.1:1\n"),
+    ("drive_arm --serial /no/such/tty:9600", 1, "drive_arm: cannot open /no/such/tty:9600\n"),
+    *((name, 2, f"usage: {name} ") for name in ("move_joint", "two_sources", "confirmed_commands", "json_bridge",
+                                                "reconnect", "status_thread", "gripper_and_payload", "serial_line")),
+])
+def test_says_what_is_wrong(play, command, status, error):
+    run = play(*command.split())
+    assert run.status == status and error in run.stderr + run.stdout
+
+
+def test_says_that_commands_are_not_confirmed(play, sim):
+    other = sim("-n", 3, endpoint="udp://127.0.0.1:0")  # a controller of another joint count
+    run = play("drive_arm", "--udp", other.address, "-n", 2, "--timeout", 1)
+    assert (run.status, run.stderr) == (1, "drive_arm: the controller does not confirm\n")
+    run = play("confirmed_commands", *sim("-n", 6, "--fault", "drop-command").address.split(":"))
+    assert run.status == 1 and "brakes off: not confirmed\n" in run.stdout + run.stderr
