@@ -150,40 +150,46 @@ void MeasureSend() {
               static_cast<double>(allocations) / 5000);
 }
 
-/// The p99 of a step every ms, alone and beside threads that send.
-void MeasureContention() {
-  double p99[2] = {0, 0};
-  for (int round = 0; round < 6; ++round) {
-    const bool contended = round % 2 != 0;
-    Stepped session(7);
-    std::atomic<bool> is_over{false};
-    std::vector<std::thread> senders;
-    for (int i = 0; contended && i < 8; ++i) {
-      senders.emplace_back([&, source = session.arm.AddSource("sender")]() mutable {
-        const SendPacket packet(7);
-        while (!is_over) {
-          static_cast<void>(source.Send(packet));
-          std::this_thread::sleep_for(microseconds(500));
+/// The p99 of a step every ms, alone or beside threads that send. They do not sleep in between: the interrupts that end
+/// a sleep would be measured.
+double StepP99(int senders_count) {
+  Stepped session(7);
+  std::atomic<bool> is_over{false};
+  std::vector<std::thread> senders;
+  for (int i = 0; i < senders_count; ++i) {
+    senders.emplace_back([&, source = session.arm.AddSource("sender")]() mutable {
+      const SendPacket packet(7);
+      for (auto next = Clock::now(); !is_over; next = std::max(next + milliseconds(1), Clock::now())) {
+        static_cast<void>(source.Send(packet));
+        while (Clock::now() < next && !is_over) {
         }
-      });
-    }
-    const bool fifo = HaveFifo(80);
-    std::vector<double> times;
-    for (int i = 0; i < 4000; ++i) {
-      session.peer.Send(session.status);
-      velta::Ticket ticket = session.arm.Send(SendPacket(7));
-      times.push_back(Time([&] { session.arm.Step(); }));
-      session.peer.Drain();
-      std::this_thread::sleep_for(milliseconds(1));
-    }
-    HaveFifo(0);
-    is_over = true;
-    for (std::thread& sender : senders) sender.join();
-    p99[contended ? 1 : 0] += Quantile(times, 0.99) / 3;
-    if (round == 0 && !fifo) std::puts("(without SCHED_FIFO: the scheduler's share is in the figures)");
+      }
+    });
   }
-  std::printf("a step's p99: alone %.1f us, beside 8 sending threads %.1f us, ratio %.2f\n", p99[0] / 1e3, p99[1] / 1e3,
-              p99[1] / p99[0]);
+  HaveFifo(80);
+  std::vector<double> times;
+  for (int i = 0; i < 2000; ++i) {
+    session.peer.Send(session.status);
+    velta::Ticket ticket = session.arm.Send(SendPacket(7));
+    times.push_back(Time([&] { session.arm.Step(); }));
+    session.peer.Drain();
+    std::this_thread::sleep_for(milliseconds(1));
+  }
+  HaveFifo(0);
+  is_over = true;
+  for (std::thread& sender : senders) sender.join();
+  return Quantile(times, 0.99);
+}
+
+void MeasureContention() {
+  std::vector<double> alone, beside;
+  for (int round = 0; round < kRounds; ++round) {
+    alone.push_back(StepP99(0));
+    beside.push_back(StepP99(8));
+  }
+  const double lonely = Quantile(alone, 0.5), contended = Quantile(beside, 0.5);
+  std::printf("a step's p99: alone %.1f us, beside 8 sending threads %.1f us, ratio %.2f\n", lonely / 1e3,
+              contended / 1e3, contended / lonely);
 }
 
 /// p99.9 in us by cyclictest, at the same priority; 0 where it is not installed.

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <mutex>
 #include <stdexcept>
@@ -235,7 +236,7 @@ std::string ToJson(const SessionStatistics& statistics) {
   const std::pair<const char*, double> durations[] = {
       {"max", lateness.max_us}, {"p50", lateness.p50_us}, {"p99", lateness.p99_us}, {"p99.9", lateness.p999_us}};
   for (const auto& [key, value] : durations) {
-    const auto ns = static_cast<std::uint64_t>(value * 1e3 + 0.5);  // without the locale's decimal point
+    const auto ns = static_cast<std::uint64_t>(std::llround(value * 1e3));  // without the locale's decimal point
     const std::string fraction = std::to_string(1000 + ns % 1000).substr(1);
     json += std::string(",\"") + key + "\":" + std::to_string(ns / 1000) + "." + fraction;
   }
@@ -290,7 +291,10 @@ void Source::Discard() { stream_->Discard(); }
 // Session
 
 Session::Session(SessionOptions options)
-    : parts_(std::make_unique<detail::SessionParts>(options, detail::Checked(options))) {}
+    : parts_([&options] {
+        const LinkAddress address = detail::Checked(options);
+        return std::make_unique<detail::SessionParts>(std::move(options), address);
+      }()) {}
 
 Session::~Session() {
   Stop();

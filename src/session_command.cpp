@@ -227,9 +227,8 @@ Command* Stream::Send(const SendPacket& packet, Confirm confirm) {
   Command* const command = Command::Make(packet, confirm, Command::TakeRetired(admission_->retired));
   if (++waiting_ > limit_) {
     --waiting_;
-    command->Finish(velta::Outcome::kDiscarded, velta::Reason::kQueueFull);
-    command->Release();
-    return command;
+    command->Free();
+    return Command::MakeRefused(velta::Reason::kQueueFull);
   }
   command->epoch = ruling.epoch;
   command->sequence = sequence_++;

@@ -96,15 +96,15 @@ std::string Situation::Why() const {
 
 // SessionShared
 
-SessionShared::SessionShared(const SessionOptions& given, const LinkAddress& link)
-    : options(given),
-      address(link),
-      recorder(MakeRecorder(given)),
-      plain(std::make_shared<Stream>("", given.joints, given.queue_size, admission)),
-      keys(given.joints, admission),
-      notifier(given.joints, given.status_buffer, recorder.get(), given.flight_record_path),
-      latest(given.joints),
-      statuses(given.joints, given.status_buffer) {}
+SessionShared::SessionShared(SessionOptions given, LinkAddress link)
+    : options(std::move(given)),
+      address(std::move(link)),
+      recorder(MakeRecorder(options)),
+      plain(std::make_shared<Stream>("", options.joints, options.queue_size, admission)),
+      keys(options.joints, admission),
+      notifier(options.joints, options.status_buffer, recorder.get(), options.flight_record_path),
+      latest(options.joints),
+      statuses(options.joints, options.status_buffer) {}
 
 // SessionLoop: the link
 

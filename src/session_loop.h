@@ -57,7 +57,7 @@ class Situation {
 
 /// What the loop shares with the host's threads.
 struct SessionShared {
-  SessionShared(const SessionOptions& given, const LinkAddress& link);
+  SessionShared(SessionOptions given, LinkAddress link);
 
   const SessionOptions options;
   const LinkAddress address;
