@@ -19,6 +19,9 @@ set(CPACK_COMPONENTS_ALL runtime devel)
 if(TARGET velta_cli)
   list(APPEND CPACK_COMPONENTS_ALL tools)
 endif()
+if(TARGET velta_python)
+  list(APPEND CPACK_COMPONENTS_ALL python)
+endif()
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE
@@ -69,6 +72,21 @@ records and plays what passes on a link, sends single commands, and tells what
 is wrong when nothing moves.")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libvelta2 (>= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "gnuplot-nox")
+if(TARGET velta_python)
+velta_package(python python3-velta python "Python module that drives a robot arm's master controller" "${about}
+.
+This package contains the module velta for Python 3: sessions that run the loop,
+reconnect and answer every command, statuses as NumPy arrays, and recordings.")
+math(EXPR python_next "${VELTA_PYTHON_MINOR} + 1")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "python3 (>= 3.${VELTA_PYTHON_MINOR}~), python3 (<< 3.${python_next}), \
+python3-numpy, libvelta2 (>= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SUGGESTS "velta-tools, python3-pytest")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA "${PROJECT_SOURCE_DIR}/packaging/python/postinst;\
+${PROJECT_SOURCE_DIR}/packaging/python/prerm")
+install(FILES examples/python/dead_man.py examples/python/move_joint.py examples/python/plot_recording.py
+              examples/python/two_parts.py DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/python3-velta/examples
+        COMPONENT python)
+endif()
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/triggers)
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "") # each package has its own
 include(CPack)
