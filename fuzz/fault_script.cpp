@@ -32,7 +32,7 @@ std::string Strikes(const std::vector<sim::FaultRule>& rules, const std::vector<
   std::uint64_t now = 0;
   for (const char time : times) {
     now += static_cast<unsigned char>(time);
-    for (const auto unit : {sim::Unit::Ms, sim::Unit::Frame, sim::Unit::Command}) faults.Advance(unit, now);
+    for (const auto unit : {sim::Unit::kMs, sim::Unit::kFrame, sim::Unit::kCommand}) faults.Advance(unit, now);
     for (std::size_t i = 0; i < sim::kFaultCount; ++i) {
       const auto fault = static_cast<sim::Fault>(i);
       const auto struck = faults.Strike(fault, static_cast<double>(now));
@@ -65,8 +65,8 @@ void Run(Input& in) {
     const sim::FaultInfo& info = sim::Info(rule.fault);
     Check(rule.rate >= 0 && rule.rate <= 1, "rates are probabilities");
     const bool has_value =
-        info.takes == sim::FaultInfo::Takes::RateAndValue || info.takes == sim::FaultInfo::Takes::Value;
-    Check(!has_value || (rule.value >= info.min_value && rule.value <= info.max_value), "values are within bounds");
+        info.takes == sim::FaultInfo::Takes::kRateAndValue || info.takes == sim::FaultInfo::Takes::kValue;
+    Check(!has_value || (rule.value >= info.min && rule.value <= info.max), "values are within bounds");
   }
   Check(Strikes(rules, times) == Strikes(rules, times), "the same strikes for the same seed");
 }

@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: MIT
 // Any file is read to its end or refused by a typed error; a whole one gives its records, a cut one those before the
 // cut.
-#include "recording.h"
-
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include "recording_file.h"
 #include "support/bytes.h"
 #include "target.h"
 
@@ -40,12 +39,12 @@ File Compose(Input& in) {
 }
 
 /// The records' bytes, again as they stand in the file; what is left behind them in lost_tail.
-std::vector<char> ReadAll(tools::RecordingReader& reader, std::size_t& count, std::uint64_t& lost_tail) {
+std::vector<char> ReadAll(recording::RecordingReader& reader, std::size_t& count, std::uint64_t& lost_tail) {
   std::vector<char> bytes;
-  tools::Record record;
+  recording::Record record;
   for (count = 0; reader.Next(record); ++count) {
-    const auto block = recording::RecordBytes(static_cast<recording::Event>(record.event), record.monotonic_ns,
-                                              record.wall_ns, record.bytes.data(), record.bytes.size());
+    const auto block = recording::RecordBytes(record.event, record.monotonic_ns, record.wall_ns, record.bytes.data(),
+                                              record.bytes.size());
     bytes.insert(bytes.end(), block.begin(), block.end());
   }
   lost_tail = reader.LostTail();
@@ -73,7 +72,7 @@ void Run(Input& in) {
             pwrite(fd, file.bytes.data(), file.bytes.size(), 0) == static_cast<ssize_t>(file.bytes.size()),
         "the file is written");
   try {
-    tools::RecordingReader reader("/proc/self/fd/" + std::to_string(fd));
+    recording::RecordingReader reader("/proc/self/fd/" + std::to_string(fd));
     std::size_t count = 0, again = 0;
     std::uint64_t tail = 0;
     const std::vector<char> records = ReadAll(reader, count, tail);
@@ -86,7 +85,7 @@ void Run(Input& in) {
     Check(std::equal(records.begin(), records.end(), file.bytes.begin() + static_cast<std::ptrdiff_t>(file.ends[0])),
           "records are the file's");
     Check(file.ends[count] + tail == file.bytes.size(), "the rest is told");
-  } catch (const tools::Failure&) {
+  } catch (const recording::RecordingError&) {
     Check(form != Whole && (form != Cut || file.bytes.size() < file.ends[0]), "a good recording is not refused");
   }
 }

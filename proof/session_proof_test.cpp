@@ -27,7 +27,7 @@ namespace velta {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using Kind = sim::EndpointConfig::Kind;
+using Kind = LinkAddress::Kind;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
@@ -193,18 +193,19 @@ TEST_P(SessionUnderFault, AnswersEachCommandOnceAndTruly) {
 }
 
 std::string Name(const testing::TestParamInfo<std::tuple<Row, Kind>>& cell) {
-  const char* const links[] = {"Tcp", "Udp", "Pty"};
-  return std::string(std::get<0>(cell.param).name) + links[static_cast<int>(std::get<1>(cell.param))];
+  const Kind kind = std::get<1>(cell.param);
+  return std::string(std::get<0>(cell.param).name) + (kind == Kind::kTcp ? "Tcp" : kind == Kind::kUdp ? "Udp" : "Pty");
 }
 
 INSTANTIATE_TEST_SUITE_P(, SessionUnderFault,
-                         testing::Combine(testing::ValuesIn(kRows), testing::Values(Kind::Tcp, Kind::Udp, Kind::Pty)),
+                         testing::Combine(testing::ValuesIn(kRows),
+                                          testing::Values(Kind::kTcp, Kind::kUdp, Kind::kPty)),
                          Name);
 
 TEST(SessionProof, SurvivesAControllerThatIsRestartedAgainAndAgain) {
   Witness witness;
   const auto note = [&](const auto& frame) { witness.Note(frame); };
-  auto controller = std::make_unique<test::ServedController>(Kind::Tcp, kJoints, 1, "", note);
+  auto controller = std::make_unique<test::ServedController>(Kind::kTcp, kJoints, 1, "", note);
   const std::string link = controller->Link();
   const int port = std::stoi(link.substr(link.rfind(':') + 1));
   Hosted host;
@@ -218,7 +219,7 @@ TEST(SessionProof, SurvivesAControllerThatIsRestartedAgainAndAgain) {
         std::this_thread::sleep_for(milliseconds(1));
       }
       controller.reset();
-      controller = std::make_unique<test::ServedController>(Kind::Tcp, kJoints, 1, "", note, port);
+      controller = std::make_unique<test::ServedController>(Kind::kTcp, kJoints, 1, "", note, port);
     }
     EXPECT_GE(arm.GetStatistics().reconnections, static_cast<unsigned>(rounds) / 3);
     const int before = host.outcomes[static_cast<std::size_t>(Outcome::kConfirmed)];
@@ -323,7 +324,7 @@ TEST(SessionProof, CallbacksMayThrowBlockAndStop) {
 TEST(SessionProof, TheArmIsStoppedWhileTheHostHangs) {
   Witness witness;
   std::atomic<bool> is_cancelled{false};
-  test::ServedController controller(Kind::Udp, kJoints, 1, "", [&](const std::vector<char>& frame) {
+  test::ServedController controller(Kind::kUdp, kJoints, 1, "", [&](const std::vector<char>& frame) {
     constexpr std::uint8_t kCancelled = 6;
     const auto status = static_cast<std::uint8_t>(frame[sizeof(rxHeader_t) + offsetof(rxJoint_t, trjStatus)]);
     if (status == kCancelled) is_cancelled = true;

@@ -53,8 +53,8 @@ int main(int argc, char** argv) {
   constexpr int kJoints = 6;
   velta::sim::ServerConfig config;
   config.joints = kJoints;
-  config.endpoints.emplace_back();
-  config.faults = {Loss(velta::sim::Fault::DropCommand), Loss(velta::sim::Fault::DropStatus)};
+  config.listen.push_back({velta::LinkAddress::Kind::kTcp, "127.0.0.1", 0, "", 0, 1});
+  config.faults = {Loss(velta::sim::Fault::kDropCommand), Loss(velta::sim::Fault::kDropStatus)};
   velta::sim::Server server(config);
   const std::string link = server.Links().front();
   const int stop = eventfd(0, 0);

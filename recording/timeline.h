@@ -8,36 +8,27 @@
 #include <optional>
 #include <string>
 #include <variant>
-#include <vector>
 
-#include "PacketParser.h"
 #include "RecvPacket.h"
 #include "SendPacket.h"
-#include "frames.h"
-#include "recording.h"
+#include "frame_stream.h"
+#include "recording_file.h"
 
-namespace CLI {
-class App;
-}  // namespace CLI
+namespace velta::recording {
 
-namespace velta::tools {
-
-/// Which part of a recording to use, and how to read it; the options that all its readers share.
+/// Which part of a recording to use, and how to read it.
 struct Excerpt {
   std::string file;
-  int joints = 0;   ///< joints per frame (n); 0 takes what the recording says
-  double from = 0;  ///< seconds since the first record
-  double to = std::numeric_limits<double>::infinity();
-
-  /// Adds FILE, -n, --from and --to. Must live as long as command.
-  void AddOptions(CLI::App& command);
+  int joints = 0;             ///< joints per frame (n); 0 takes what the recording says
+  std::uint64_t from_ns = 0;  ///< since the first record
+  std::uint64_t to_ns = std::numeric_limits<std::uint64_t>::max();
 };
 
 /// One frame, or one change of the connection, of a recording.
 struct Moment {
   std::uint64_t since_start_ns = 0;  ///< since the recording's first record, by the monotonic clock
   std::uint64_t wall_ns = 0;         ///< nanoseconds since the Unix epoch
-  LinkEvent event = LinkEvent::kOpened;
+  Event event = Event::kOpened;
   std::variant<std::monostate, SendPacket, RecvPacket> packet;  ///< of kToController, of kToHost
 
   const SendPacket* Command() const { return std::get_if<SendPacket>(&packet); }
@@ -48,11 +39,13 @@ struct Moment {
 /// the excerpt begins is read too, so that a frame never begins in the middle.
 ///
 /// Errors:  as RecordingReader.
+/// Threads: no lock.
 class Timeline {
  public:
   explicit Timeline(const Excerpt& excerpt);
 
   int Joints() const { return joints_; }  ///< joints per frame (n)
+  const std::string& File() const { return excerpt_.file; }
   const std::string& RecordedLink() const { return reader_.Header().link; }
 
   /// @return the next moment of the excerpt; nothing at its end, or when a stop was requested
@@ -60,12 +53,12 @@ class Timeline {
 
   void Rewind();
 
-  /// Bytes that belong to no good frame, up to here.
-  std::uint64_t LostCommandBytes() const;
-  std::uint64_t LostStatusBytes() const;
+  /// The bytes of both directions up to here, and what became of them.
+  const wire::CommandStream& Commands() const { return commands_; }
+  const wire::StatusStream& Statuses() const { return statuses_; }
 
-  /// Tells on standard error about a recording that was cut short; to be called at its end.
-  void TellLostTail() const;
+  /// Bytes that a crash left after the last whole record; known at the end.
+  std::uint64_t LostTail() const { return reader_.LostTail(); }
 
  private:
   void Cut(const Record& record, std::uint64_t since_start_ns);
@@ -74,29 +67,11 @@ class Timeline {
   RecordingReader reader_;
   int joints_;
   std::optional<std::uint64_t> start_ns_;
-  sim::CommandFramer commands_;
-  PacketParser statuses_;
-  std::uint64_t command_bytes_ = 0, good_command_bytes_ = 0;
-  std::uint64_t status_bytes_ = 0, good_status_bytes_ = 0;
+  wire::CommandStream commands_;
+  wire::StatusStream statuses_;
   std::deque<Moment> ready_;
 };
 
-/// One number of a status record.
-struct JointField {
-  const char* name;  ///< as the status documents call it
-  bool is_real;      ///< a 32-bit float; else an unsigned integer
-  double (*value)(const rxJoint_t&);
-};
-
-/// All 24 numbers of a status record, in the frame's order.
-const std::vector<JointField>& JointFields();
-
-/// A duration or a point in time as seconds, exactly: "12.000000345".
-std::string Seconds(std::uint64_t ns);
-
-/// The shortest text that reads back as the same number; "nan", "inf", "-inf".
-std::string Shortest(float value);
-
-}  // namespace velta::tools
+}  // namespace velta::recording
 
 #endif  // VELTA_RECORDING_TIMELINE_H_

@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include "faults.h"
 
-#include <picojson.h>
-
 #include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <istream>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
@@ -21,28 +20,30 @@ constexpr double kMaxMs = 3600e3;
 
 // In the order of Fault.
 constexpr FaultInfo kInfos[] = {
-    {"drop-command", Takes::Rate, 0, 0, 0, "drop-command[=RATE]", "a command is lost"},
-    {"delay-command", Takes::RateAndValue, 20, 0, kMaxMs, "delay-command[=RATE[:MS]]",
-     "a command, and all behind it, come MS (20) late"},
-    {"drop-status", Takes::Rate, 0, 0, 0, "drop-status[=RATE]", "a status frame is lost"},
-    {"delay-status", Takes::RateAndValue, 20, 0, kMaxMs, "delay-status[=RATE[:MS]]",
-     "a status frame comes MS (20) late; over UDP others overtake it"},
-    {"duplicate-status", Takes::Rate, 0, 0, 0, "duplicate-status[=RATE]", "a status frame comes twice"},
-    {"corrupt", Takes::Rate, 0, 0, 0, "corrupt[=RATE]", "one bit of a status frame is flipped"},
-    {"truncate", Takes::Rate, 0, 0, 0, "truncate[=RATE]", "a status frame ends early"},
-    {"garbage", Takes::RateAndValue, 64, 1, 1400, "garbage[=RATE[:BYTES]]",
-     "up to BYTES (64) random bytes come before a status frame"},
-    {"byte-writes", Takes::Nothing, 0, 0, 0, "byte-writes", "status frames leave one byte per write"},
-    {"coalesce", Takes::Value, 4, 2, 1000, "coalesce[=FRAMES]", "FRAMES (4) status frames leave in one write"},
-    {"no-echo", Takes::Nothing, 0, 0, 0, "no-echo", "no time stamp is echoed"},
-    {"late-echo", Takes::Value, 50, 0, kMaxMs, "late-echo[=MS]", "time stamps are echoed MS (50) late"},
-    {"stale-echo", Takes::Nothing, 0, 0, 0, "stale-echo", "the time stamp before the newest is echoed"},
-    {"freeze", Takes::Nothing, 0, 0, 0, "freeze", "the same status comes again and again"},
-    {"close", Takes::Value, 0, 0, 1e12, "close[=FRAMES]", "a connection is closed after FRAMES (0) status frames"},
-    {"reset", Takes::Value, 0, 0, 1e12, "reset[=FRAMES]", "a connection is reset after FRAMES (0) status frames"},
-    {"refuse", Takes::Duration, 0, 0, kMaxMs, "refuse[=MS]", "connections are closed and refused for MS (always)"},
-    {"stop-reading", Takes::Duration, 0, 0, kMaxMs, "stop-reading[=MS]", "commands are not read for MS (always)"},
-    {"wrong-joints", Takes::Value, 0, 0, 828, "wrong-joints[=JOINTS]", "status frames carry JOINTS (one more) joints"},
+    {"drop-command", Takes::kRate, "", 0, nullptr, 0, 0, "a command is lost", nullptr},
+    {"delay-command", Takes::kRateAndValue, "MS", 20, nullptr, 0, kMaxMs, "a command, and all after it, come MS late",
+     nullptr},
+    {"drop-status", Takes::kRate, "", 0, nullptr, 0, 0, "a status frame is lost", nullptr},
+    {"delay-status", Takes::kRateAndValue, "MS", 20, nullptr, 0, kMaxMs,
+     "a status frame comes MS late; over UDP others overtake it", nullptr},
+    {"duplicate-status", Takes::kRate, "", 0, nullptr, 0, 0, "a status frame comes twice", nullptr},
+    {"corrupt", Takes::kRate, "", 0, nullptr, 0, 0, "one bit of a status frame is flipped", FlipBit},
+    {"truncate", Takes::kRate, "", 0, nullptr, 0, 0, "a status frame ends early", CutShort},
+    {"garbage", Takes::kRateAndValue, "BYTES", 64, nullptr, 1, 1400,
+     "up to BYTES random bytes come before a status frame", PrependGarbage},
+    {"byte-writes", Takes::kNothing, "", 0, nullptr, 0, 0, "status frames leave one byte per write", nullptr},
+    {"coalesce", Takes::kValue, "FRAMES", 4, nullptr, 2, 1000, "FRAMES status frames leave in one write", nullptr},
+    {"no-echo", Takes::kNothing, "", 0, nullptr, 0, 0, "no time stamp is echoed", nullptr},
+    {"late-echo", Takes::kValue, "MS", 50, nullptr, 0, kMaxMs, "time stamps are echoed MS late", nullptr},
+    {"stale-echo", Takes::kNothing, "", 0, nullptr, 0, 0, "the time stamp before the newest is echoed", nullptr},
+    {"freeze", Takes::kNothing, "", 0, nullptr, 0, 0, "the same status comes again and again", nullptr},
+    {"close", Takes::kValue, "FRAMES", 0, nullptr, 0, 1e12, "a connection is closed after FRAMES status frames",
+     nullptr},
+    {"reset", Takes::kValue, "FRAMES", 0, nullptr, 0, 1e12, "a connection is reset after FRAMES status frames",
+     nullptr},
+    {"refuse", Takes::kDuration, "MS", 0, "always", 0, kMaxMs, "connections are closed and refused for MS", nullptr},
+    {"stop-reading", Takes::kDuration, "MS", 0, "always", 0, kMaxMs, "commands are not read for MS", nullptr},
+    {"wrong-joints", Takes::kValue, "JOINTS", 0, "one more", 0, 828, "status frames carry JOINTS joints", nullptr},
 };
 static_assert(std::size(kInfos) == kFaultCount);
 
@@ -80,40 +81,41 @@ double ReadNumber(std::string_view text, double min, double max, const std::stri
   return CheckRange(number, min, max, what);
 }
 
-bool TakesRate(const FaultInfo& info) { return info.takes == Takes::Rate || info.takes == Takes::RateAndValue; }
+bool TakesRate(const FaultInfo& info) { return info.takes == Takes::kRate || info.takes == Takes::kRateAndValue; }
 
 FaultRule MakeRule(Fault fault) {
   FaultRule rule;
   rule.fault = fault;
-  rule.value = Info(fault).default_value;
+  rule.value = Info(fault).fallback;
   return rule;
 }
 
 constexpr std::pair<const char*, Unit> kTriggers[] = {
-    {"at_ms", Unit::Ms}, {"at_frame", Unit::Frame}, {"at_command", Unit::Command}};
+    {"at_ms", Unit::kMs}, {"at_frame", Unit::kFrame}, {"at_command", Unit::kCommand}};
 constexpr std::pair<const char*, Unit> kDurations[] = {
-    {"for_ms", Unit::Ms}, {"for_frames", Unit::Frame}, {"for_commands", Unit::Command}};
+    {"for_ms", Unit::kMs}, {"for_frames", Unit::kFrame}, {"for_commands", Unit::kCommand}};
 
-/// Takes a member of type T out of the document.
-template <typename T>
-std::optional<T> Take(picojson::object& members, const std::string& key, const char* type) {
+using Json = nlohmann::json;
+
+/// Takes a member out of the document.
+std::optional<Json> Take(Json& members, const std::string& key, bool (Json::*is)() const, const char* type) {
   const auto found = members.find(key);
   if (found == members.end()) return std::nullopt;
-  if (!found->second.is<T>()) Refuse("'" + key + "' must be a " + type);
-  T value = found->second.get<T>();
+  if (!((*found).*is)()) Refuse("'" + key + "' must be a " + type);
+  Json value = std::move(*found);
   members.erase(found);
   return value;
 }
 
-std::optional<double> TakeNumber(picojson::object& members, const std::string& key, double min, double max) {
-  const auto number = Take<double>(members, key, "number");
+std::optional<double> TakeNumber(Json& members, const std::string& key, double min, double max) {
+  const auto number = Take(members, key, &Json::is_number, "number");
   if (!number) return std::nullopt;
-  return CheckRange(*number, min, max, "'" + key + "'");
+  return CheckRange(number->get<double>(), min, max, "'" + key + "'");
 }
 
 /// Takes the one member of the group that is there.
 template <std::size_t N>
-std::optional<FaultRule::Span> TakeSpan(picojson::object& members, const std::pair<const char*, Unit> (&group)[N]) {
+std::optional<FaultRule::Span> TakeSpan(Json& members, const std::pair<const char*, Unit> (&group)[N]) {
   constexpr double kMaxCount = 1e12;
   std::optional<FaultRule::Span> span;
   for (const auto& [key, unit] : group) {
@@ -126,36 +128,35 @@ std::optional<FaultRule::Span> TakeSpan(picojson::object& members, const std::pa
   return span;
 }
 
-FaultRule ParseLine(const std::string& line) {
-  // The JSON library parses nested objects by recursion without a bound; no fault's line is nearly as long.
-  if (line.size() > 4096) Refuse("longer than any fault");
-  picojson::value document;
-  const std::string error = picojson::parse(document, line);  // reads all of the line or tells why not
-  if (!error.empty() || !document.is<picojson::object>()) Refuse("not a JSON object");
-  picojson::object members = document.get<picojson::object>();
-
-  const auto name = Take<std::string>(members, "fault", "text");
-  if (!name) Refuse("'fault' is missing");
-  FaultRule rule = MakeRule(FindFault(*name));
-  const FaultInfo& info = Info(rule.fault);
-
-  const auto at = TakeSpan(members, kTriggers);
-  if (!at) Refuse("one of 'at_ms', 'at_frame' and 'at_command' is missing");
-  rule.at = *at;
-  rule.lasts = TakeSpan(members, kDurations);
-  const bool strikes_single = TakesRate(info) || rule.fault == Fault::Close || rule.fault == Fault::Reset;
-  rule.once = strikes_single && !rule.lasts;
-  if (TakesRate(info)) rule.rate = TakeNumber(members, "rate", 0, 1).value_or(1);
-  if (info.takes == Takes::RateAndValue || info.takes == Takes::Value) {
-    rule.value = TakeNumber(members, "value", info.min_value, info.max_value).value_or(rule.value);
-  }
-  if (!members.empty()) Refuse("'" + members.begin()->first + "' means nothing to '" + info.name + "'");
-  return rule;
-}
-
 }  // namespace
 
 const FaultInfo& Info(Fault fault) { return kInfos[static_cast<std::size_t>(fault)]; }
+
+std::string Usage(const FaultInfo& info) {
+  const std::string name = info.name, unit = info.unit;
+  switch (info.takes) {
+    case Takes::kRate:
+      return name + "[=RATE]";
+    case Takes::kRateAndValue:
+      return name + "[=RATE[:" + unit + "]]";
+    case Takes::kNothing:
+      return name;
+    case Takes::kValue:
+    case Takes::kDuration:
+      break;
+  }
+  return name + "[=" + unit + "]";
+}
+
+std::string Effect(const FaultInfo& info) {
+  std::string text = info.effect;
+  const std::string unit = info.unit;
+  if (!unit.empty()) {
+    text.insert(text.find(unit) + unit.size(),
+                " (" + (info.absent != nullptr ? info.absent : Plain(info.fallback)) + ")");
+  }
+  return text;
+}
 
 FaultRule ParseFaultFlag(const std::string& text) {
   const std::size_t equals = text.find('=');
@@ -166,24 +167,43 @@ FaultRule ParseFaultFlag(const std::string& text) {
   const std::string name = info.name;
   std::string_view rest = std::string_view(text).substr(equals + 1);
   switch (info.takes) {
-    case Takes::Nothing:
+    case Takes::kNothing:
       Refuse("fault '" + name + "' takes no number");
-    case Takes::Duration:
-      rule.lasts = FaultRule::Span{
-          Unit::Ms, static_cast<std::uint64_t>(ReadNumber(rest, info.min_value, info.max_value, "time of " + name))};
+    case Takes::kDuration:
+      rule.lasts = FaultRule::Span{Unit::kMs,
+                                   static_cast<std::uint64_t>(ReadNumber(rest, info.min, info.max, "time of " + name))};
       return rule;
-    case Takes::Value:
-      rule.value = ReadNumber(rest, info.min_value, info.max_value, "value of " + name);
+    case Takes::kValue:
+      rule.value = ReadNumber(rest, info.min, info.max, "value of " + name);
       return rule;
-    case Takes::Rate:
-    case Takes::RateAndValue:
+    case Takes::kRate:
+    case Takes::kRateAndValue:
       break;
   }
-  const std::size_t colon = info.takes == Takes::RateAndValue ? rest.find(':') : std::string_view::npos;
+  const std::size_t colon = info.takes == Takes::kRateAndValue ? rest.find(':') : std::string_view::npos;
   rule.rate = ReadNumber(rest.substr(0, colon), 0, 1, "rate of " + name);
   if (colon != std::string_view::npos) {
-    rule.value = ReadNumber(rest.substr(colon + 1), info.min_value, info.max_value, "value of " + name);
+    rule.value = ReadNumber(rest.substr(colon + 1), info.min, info.max, "value of " + name);
   }
+  return rule;
+}
+
+FaultRule ParseFaultLine(const std::string& line) {
+  Json members = Json::parse(line, nullptr, false);
+  if (!members.is_object()) Refuse("not a JSON object");
+  const auto name = Take(members, "fault", &Json::is_string, "text");
+  if (!name) Refuse("'fault' is missing");
+  FaultRule rule = MakeRule(FindFault(name->get<std::string>()));
+  const FaultInfo& info = Info(rule.fault);
+  rule.at = TakeSpan(members, kTriggers);
+  rule.lasts = TakeSpan(members, kDurations);
+  const bool strikes_single = TakesRate(info) || rule.fault == Fault::kClose || rule.fault == Fault::kReset;
+  rule.once = strikes_single && !rule.lasts;
+  if (TakesRate(info)) rule.rate = TakeNumber(members, "rate", 0, 1).value_or(1);
+  if (info.takes == Takes::kRateAndValue || info.takes == Takes::kValue) {
+    rule.value = TakeNumber(members, "value", info.min, info.max).value_or(rule.value);
+  }
+  if (!members.empty()) Refuse("'" + members.begin().key() + "' means nothing to '" + info.name + "'");
   return rule;
 }
 
@@ -193,8 +213,9 @@ std::vector<FaultRule> ParseFaultScript(std::istream& script, const std::string&
   for (int number = 1; std::getline(script, line); ++number) {
     if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
     try {
-      rules.push_back(ParseLine(line));
-    } catch (const std::exception& error) {  // also what the JSON library throws for numbers that it cannot hold
+      rules.push_back(ParseFaultLine(line));
+      if (!rules.back().at) Refuse("one of 'at_ms', 'at_frame' and 'at_command' is missing");
+    } catch (const std::invalid_argument& error) {
       Refuse(name + ":" + std::to_string(number) + ": " + error.what());
     }
   }
@@ -202,12 +223,21 @@ std::vector<FaultRule> ParseFaultScript(std::istream& script, const std::string&
 }
 
 Faults::Faults(const std::vector<FaultRule>& rules, std::uint64_t seed) {
-  entries_.reserve(rules.size());
-  for (const FaultRule& rule : rules) entries_.push_back({rule, Entry::State::Waiting, 0});
   for (std::size_t i = 0; i < kFaultCount; ++i) {
     std::seed_seq sequence{static_cast<std::uint32_t>(seed), static_cast<std::uint32_t>(seed >> 32),
                            static_cast<std::uint32_t>(i)};
     generators_[i].seed(sequence);
+  }
+  for (const FaultRule& rule : rules) Add(rule);
+}
+
+void Faults::Add(const FaultRule& rule) {
+  Entry& entry = entries_.emplace_back();
+  entry.rule = rule;
+  if (!rule.at) {
+    // A count is of what already passed: the next frame or command is the first to be struck.
+    const Unit unit = rule.lasts ? rule.lasts->unit : Unit::kMs;
+    entry.rule.at = FaultRule::Span{unit, now_[static_cast<std::size_t>(unit)] + (unit == Unit::kMs ? 0 : 1)};
   }
   Update();
 }
@@ -221,24 +251,24 @@ void Faults::Update() {
   const auto now = [this](Unit unit) { return now_[static_cast<std::size_t>(unit)]; };
   for (Entry& entry : entries_) {
     const FaultRule& rule = entry.rule;
-    if (entry.state == Entry::State::Waiting && now(rule.at.unit) >= rule.at.count) {
-      entry.state = Entry::State::Active;
+    if (entry.state == Entry::State::kWaiting && now(rule.at->unit) >= rule.at->count) {
+      entry.state = Entry::State::kActive;
       if (rule.lasts) {
         const Unit unit = rule.lasts->unit;
         // A count that did not trigger the rule is of what already passed; the next one is the first to be struck.
-        const std::uint64_t first = unit == rule.at.unit ? rule.at.count : now(unit) + (unit == Unit::Ms ? 0 : 1);
+        const std::uint64_t first = unit == rule.at->unit ? rule.at->count : now(unit) + (unit == Unit::kMs ? 0 : 1);
         entry.end = first + rule.lasts->count;
       }
     }
-    if (entry.state == Entry::State::Active && rule.lasts && now(rule.lasts->unit) >= entry.end) {
-      entry.state = Entry::State::Over;
+    if (entry.state == Entry::State::kActive && rule.lasts && now(rule.lasts->unit) >= entry.end) {
+      entry.state = Entry::State::kOver;
     }
   }
 }
 
 bool Faults::IsActive(Fault fault) const {
   return std::any_of(entries_.begin(), entries_.end(), [&](const Entry& entry) {
-    return entry.rule.fault == fault && entry.state == Entry::State::Active;
+    return entry.rule.fault == fault && entry.state == Entry::State::kActive;
   });
 }
 
@@ -248,21 +278,26 @@ bool Faults::IsKnown(Fault fault) const {
 
 std::optional<double> Faults::Strike(Fault fault, double measure) {
   for (Entry& entry : entries_) {
-    if (entry.rule.fault != fault || entry.state != Entry::State::Active || measure < entry.rule.value) continue;
+    if (entry.rule.fault != fault || entry.state != Entry::State::kActive || measure < entry.rule.value) continue;
     if (entry.rule.rate < 1) {
       constexpr double kUnit = 0x1p-53;  // the generator's upper 53 bits as a number in [0, 1)
       const std::uint64_t bits = generators_[static_cast<std::size_t>(fault)]() >> 11;
       if (static_cast<double>(bits) * kUnit >= entry.rule.rate) continue;
     }
     Count(fault);
-    if (entry.rule.once) entry.state = Entry::State::Over;
+    if (entry.rule.once) entry.state = Entry::State::kOver;
     return entry.rule.value;
   }
   return std::nullopt;
 }
 
-std::size_t Faults::Random(Fault fault, std::size_t bound) {
-  return static_cast<std::size_t>(generators_[static_cast<std::size_t>(fault)]() % bound);
+std::vector<char> Faults::Damaged(std::vector<char> frame) {
+  for (std::size_t i = 0; i < kFaultCount; ++i) {
+    if (kInfos[i].damage == nullptr) continue;
+    const auto value = Strike(static_cast<Fault>(i));
+    if (value) frame = kInfos[i].damage(std::move(frame), *value, generators_[i]);
+  }
+  return frame;
 }
 
 }  // namespace velta::sim

@@ -14,17 +14,18 @@
 #include <vector>
 
 #include "controller.h"
-#include "endpoint.h"
+#include "controller_end.h"
 #include "faults.h"
-#include "frames.h"
+#include "frame_stream.h"
+#include "outbox.h"
 
 namespace velta::sim {
 
 struct ServerConfig {
-  int joints = 1;           ///< joints of the arm (n), 1 or more
-  int cycle_ms = 0;         ///< ms between status frames; 0 is 1 over TCP and UDP and 10 on a pty
-  bool on_command = false;  ///< status frames only in answer to commands
-  std::vector<EndpointConfig> endpoints;
+  int joints = 1;                   ///< joints of the arm (n), 1 or more
+  int cycle_ms = 0;                 ///< ms between status frames; 0 is 1 over TCP and UDP and 10 on a pty
+  bool on_command = false;          ///< status frames only in answer to commands
+  std::vector<LinkAddress> listen;  ///< TCP, UDP or pty
   std::vector<FaultRule> faults;
   std::uint64_t seed = 1;  ///< of the faults
 
@@ -45,20 +46,21 @@ struct Summary {
   std::vector<std::pair<std::string, std::uint64_t>> faults;  ///< strikes of every fault that the rules name
 };
 
-/// A controller on the wire: any number of endpoints, served by one thread in one poll loop. All hosts command the same
-/// joints and see the same status.
+/// A controller on the wire: any number of places to listen, served by one thread in one poll loop. All hosts command
+/// the same joints and see the same status. TCP takes any number of connections, UDP talks to the peer that sent last,
+/// a pty to whoever has its device open.
 ///
 /// Units:   as the frames; cycles in ms.
-/// Errors:  the constructor throws std::runtime_error, one line; later trouble with a host ends its connection.
+/// Errors:  the constructor throws what wire::ControllerEnd does; later trouble with a host ends its connection.
 /// Threads: one thread constructs and runs; GetSummary only in that thread, or when Run has returned.
 class Server {
  public:
-  /// Opens every endpoint.
+  /// Opens every place to listen.
   explicit Server(ServerConfig config);
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
 
-  /// Where hosts reach the endpoints, in the order of the configuration.
+  /// What hosts open, in the order of the configuration: "tcp://127.0.0.1:43210", "serial:///dev/pts/3".
   std::vector<std::string> Links() const;
 
   /// Serves until stop_fd is readable.
@@ -67,9 +69,12 @@ class Server {
 
   Summary GetSummary() const;
 
- private:
-  using Clock = std::chrono::steady_clock;
+  /// Lets a fault begin while the server runs. Call it from on_tick.
+  /// @param line  of a fault script; without a trigger the fault begins at once
+  /// Throws std::invalid_argument with one line.
+  void TakeFault(const std::string& line) { faults_.Add(ParseFaultLine(line)); }
 
+ private:
   struct DueCommand {
     Clock::time_point due;
     std::uint64_t host_id;
@@ -79,57 +84,45 @@ class Server {
     Clock::time_point time;
     std::uint64_t stamp;
   };
-  /// A host that an endpoint talks to, and what is on its way to it.
+  /// A host, and what is on its way to it.
   struct Host {
-    Host(std::uint64_t number, Endpoint* at, Peer who, int joints)
-        : id(number), endpoint(at), peer(std::move(who)), framer(joints) {}
+    Host(std::uint64_t number, wire::ControllerEnd& at, wire::Channel to, int joints)
+        : id(number), end(at), channel(std::move(to)), commands(joints), outbox(channel.IsStream()) {}
 
     std::uint64_t id;
-    Endpoint* endpoint;
-    Peer peer;
-    CommandFramer framer;
-    struct Chunk {
-      std::vector<char> bytes;
-      bool bytewise;
-    };
-    struct Delayed {
-      Clock::time_point due;
-      std::vector<char> bytes;
-    };
-    std::deque<Chunk> chunks;  ///< one write each
-    std::size_t position = 0;  ///< bytes of the first chunk that have left
-    std::size_t queued = 0;    ///< bytes in all chunks and delayed frames
-    std::deque<Delayed> delayed;
-    std::vector<char> coalesced;  ///< frames that wait for company
-    int coalesced_frames = 0;
+    wire::ControllerEnd& end;
+    wire::Channel channel;
+    wire::CommandStream commands;
+    Outbox outbox;
     std::uint64_t frames = 0;  ///< composed for this host
     bool gone = false;
   };
-  struct Port {
-    std::unique_ptr<Endpoint> endpoint;
+  struct Place {
+    std::unique_ptr<wire::ControllerEnd> end;
     std::chrono::milliseconds cycle;
     Clock::time_point next_cycle;
   };
 
   void UpdateClock();
   void OpenAndClose();
-  void LookForDeviceUser(Endpoint& endpoint);
+  void LookForDeviceUser(wire::ControllerEnd& end);
   void RunDueCommands();
   void RunCycles();
-  void RunDelayed(Host& host);
+  void RunLate(Host& host);
   bool WaitAndServe(int stop_fd);
   Clock::time_point NextWake() const;
-  Host* FindHost(const Endpoint& endpoint) const;
-  Host& Welcome(Endpoint& endpoint, Peer peer);
-  void ReadDatagram(Endpoint& endpoint);
+  Host* FindHost(const wire::ControllerEnd& end) const;
+  Host& Welcome(wire::ControllerEnd& end, wire::Channel channel);
+  void Accept(wire::ControllerEnd& end);
+  void ReadDatagram(wire::ControllerEnd& end);
   void ReadStream(Host& host);
   void Receive(Host& host, const char* bytes, std::size_t count);
   void Execute(const SendPacket& command, std::uint64_t host_id);
   std::uint64_t Echo(std::uint64_t newest);
+  RecvPacket ComposeStatus();
   void SendStatus(Host& host);
-  void Enqueue(Host& host, std::vector<char> bytes);
+  void Send(Host& host, std::vector<char> bytes);
   void Depart(Host& host, std::vector<char> bytes);
-  static void PushChunk(Host& host, std::vector<char> bytes, bool bytewise);
   void Flush(Host& host);
   void CloseWhereDue(Host& host);
   void Sweep();
@@ -137,7 +130,7 @@ class Server {
   ServerConfig config_;
   Controller controller_;
   Faults faults_;
-  std::vector<Port> ports_;
+  std::vector<Place> places_;
   std::vector<std::unique_ptr<Host>> hosts_;
   std::deque<DueCommand> due_commands_;
   std::deque<Accepted> accepted_;  ///< commands executed lately, oldest first

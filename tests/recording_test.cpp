@@ -1,17 +1,15 @@
 // SPDX-License-Identifier: MIT
-#include "recording.h"
-
 #include <sys/resource.h>
 
 #include <csignal>
 
-#include "command.h"
+#include "recording_file.h"
 #include "support/velta_program.h"
 
 using velta::test::InFolder;
 using velta::test::Joined;
 using velta::test::Part;
-using namespace velta::tools;
+using namespace velta::recording;
 using namespace std::string_literals;
 
 namespace {
@@ -25,11 +23,10 @@ Bytes Chars(const std::string& text) { return {text.begin(), text.end()}; }
 const Bytes kHeader = Chars("\x89VREC\r\n\x1a\1\0\1\0\17\0tcp://1.2.3.4:5\x4b\x7d"s);
 const Bytes kRecord = Chars("R\1\3\0\b\7\6\5\4\3\2\1\x18\x17\x16\x15\x14\x13\x12\x11\xab\xcd\0\x9f\x8b"s);
 const char kFrame[] = {'\xab', '\xcd', 0};
-const Passage kPassage{LinkEvent::kToHost, kFrame, 3, 0x0102030405060708, 0x1112131415161718};
+constexpr std::uint64_t kMonotonic = 0x0102030405060708, kWall = 0x1112131415161718;
 
-Bytes BareRecord(LinkEvent event, std::uint64_t monotonic_ns, const Bytes& bytes) {
-  return velta::recording::RecordBytes(static_cast<velta::recording::Event>(event), monotonic_ns, 0, bytes.data(),
-                                       bytes.size());
+Bytes BareRecord(Event event, std::uint64_t monotonic_ns, const Bytes& bytes) {
+  return RecordBytes(event, monotonic_ns, 0, bytes.data(), bytes.size());
 }
 
 class Recording : public InFolder {
@@ -53,16 +50,14 @@ class Recording : public InFolder {
 };
 
 TEST_F(Recording, IsTheDocumentedBytesAndReadFieldByField) {
-  EXPECT_EQ(velta::recording::HeaderBytes(1, "tcp://1.2.3.4:5"), kHeader);
-  EXPECT_EQ(velta::recording::RecordBytes(velta::recording::Event::kToHost, kPassage.monotonic_ns, kPassage.wall_ns,
-                                          kFrame, 3),
-            kRecord);
-  const std::pair<LinkEvent, char> codes[] = {
-      {LinkEvent::kToController, 0}, {LinkEvent::kToHost, 1}, {LinkEvent::kOpened, 2}, {LinkEvent::kClosed, 3}};
+  EXPECT_EQ(HeaderBytes(1, "tcp://1.2.3.4:5"), kHeader);
+  EXPECT_EQ(RecordBytes(Event::kToHost, kMonotonic, kWall, kFrame, 3), kRecord);
+  const std::pair<Event, char> codes[] = {
+      {Event::kToController, 0}, {Event::kToHost, 1}, {Event::kOpened, 2}, {Event::kClosed, 3}};
   for (const auto& [event, code] : codes) EXPECT_EQ(BareRecord(event, 1, {})[1], code);
   {
     RecordingWriter writer(path, {1, "tcp://1.2.3.4:5"}, false);
-    writer.Write(kPassage);
+    writer.Write(Event::kToHost, kMonotonic, kWall, kFrame, 3);
     writer.Sync();
     EXPECT_EQ(writer.Size(), kHeader.size() + kRecord.size());
   }
@@ -74,7 +69,7 @@ TEST_F(Recording, IsTheDocumentedBytesAndReadFieldByField) {
   for (int pass = 0; pass < 2; ++pass) {
     Record record;
     ASSERT_TRUE(reader.Next(record));
-    EXPECT_EQ(record.event, LinkEvent::kToHost);
+    EXPECT_EQ(record.event, Event::kToHost);
     EXPECT_EQ(record.monotonic_ns, 0x0102030405060708U);
     EXPECT_EQ(record.wall_ns, 0x1112131415161718U);
     EXPECT_EQ(record.bytes, Bytes(kFrame, kFrame + 3));
@@ -85,8 +80,8 @@ TEST_F(Recording, IsTheDocumentedBytesAndReadFieldByField) {
 }
 
 TEST_F(Recording, CutAnywhereKeepsTheWholeRecords) {
-  const std::vector<Bytes> blocks{kHeader, BareRecord(LinkEvent::kOpened, 1, {}),
-                                  BareRecord(LinkEvent::kToController, 2, Bytes(31, 'R')), kRecord};
+  const std::vector<Bytes> blocks{kHeader, BareRecord(Event::kOpened, 1, {}),
+                                  BareRecord(Event::kToController, 2, Bytes(31, 'R')), kRecord};
   const Bytes whole = Joined(blocks);
   for (std::size_t size = 0; size < kHeader.size(); ++size) {
     EXPECT_EQ(Complaint(Part(whole, 0, size)),
@@ -95,7 +90,7 @@ TEST_F(Recording, CutAnywhereKeepsTheWholeRecords) {
   std::size_t end = 0, blocks_in = 0;  // whole blocks before the cut
   for (std::size_t size = kHeader.size(); size <= whole.size(); ++size) {
     if (blocks_in < blocks.size() && size == end + blocks[blocks_in].size()) end += blocks[blocks_in++].size();
-    for (const std::size_t zeros : {0U, 1U, 5000U}) {  // what a file system may leave behind the cut
+    for (const std::size_t zeros : {0U, 1U, 5000U}) {  // what a file system may leave after the cut
       if (zeros != 0 && size != end) continue;
       Put("run.vrec", Joined({Part(whole, 0, size), Bytes(zeros, 0)}));
       RecordingReader reader(path);
@@ -108,10 +103,10 @@ TEST_F(Recording, CutAnywhereKeepsTheWholeRecords) {
 }
 
 TEST_F(Recording, TellsWhatIsWrong) {
-  const Bytes good = Joined({kHeader, kRecord, BareRecord(LinkEvent::kToHost, 4, Bytes(300, 'x'))});
+  const Bytes good = Joined({kHeader, kRecord, BareRecord(Event::kToHost, 4, Bytes(300, 'x'))});
   ASSERT_EQ(Complaint(good), "");
   for (std::size_t at = 0; at < kHeader.size() + kRecord.size(); ++at) {
-    if (at == kHeader.size() + 3) continue;  // a length that reaches behind the end looks like a record cut short
+    if (at == kHeader.size() + 3) continue;  // a length that reaches after the end looks like a record cut short
     for (const int change : {0x01, 0x80, 0xFF}) {
       Bytes bad = good;
       bad[at] = static_cast<char>(bad[at] ^ change);
@@ -134,12 +129,12 @@ TEST_F(Recording, TellsWhatIsWrong) {
       {"a recording of version 2, this program reads 1", header(2, 6)},
       {"the recording's header is damaged", header(1, 0)},
       {"the recording's header is damaged", header(1, 829)},
-      {"damaged at byte 16, behind 0 good records: there is no such event", Joined({header(1, 6), record(4, 0)})},
-      {"damaged at byte 16, behind 0 good records: it is longer than any record",
+      {"damaged at byte 16, after 0 good records: there is no such event", Joined({header(1, 6), record(4, 0)})},
+      {"damaged at byte 16, after 0 good records: it is longer than any record",
        Joined({header(1, 6), record(0, 65508)})},
-      {"damaged at byte 56, behind 1 good record: its checksum is wrong", Joined({kHeader, kRecord, bad_crc})},
-      {"damaged at byte 56, behind 1 good record: no record begins there", Joined({kHeader, kRecord, {'x'}})},
-      {"damaged at byte 56, behind 1 good record: no record begins there",
+      {"damaged at byte 56, after 1 good record: its checksum is wrong", Joined({kHeader, kRecord, bad_crc})},
+      {"damaged at byte 56, after 1 good record: no record begins there", Joined({kHeader, kRecord, {'x'}})},
+      {"damaged at byte 56, after 1 good record: no record begins there",
        Joined({kHeader, kRecord, Bytes(6000, 0), {'x'}})},
   };
   for (const auto& [complaint, content] : cases) EXPECT_EQ(Complaint(content), complaint);
@@ -153,18 +148,18 @@ TEST_F(Recording, FullDiskLeavesWholeRecordsAndAnotherFileIsLeftAlone) {
   const rlimit small{kHeader.size() + kRecord.size() + 10, before.rlim_max};
   const auto handler = std::signal(SIGXFSZ, SIG_IGN);
   setrlimit(RLIMIT_FSIZE, &small);
-  writer.Write(kPassage);
-  EXPECT_THROW(writer.Write(kPassage), Failure);
+  writer.Write(Event::kToHost, kMonotonic, kWall, kFrame, 3);
+  EXPECT_THROW(writer.Write(Event::kToHost, kMonotonic, kWall, kFrame, 3), RecordingError);
   setrlimit(RLIMIT_FSIZE, &before);
   std::signal(SIGXFSZ, handler);
   EXPECT_EQ(Saved(), Joined({kHeader, kRecord}));
-  writer.Write(kPassage);
+  writer.Write(Event::kToHost, kMonotonic, kWall, kFrame, 3);
   EXPECT_EQ(Saved(), Joined({kHeader, kRecord, kRecord}));
 
-  EXPECT_THROW(RecordingWriter(path, {6, ""}, false), Failure);
+  EXPECT_THROW(RecordingWriter(path, {6, ""}, false), RecordingError);
   EXPECT_EQ(Saved(), Joined({kHeader, kRecord, kRecord}));
   const RecordingWriter replacing(path, {6, ""}, true);
-  EXPECT_EQ(Saved(), velta::recording::HeaderBytes(6, ""));
+  EXPECT_EQ(Saved(), HeaderBytes(6, ""));
 }
 
 }  // namespace

@@ -6,36 +6,42 @@
 #include <cerrno>
 #include <random>
 
-#include "command.h"
 #include "support/peer.h"
 
-using namespace velta::tools;
+using namespace velta::wire;
+using velta::LinkAddress;
 using velta::test::Peer;
 
 namespace {
 
 using Bytes = std::vector<char>;
-using Kind = Link::Kind;
+using Kind = LinkAddress::Kind;
 
 /// A relay between a controller and the hosts of a test, all in one thread: the relay steps while a condition is
 /// awaited.
-struct Stand {
+struct Stand : RelayObserver {
   Stand(Kind host_kind, Kind controller_kind)
-      : controller(controller_kind),
-        relay({host_kind, "127.0.0.1", 0, "", 0}, controller.link,
-              {[this](const Passage& p) { Note(p); }, [this](const std::string& why) { failures.push_back(why); }}) {}
+      : controller(controller_kind), relay({host_kind, "127.0.0.1", 0, "", 0, 1}, controller.link, *this) {}
 
-  void Note(const Passage& p) {
-    EXPECT_GE(p.monotonic_ns, last_ns);
-    last_ns = p.monotonic_ns;
-    if (p.event == LinkEvent::kOpened || p.event == LinkEvent::kClosed) {
-      EXPECT_EQ(p.size, 0U);
-      events += p.event == LinkEvent::kOpened ? 'o' : 'c';
-      return;
-    }
-    Bytes& seen = p.event == LinkEvent::kToController ? seen_up : seen_down;
-    seen.insert(seen.end(), p.bytes, p.bytes + p.size);
-    chunks.push_back(p.size);
+  void Opened(Stamp at) override { Note('o', at); }
+  void Closed(Stamp at) override { Note('c', at); }
+  void Failed(const std::string& why) override { failures.push_back(why); }
+  void Passed(Direction direction, const char* bytes, std::size_t size, Stamp at) override {
+    Bytes& seen = direction == Direction::kToController ? seen_up : seen_down;
+    seen.insert(seen.end(), bytes, bytes + size);
+    chunks.push_back(size);
+    Check(at);
+  }
+  void Note(char event, Stamp at) {
+    events += event;
+    Check(at);
+  }
+  /// By the clocks that they claim to be.
+  void Check(Stamp at) {
+    EXPECT_GE(at.monotonic_ns, last_ns);
+    last_ns = at.monotonic_ns;
+    EXPECT_LT(StampNow().monotonic_ns - at.monotonic_ns, 60'000'000'000U);
+    EXPECT_LT(GetNowTimeStamp() - at.wall_ns, 60'000'000'000U);
   }
 
   bool Until(const std::function<bool()>& done) {
@@ -45,7 +51,7 @@ struct Stand {
     });
   }
   bool Connected() {
-    return Until([&] { return relay.Connected() && (controller.Accept() || controller.link.kind != Kind::Tcp); });
+    return Until([&] { return relay.Connected() && (controller.Accept() || controller.link.kind != Kind::kTcp); });
   }
   /// Whether an end learns that the other has closed; or, with an error, that it is gone.
   bool Ends(Peer& at, int error = 0) {
@@ -125,12 +131,12 @@ TEST_P(Streams, LetAHostGoAndTakeTheNext) {
     ASSERT_TRUE(stand.Connected());
     EXPECT_TRUE(stand.Pass(host, Noise(1000, visit), stand.controller));
     EXPECT_TRUE(stand.Pass(stand.controller, Noise(1000, visit), host));
-    if (GetParam().host == Kind::Pty) {  // what this host leaves unread is not for the next one
+    if (GetParam().host == Kind::kPty) {  // what this host leaves unread is not for the next one
       stand.controller.Send(Bytes(100, 's'));
       ASSERT_TRUE(stand.Until([&] { return stand.seen_down.size() % 1100 == 0; }));
     }
     host.Close();
-    if (GetParam().controller == Kind::Tcp) {
+    if (GetParam().controller == Kind::kTcp) {
       ASSERT_TRUE(stand.Ends(stand.controller));
       stand.controller.Close();
       stand.controller.ended = false;
@@ -141,14 +147,14 @@ TEST_P(Streams, LetAHostGoAndTakeTheNext) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Relay, Streams,
-                         testing::Values(Pair{"TcpTcp", Kind::Tcp, Kind::Tcp},
-                                         Pair{"PtySerial", Kind::Pty, Kind::Serial},
-                                         Pair{"TcpSerial", Kind::Tcp, Kind::Serial},
-                                         Pair{"PtyTcp", Kind::Pty, Kind::Tcp}),
+                         testing::Values(Pair{"TcpTcp", Kind::kTcp, Kind::kTcp},
+                                         Pair{"PtySerial", Kind::kPty, Kind::kSerial},
+                                         Pair{"TcpSerial", Kind::kTcp, Kind::kSerial},
+                                         Pair{"PtyTcp", Kind::kPty, Kind::kTcp}),
                          [](const auto& row) { return row.param.name; });
 
 TEST(Relay, PassesDatagramsWhole) {
-  Stand stand(Kind::Udp, Kind::Udp);
+  Stand stand(Kind::kUdp, Kind::kUdp);
   Peer host(stand.relay.Address());
   std::vector<std::size_t> sizes;
   for (const std::size_t size : {std::size_t{121}, std::size_t{1}, std::size_t{0}, std::size_t{65507}}) {
@@ -178,14 +184,14 @@ TEST(Relay, PassesDatagramsWhole) {
   second.Send(Bytes{'y'});
   second.Send(Bytes{'z'});
   ASSERT_TRUE(stand.Until([&] { return stand.seen_up.back() == 'y'; }));
-  Peer back(Kind::Udp, stand.controller.link.port);
+  Peer back(Kind::kUdp, stand.controller.link.port);
   EXPECT_EQ(stand.Next(back), Bytes{'z'});
   EXPECT_EQ(stand.events, "o");
 }
 
 class TcpRelay : public testing::Test, protected Stand {
  protected:
-  TcpRelay() : Stand(Kind::Tcp, Kind::Tcp), host(relay.Address()) { EXPECT_TRUE(Connected()); }
+  TcpRelay() : Stand(Kind::kTcp, Kind::kTcp), host(relay.Address()) { EXPECT_TRUE(Connected()); }
   Peer host;
 };
 
@@ -231,8 +237,8 @@ TEST_F(TcpRelay, ReturningHostReplacesItsClosedConnection) {
 }
 
 TEST(Relay, TurnsAHostAwayWhenTheControllerIsAwayOrLeaves) {
-  for (const Kind host_kind : {Kind::Tcp, Kind::Pty}) {
-    Stand stand(host_kind, Kind::Tcp);
+  for (const Kind host_kind : {Kind::kTcp, Kind::kPty}) {
+    Stand stand(host_kind, Kind::kTcp);
     const auto is_left = [](Peer& host) {
       return !host.Receive() && (host.ended || host.error == ECONNRESET || host.error == EIO);
     };
@@ -245,7 +251,7 @@ TEST(Relay, TurnsAHostAwayWhenTheControllerIsAwayOrLeaves) {
     stand.controller.StopListening();
     host = std::make_unique<Peer>(stand.relay.Address());
     ASSERT_TRUE(stand.Until([&] { return stand.failures.size() == 1 && is_left(*host); }));
-    EXPECT_EQ(stand.failures[0], ToString(stand.controller.link) + ": Connection refused");
+    EXPECT_EQ(stand.failures[0], velta::ToString(stand.controller.link) + ": Connection refused");
     EXPECT_EQ(stand.events, "oc");
   }
 }
@@ -253,13 +259,19 @@ TEST(Relay, TurnsAHostAwayWhenTheControllerIsAwayOrLeaves) {
 TEST(Relay, RefusesLinksThatDoNotGoTogetherAndTakesItsSymlinkAway) {
   const std::string path = testing::TempDir() + "velta_relay_tty_" + std::to_string(getpid());
   const auto relay = [](const std::string& endpoint, const char* controller) {
-    const Relay opened(ParseLink(endpoint), ParseLink(controller), {});
+    struct : RelayObserver {
+      void Opened(Stamp) override {}
+      void Closed(Stamp) override {}
+      void Failed(const std::string&) override {}
+      void Passed(Direction, const char*, std::size_t, Stamp) override {}
+    } observer;
+    const Relay opened(ParseLink(endpoint), ParseLink(controller), observer);
     EXPECT_EQ(access(opened.Address().device.c_str(), R_OK | W_OK), 0);
   };
-  EXPECT_THROW(relay("udp://127.0.0.1:0", "serial:///dev/ttyS0"), UsageError);
-  EXPECT_THROW(relay("tcp://127.0.0.1:0", "tcp://127.0.0.1:0"), UsageError);
-  EXPECT_THROW(relay("tcp://192.0.2.1:5", "tcp://127.0.0.1:1"), Failure);
-  EXPECT_THROW(relay("pty:/nowhere/arm", "tcp://127.0.0.1:1"), Failure);
+  EXPECT_THROW(relay("udp://127.0.0.1:0", "serial:///dev/ttyS0"), BadLink);
+  EXPECT_THROW(relay("tcp://127.0.0.1:0", "tcp://127.0.0.1:0"), BadLink);
+  EXPECT_THROW(relay("tcp://192.0.2.1:5", "tcp://127.0.0.1:1"), LinkError);
+  EXPECT_THROW(relay("pty:/nowhere/arm", "tcp://127.0.0.1:1"), LinkError);
   for (int run = 0; run < 2; ++run) relay("pty:" + path, "tcp://127.0.0.1:1");
   EXPECT_NE(access(path.c_str(), F_OK), 0);
 }

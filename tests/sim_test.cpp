@@ -6,7 +6,7 @@
 #include <stdexcept>
 
 #include "faults.h"
-#include "frames.h"
+#include "frame_stream.h"
 #include "support/velta_program.h"
 
 namespace velta::sim {
@@ -37,17 +37,17 @@ TEST(CommandFramer, GivesTheSameCommandsWhateverThePieces) {
   };
   for (const auto& c : cases) {
     for (const std::size_t piece : {1U, 2U, 7U, 31U, 1000U}) {
-      CommandFramer framer(1);
+      wire::CommandStream framer(1);
       std::vector<SendPacket> commands;
       for (std::size_t i = 0; i < c.bytes.size(); i += piece) {
         const auto more = framer.Push(c.bytes.data() + i, std::min(piece, c.bytes.size() - i));
         commands.insert(commands.end(), more.begin(), more.end());
       }
-      EXPECT_EQ((std::vector{commands.size(), framer.BadCrc(), framer.Garbage(), framer.Waiting()}),
+      EXPECT_EQ((std::vector{commands.size(), framer.BadCrc(), framer.Garbage(), framer.Lost() - framer.Discarded()}),
                 (std::vector{c.commands, c.bad_crc, c.garbage, c.waiting}))
           << c.bytes.size() << " bytes in pieces of " << piece;
       for (SendPacket& command : commands) EXPECT_EQ(command.GetCharVector(), kCommand);
-      framer.Reset();  // forgets the tail
+      framer.Restart();  // forgets the tail
       EXPECT_EQ(framer.Push(kCommand.data(), kCommand.size()).size(), 1U);
     }
   }
@@ -63,7 +63,7 @@ TEST(StatusFrame, IsTheWireFormatByteForByte) {
   expected.U8(0xAB).U8(0xCD).U64(0x1112131415161718).U64(0x2122232425262728).F32(1.5f);
   expected.U8(1).U8(2).U8(3).U8(20).U32(0x11223344).U8(6).U16(0x5566);
   for (int i = 1; i <= 17; ++i) expected.F32(static_cast<float>(i));
-  EXPECT_EQ(StatusFrame(status), static_cast<const Frame&>(expected.Crc()));
+  EXPECT_EQ(wire::StatusFrame(status), static_cast<const Frame&>(expected.Crc()));
 }
 
 std::vector<FaultRule> Script(const std::string& text) {
@@ -102,9 +102,9 @@ TEST(FaultScript, IsReadLineByLineAndRefusedWithItsLine) {
       "{\"at_frame\": 3, \"fault\": \"corrupt\"}\r\n\n"
       R"({"at_ms": 20, "fault": "garbage", "rate": 0.5, "value": 9, "for_commands": 4})");
   ASSERT_EQ(rules.size(), 2U);
-  EXPECT_TRUE(rules[0].at.unit == Unit::Frame && rules[0].at.count == 3 && rules[0].once);
-  EXPECT_TRUE(rules[1].at.unit == Unit::Ms && rules[1].rate == 0.5 && rules[1].value == 9 && !rules[1].once);
-  EXPECT_TRUE(rules[1].lasts->unit == Unit::Command && rules[1].lasts->count == 4);
+  EXPECT_TRUE(rules[0].at->unit == Unit::kFrame && rules[0].at->count == 3 && rules[0].once);
+  EXPECT_TRUE(rules[1].at->unit == Unit::kMs && rules[1].rate == 0.5 && rules[1].value == 9 && !rules[1].once);
+  EXPECT_TRUE(rules[1].lasts->unit == Unit::kCommand && rules[1].lasts->count == 4);
   EXPECT_FALSE(Script(R"({"at_ms": 0, "fault": "no-echo"})").at(0).once);
   EXPECT_TRUE(Script(R"({"at_ms": 0, "fault": "close"})").at(0).once);
 
@@ -136,9 +136,9 @@ std::set<std::uint64_t> Struck(const std::string& line) {
   Faults faults({rule}, 1);
   std::set<std::uint64_t> struck;
   for (std::uint64_t i = 1; i <= 12; ++i) {
-    faults.Advance(Unit::Ms, 10 * i);
-    faults.Advance(Unit::Command, i);
-    faults.Advance(Unit::Frame, i);
+    faults.Advance(Unit::kMs, 10 * i);
+    faults.Advance(Unit::kCommand, i);
+    faults.Advance(Unit::kFrame, i);
     if (faults.Strike(rule.fault)) struck.insert(i);
   }
   EXPECT_EQ(faults.Struck(rule.fault), struck.size());
@@ -161,8 +161,8 @@ TEST(Faults, HoldFromTheTriggerAsLongAsTheyLast) {
   };
   for (const auto& [line, frames] : cases) EXPECT_EQ(Struck(line), frames) << line;
   Faults close({ParseFaultFlag("close=5")}, 1);  // only where the measure reaches the value
-  EXPECT_FALSE(close.Strike(Fault::Close, 4));
-  EXPECT_TRUE(close.Strike(Fault::Close, 5));
+  EXPECT_FALSE(close.Strike(Fault::kClose, 4));
+  EXPECT_TRUE(close.Strike(Fault::kClose, 5));
 }
 
 TEST(Faults, SameSeedSameStrikesAtTheirRate) {
@@ -170,8 +170,8 @@ TEST(Faults, SameSeedSameStrikesAtTheirRate) {
     Faults faults({ParseFaultFlag("drop-status=0.1"), ParseFaultFlag("corrupt=0.5")}, seed);
     std::vector<bool> strikes;
     for (int i = 0; i < 10000; ++i) {
-      strikes.push_back(faults.Strike(Fault::DropStatus).has_value());
-      if (with_other) faults.Strike(Fault::Corrupt);
+      strikes.push_back(faults.Strike(Fault::kDropStatus).has_value());
+      if (with_other) faults.Strike(Fault::kCorrupt);
     }
     return strikes;
   };

@@ -125,7 +125,7 @@ TEST_F(Doctor, NamesTheCause) {
 }
 
 TEST_F(Doctor, NamesTheCauseWithoutAController) {
-  const Peer silent(Peer::Kind::Tcp);
+  const Peer silent(Peer::Kind::kTcp);
   const std::pair<std::string, const char*> cases[] = {
       {"tcp://no-such-host.invalid:5000", "[FAIL] cannot resolve 'no-such-host.invalid'"},
       {"udp://127.0.0.1:9", "refuses: the machine is there, but nothing listens on that UDP port"},
@@ -142,13 +142,13 @@ TEST_F(Doctor, NamesTheCauseWithoutAController) {
 
 TEST_F(Doctor, LooksAtTheSerialDeviceItself) {
   SimulatedArm arm("pty:");
-  const std::string device = ParseLink(arm.link).device;
+  const std::string device = velta::wire::ParseLink(arm.link).device;
   const auto expect = [&](const RunResult& run, int status, const std::string& said) {
     EXPECT_EQ(run.status, status) << run.out << run.err;
     EXPECT_TRUE(Has(run.out, said)) << run.out;
   };
   {
-    const Peer holder(ParseLink(arm.link));
+    const Peer holder(velta::wire::ParseLink(arm.link));
     expect(Velta("doctor -n 3 " + arm.link), 0, "[warn] another process holds " + device + ": ");
   }
   expect(Velta("doctor -n 3 serial://" + device + "?baud=123457"), 1, "cannot be set to 123457 baud");

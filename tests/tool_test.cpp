@@ -9,7 +9,7 @@
 #include "support/velta_program.h"
 
 using namespace velta::test;
-using velta::tools::ParseLink;
+using velta::wire::ParseLink;
 
 namespace {
 
@@ -150,7 +150,7 @@ TEST_P(Stopping, EndsWithin100MsWithItsSummary) {
     auto fastest = Milliseconds::max();  // of a few attempts: the machine may be busy
     for (int attempt = 0; attempt < 5 && fastest >= Milliseconds(100); ++attempt) {
       std::filesystem::remove(Path("NEW"));
-      Peer controller(Peer::Kind::Tcp);
+      Peer controller(Peer::Kind::kTcp);
       Process process(Argv(std::regex_replace(at_tape, std::regex("LINK"), controller.Name())));
       if (GetParam().ready == nullptr) {
         ASSERT_EQ(controller.Read(67).size(), 67U);

@@ -14,9 +14,9 @@
 #include "SendPacket.h"
 #include "clock.h"
 #include "command.h"
+#include "host_end.h"
 #include "stop.h"
 #include "timing.h"
-#include "wire.h"
 
 namespace velta::tools {
 
@@ -27,7 +27,7 @@ constexpr std::int64_t kMs = 1'000'000;
 /// One connection's attempt.
 /// @return what is missing; empty when a command was echoed
 std::string Ask(const Link& link, int joints, std::int64_t deadline_ns) try {
-  Wire wire(link, static_cast<int>(std::max<std::int64_t>((deadline_ns - MonotonicNs()) / kMs, 1)));
+  HostEnd wire(link, static_cast<int>(std::max<std::int64_t>((deadline_ns - MonotonicNs()) / kMs, 1)));
   PacketParser parser(joints);
   bool has_bytes = false;
   bool has_status = false;
@@ -58,7 +58,7 @@ std::string Ask(const Link& link, int joints, std::int64_t deadline_ns) try {
 }  // namespace
 
 int AwaitAnswer(const Link& link, int joints, std::chrono::nanoseconds timeout, bool json) {
-  if (link.kind == Link::Kind::Pty) throw UsageError("--check takes the device of a pty, serial:///dev/pts/N");
+  if (link.kind == Link::Kind::kPty) throw UsageError("--check takes the device of a pty, serial:///dev/pts/N");
   InstallStopHandler();
   const std::int64_t start = MonotonicNs();
   const std::int64_t deadline = start + timeout.count();

@@ -6,7 +6,7 @@
 #include <iosfwd>
 
 #include "errors.h"
-#include "frames.h"
+#include "frame_stream.h"
 #include "options.h"
 
 namespace CLI {

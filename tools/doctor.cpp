@@ -28,11 +28,11 @@
 #include "SendPacket.h"
 #include "command.h"
 #include "diagnosis.h"
+#include "host_end.h"
 #include "link.h"
 #include "status_words.h"
 #include "stop.h"
 #include "timing.h"
-#include "wire.h"
 
 namespace velta::tools {
 
@@ -90,8 +90,8 @@ class Doctor {
     InstallStopHandler();
     try {
       ReadLink();
-      if (link_.kind == Link::Kind::Serial) ExamineDevice();
-      const std::unique_ptr<Wire> wire = Open();
+      if (link_.kind == Link::Kind::kSerial) ExamineDevice();
+      const std::unique_ptr<HostEnd> wire = Open();
       try {
         Exchange(*wire);
       } catch (const LinkError& error) {
@@ -186,10 +186,10 @@ class Doctor {
     }
   }
 
-  std::unique_ptr<Wire> Open() {
+  std::unique_ptr<HostEnd> Open() {
     try {
-      auto wire = std::make_unique<Wire>(link_, static_cast<int>(options_.connect_s * 1000));
-      if (link_.kind == Link::Kind::Udp) {
+      auto wire = std::make_unique<HostEnd>(link_, static_cast<int>(options_.connect_s * 1000));
+      if (link_.kind == Link::Kind::kUdp) {
         Good("socket ready for " + ToString(link_));  // nothing was sent yet
       } else {
         Good("opened " + ToString(link_));
@@ -222,7 +222,7 @@ class Doctor {
   }
 
   void ExplainLoss(const LinkError& error) {
-    if (link_.kind == Link::Kind::Udp && error.error == ECONNREFUSED) {
+    if (link_.kind == Link::Kind::kUdp && error.error == ECONNREFUSED) {
       GiveUp(ToString(link_) + " refuses: the machine is there, but nothing listens on that UDP port");
     }
     if (error.error == ECONNABORTED || error.error == ECONNRESET || error.error == EPIPE) {
@@ -236,7 +236,7 @@ class Doctor {
   }
 
   /// Listens, then asks, with commands that command nothing, and waits for the echo of the last.
-  void Exchange(Wire& wire) {
+  void Exchange(HostEnd& wire) {
     Receive(wire, MonotonicNs() + Ms(300));
     for (int i = 0; i < kCommands && !StopRequested(); ++i) {
       SendPacket packet(options_.joints);
@@ -252,7 +252,7 @@ class Doctor {
     }
   }
 
-  void Receive(Wire& wire, std::int64_t deadline) {
+  void Receive(HostEnd& wire, std::int64_t deadline) {
     do {
       const std::int64_t now = MonotonicNs();
       const auto system = static_cast<std::int64_t>(GetNowTimeStamp());
@@ -277,10 +277,10 @@ class Doctor {
 
   void JudgeStream() {
     if (bytes_.empty()) {
-      const std::string what = link_.kind == Link::Kind::Udp      ? "nothing came back, to no command"
-                               : link_.kind == Link::Kind::Serial ? "the device is open, but silent"
-                                                                  : "connected, but silent";
-      GiveUp(what + (link_.kind == Link::Kind::Serial
+      const std::string what = link_.kind == Link::Kind::kUdp      ? "nothing came back, to no command"
+                               : link_.kind == Link::Kind::kSerial ? "the device is open, but silent"
+                                                                   : "connected, but silent";
+      GiveUp(what + (link_.kind == Link::Kind::kSerial
                          ? ": check the wiring, the baud rate and that the controller is on" +
                                std::string(holders_.empty() ? "" : "; the other process may take its bytes")
                          : ": is this the controller's port, is it running, and is -n " +
@@ -294,8 +294,8 @@ class Doctor {
                std::to_string(*fit));
       }
       GiveUp(bytes + ", nor of 0 to " + std::to_string(kMostJoints) + " joints: " +
-             (link_.kind == Link::Kind::Serial ? "check the baud rate and the wiring"
-                                               : "this is another service, or the bytes are damaged on the way"));
+             (link_.kind == Link::Kind::kSerial ? "check the baud rate and the wiring"
+                                                : "this is another service, or the bytes are damaged on the way"));
     }
     const auto frame = static_cast<std::size_t>(statuses_.front().packetSize);
     const std::size_t discarded = bytes_.size() - statuses_.size() * frame;

@@ -4,6 +4,7 @@
 #include <exception>
 #include <functional>
 #include <iostream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -114,7 +115,7 @@ int Run(int argc, char** argv) {
     return 0;
   } catch (const CLI::ParseError& error) {
     return Report(Explain(app, error.what()), 2);
-  } catch (const velta::tools::UsageError& error) {
+  } catch (const std::invalid_argument& error) {
     return Report(Explain(app, error.what()), 2);
   }
   if (action) return action();
@@ -130,7 +131,7 @@ int main(int argc, char** argv) {
     const int status = Run(argc, argv);
     if (!velta::tools::Out().flush() && status == 0) return Report("cannot write to standard output", 1);
     return status;
-  } catch (const velta::tools::UsageError& error) {
+  } catch (const std::invalid_argument& error) {  // UsageError, BadLink
     return Report(error.what(), 2);
   } catch (const std::exception& error) {
     return Report(error.what(), 1);

@@ -23,12 +23,12 @@
 #include "MasterControllerClient.h"
 #include "SendPacket.h"
 #include "command.h"
+#include "host_end.h"
 #include "link.h"
 #include "monitor_model.h"
 #include "relay.h"
 #include "stop.h"
 #include "timing.h"
-#include "wire.h"
 
 namespace velta::tools {
 
@@ -210,11 +210,14 @@ class OwnLink : public Source {
  public:
   /// @param keep_trying  whether a lost link is opened again, else it is a LinkError
   OwnLink(const MonitorOptions& options, MonitorModel& model, bool keep_trying)
-      : options_(options), model_(model), keep_trying_(keep_trying), wire_(std::make_unique<Wire>(options.link)) {}
+      : options_(options),
+        model_(model),
+        keep_trying_(keep_trying),
+        wire_(std::make_unique<HostEnd>(options.link, 5000)) {}
 
   void Step(std::int64_t deadline_ns, int wake) override {
     if (options_.poll.count() > 0) deadline_ns = std::min(deadline_ns, NextQuestion());
-    WaitUntil(deadline_ns, wire_ ? wire_->Fd() : -1, POLLIN, wake);
+    WaitUntil(deadline_ns, wire_ ? wire_->Descriptor() : -1, POLLIN, wake);
     try {
       if (!wire_) Reopen();
       if (wire_) Receive();
@@ -234,7 +237,7 @@ class OwnLink : public Source {
   void Reopen() {
     asked_at_ = MonotonicNs();
     if (asked_at_ < next_try_) return;
-    wire_ = std::make_unique<Wire>(options_.link, 50);  // shortly: the keys wait meanwhile
+    wire_ = std::make_unique<HostEnd>(options_.link, 50);  // shortly: the keys wait meanwhile
     model_.Restart();
     trouble_.clear();
   }
@@ -254,20 +257,17 @@ class OwnLink : public Source {
   const MonitorOptions& options_;
   MonitorModel& model_;
   bool keep_trying_;
-  std::unique_ptr<Wire> wire_;  ///< none while the link is lost
+  std::unique_ptr<HostEnd> wire_;  ///< none while the link is lost
   std::string trouble_;
   std::int64_t heard_at_ = MonotonicNs();
   std::int64_t asked_at_ = 0;
   std::int64_t next_try_ = 0;
 };
 
-class Listener : public Source {
+class Listener : public Source, private RelayObserver {
  public:
   Listener(const MonitorOptions& options, MonitorModel& model)
-      : model_(model),
-        relay_(
-            ParseLink(options.via), options.link,
-            {[this](const Passage& passage) { Take(passage); }, [this](const std::string& why) { trouble_ = why; }}) {}
+      : model_(model), relay_(ParseLink(options.via), options.link, *this) {}
 
   const Link& Address() const { return relay_.Address(); }
 
@@ -282,14 +282,15 @@ class Listener : public Source {
   }
 
  private:
-  void Take(const Passage& passage) {
-    if (passage.event == LinkEvent::kOpened) {
-      model_.Restart();
-      trouble_.clear();
-    }
-    if (passage.event != LinkEvent::kToHost) return;
-    model_.Take({passage.bytes, passage.bytes + passage.size}, static_cast<std::int64_t>(passage.monotonic_ns));
+  void Opened(Stamp /*at*/) override {
+    model_.Restart();
+    trouble_.clear();
   }
+  void Passed(Direction direction, const char* bytes, std::size_t size, Stamp at) override {
+    if (direction == Direction::kToHost) model_.Take({bytes, bytes + size}, static_cast<std::int64_t>(at.monotonic_ns));
+  }
+  void Closed(Stamp /*at*/) override {}
+  void Failed(const std::string& why) override { trouble_ = why; }
 
   MonitorModel& model_;
   std::string trouble_;

@@ -16,7 +16,7 @@
 #include <system_error>
 
 #include "errors.h"
-#include "frames.h"
+#include "frame_stream.h"
 
 namespace velta::tools {
 

@@ -21,7 +21,7 @@ OutputFile::OutputFile(const std::string& path) : path_(path), working_path_(pat
     return;
   }
   working_path_ = path + ".part";
-  const sim::Fd file(open(working_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+  const Fd file(open(working_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
   if (file.Get() < 0) throw Failure(path + ": " + std::strerror(errno));
 }
 

@@ -18,10 +18,10 @@
 #include "answer.h"
 #include "clock.h"
 #include "command.h"
+#include "host_end.h"
 #include "ping_report.h"
 #include "progress.h"
 #include "stop.h"
-#include "wire.h"
 
 namespace velta::tools {
 
@@ -124,7 +124,7 @@ class Pinger {
   }
 
   const PingOptions& options_;
-  Wire wire_;
+  HostEnd wire_;
   PacketParser parser_;
   PingReport report_;
   Progress progress_;

@@ -10,17 +10,14 @@
 #include <string>
 #include <vector>
 
-#include "PacketParser.h"
 #include "SendPacket.h"
 #include "command.h"
-#include "frames.h"
-#include "link.h"
+#include "controller_end.h"
+#include "excerpt.h"
+#include "frame_stream.h"
+#include "host_end.h"
 #include "output_file.h"
-#include "port.h"
 #include "stop.h"
-#include "timeline.h"
-#include "timing.h"
-#include "wire.h"
 
 namespace velta::tools {
 
@@ -37,13 +34,12 @@ struct Options {
 /// The frames of one direction, each with the moment when it is due.
 class Schedule {
  public:
-  Schedule(const Options& options, LinkEvent direction)
-      : timeline_(options.excerpt), direction_(direction), speed_(options.speed), loop_(options.loop) {
+  Schedule(const Options& options, Event direction)
+      : timeline_(OpenExcerpt(options.excerpt)), direction_(direction), speed_(options.speed), loop_(options.loop) {
     Advance();
     if (!next_ && !StopRequested()) {
-      throw Failure(options.excerpt.file + ": no good " +
-                    (direction == LinkEvent::kToController ? "command" : "status") + " frame to play for " +
-                    std::to_string(Joints()) + " joints");
+      throw Failure(options.excerpt.file + ": no good " + (direction == Event::kToController ? "command" : "status") +
+                    " frame to play for " + std::to_string(Joints()) + " joints");
     }
   }
 
@@ -75,7 +71,7 @@ class Schedule {
     at_front_ = false;
     ++frames_;
     const SendPacket* const command = next_->Command();
-    std::vector<char> frame = command != nullptr ? command->GetCharVector() : sim::StatusFrame(*next_->Status());
+    std::vector<char> frame = command != nullptr ? command->GetCharVector() : StatusFrame(*next_->Status());
     const std::int64_t due = *Due();
     Advance();
     if (!next_ && loop_) {
@@ -85,7 +81,7 @@ class Schedule {
     return frame;
   }
 
-  void TellLostTail() const { timeline_.TellLostTail(); }
+  const Timeline& Recorded() const { return timeline_; }
 
  private:
   void Advance() {
@@ -94,7 +90,7 @@ class Schedule {
   }
 
   Timeline timeline_;
-  LinkEvent direction_;
+  Event direction_;
   double speed_;
   bool loop_;
   std::optional<Moment> next_;
@@ -111,19 +107,17 @@ std::string Count(std::uint64_t n, const std::string& what) {
 /// Sends the recorded commands, and listens to what the controller says of them.
 int SendCommands(const Options& options) {
   const Link link = ParseLink(options.link);
-  Schedule schedule(options, LinkEvent::kToController);
-  Wire wire(link);
-  PacketParser parser(schedule.Joints());
+  Schedule schedule(options, Event::kToController);
+  HostEnd host(link, 5000);
+  StatusStream stream(schedule.Joints());
   Progress progress;
-  std::uint64_t sent = 0, statuses = 0, echoed = 0;
+  std::uint64_t sent = 0, echoed = 0;
   std::uint64_t awaited = 0;  // time stamp of the command sent last, 0 once it is echoed
   std::vector<char> bytes;
   const auto listen = [&] {
     bytes.clear();
-    wire.Read(bytes);
-    parser.Push(bytes);
-    for (const RecvPacket& status : parser.Parse()) {
-      ++statuses;
+    host.Read(bytes);
+    for (const RecvPacket& status : stream.Push(bytes.data(), bytes.size())) {
       if (awaited != 0 && awaited == status.header.hostTimestamp) {
         ++echoed;
         awaited = 0;
@@ -132,9 +126,9 @@ int SendCommands(const Options& options) {
   };
   const auto finish = [&] {
     progress.Clear();
-    schedule.TellLostTail();
+    ReportLostTail(schedule.Recorded());
     Out() << "sent " << Count(sent, "command") << ", " << echoed << " echoed before the next, "
-          << Count(statuses, "status frame") << " received" << std::endl;
+          << Count(stream.Frames(), "status frame") << " received" << std::endl;
   };
   try {
     schedule.Start(MonotonicNs());
@@ -142,12 +136,12 @@ int SendCommands(const Options& options) {
       const std::optional<std::int64_t> due = schedule.Due();
       if (!due) break;
       if (MonotonicNs() < *due) {
-        wire.WaitReadable(*due);
+        host.WaitReadable(*due);
         listen();
         continue;
       }
       const std::vector<char> frame = schedule.Take();
-      wire.Write(frame);
+      host.Write(frame);
       ++sent;
       std::uint64_t stamp = 0;
       std::copy_n(frame.begin() + 2, sizeof stamp, reinterpret_cast<char*>(&stamp));
@@ -158,7 +152,7 @@ int SendCommands(const Options& options) {
     // The last command's echo is on its way; a second is plenty, and a stop does not wait.
     const std::int64_t patience = MonotonicNs() + 1'000'000'000;
     while (awaited != 0 && !StopRequested() && MonotonicNs() < patience) {
-      wire.WaitReadable(patience);
+      host.WaitReadable(patience);
       listen();
     }
   } catch (const LinkError& error) {
@@ -174,8 +168,8 @@ int SendCommands(const Options& options) {
 class Replay {
  public:
   explicit Replay(const Options& options)
-      : schedule_(options, LinkEvent::kToHost), commands_(schedule_.Joints()), endpoint_(ParseLink(options.serve)) {
-    Out() << "listening on " << ToString(endpoint_.Address()) << std::endl;
+      : schedule_(options, Event::kToHost), commands_(schedule_.Joints()), end_(ParseLink(options.serve)) {
+    Out() << "listening on " << ToString(end_.Address()) << std::endl;
   }
 
   int Run() {
@@ -188,27 +182,27 @@ class Replay {
       if (progress_.IsDue()) progress_.Show("sent " + Count(sent_, "status frame"));
     }
     progress_.Clear();
-    schedule_.TellLostTail();
+    ReportLostTail(schedule_.Recorded());
     Out() << "served " << Count(hosts_, "host") << ": sent " << Count(sent_, "status frame") << ", "
-          << Count(received_, "command") << " received" << std::endl;
+          << Count(commands_.Frames(), "command") << " received" << std::endl;
     return 0;
   }
 
  private:
   void Wait() {
-    if (!endpoint_.HostIsThere()) {
-      const int fd = endpoint_.WaitFd();
-      WaitUntil(MonotonicNs() + (fd < 0 ? Endpoint::kPtyLook : 250) * std::int64_t{1'000'000}, fd);
+    if (!end_.HostIsThere()) {
+      const int fd = end_.WaitDescriptor();
+      WaitUntil(MonotonicNs() + (fd < 0 ? ControllerEnd::kPtyLook : 250) * std::int64_t{1'000'000}, fd);
       return;
     }
     try {
-      host_.emplace(endpoint_.Take());
-    } catch (const Failure&) {
-      if (endpoint_.Kind() == Link::Kind::Serial) throw;
+      host_.emplace(end_.Take());
+    } catch (const LinkError&) {
+      if (end_.Kind() == Link::Kind::kSerial) throw;
       return;  // gone before it was taken
     }
     ++hosts_;
-    commands_.Reset();
+    commands_.Restart();
     pending_.clear();
     Listen();  // on UDP, where the host is
     schedule_.Start(MonotonicNs());
@@ -219,13 +213,13 @@ class Replay {
     if (!due && pending_.empty()) return Finish();
     if (pending_.empty() && MonotonicNs() >= *due) pending_ = schedule_.Take();
     if (pending_.empty()) {
-      WaitUntil(*due, host_->Fd());
+      WaitUntil(*due, host_->Descriptor());
     } else {
-      const Port::Result result = host_->Write(pending_.data(), pending_.size());
-      if (result.io == Port::Io::kBroken) return Leave();
+      const IoResult result = host_->Write(pending_.data(), pending_.size());
+      if (result.io == Io::kBroken) return Leave();
       pending_.erase(pending_.begin(), pending_.begin() + static_cast<std::ptrdiff_t>(result.size));
       if (pending_.empty()) ++sent_;
-      if (!pending_.empty()) WaitUntil(MonotonicNs() + 250'000'000, host_->Fd(), POLLIN | POLLOUT);
+      if (!pending_.empty()) WaitUntil(MonotonicNs() + 250'000'000, host_->Descriptor(), POLLIN | POLLOUT);
     }
     Listen();
   }
@@ -236,7 +230,7 @@ class Replay {
     host_->EndWriting();
     const std::int64_t patience = MonotonicNs() + 200'000'000;
     while (host_ && !StopRequested() && MonotonicNs() < patience) {
-      WaitUntil(patience, host_->Fd());
+      WaitUntil(patience, host_->Descriptor());
       Listen();
     }
     host_.reset();
@@ -244,26 +238,25 @@ class Replay {
 
   void Listen() {
     std::array<char, kMaxChunk> buffer;
-    const Port::Result result = host_->Read(buffer.data(), buffer.size());
-    if (result.io == Port::Io::kEnded || result.io == Port::Io::kBroken) return Leave();
-    received_ += commands_.Push(buffer.data(), result.size).size();
+    const IoResult result = host_->Read(buffer.data(), buffer.size());
+    if (result.io == Io::kEnded || result.io == Io::kBroken) return Leave();
+    commands_.Push(buffer.data(), result.size);
   }
 
   void Leave() {
     host_.reset();
-    endpoint_.Release(false);
+    end_.Release(false);
     done_ = !schedule_.Due() && pending_.empty();  // it has got everything
-    if (!done_ && endpoint_.Kind() == Link::Kind::Serial)
-      throw Failure(ToString(endpoint_.Address()) + ": the line is gone");
+    if (!done_ && end_.Kind() == Link::Kind::kSerial) throw Failure(ToString(end_.Address()) + ": the line is gone");
   }
 
   Schedule schedule_;
-  sim::CommandFramer commands_;
-  Endpoint endpoint_;
-  std::optional<Port> host_;
+  CommandStream commands_;
+  ControllerEnd end_;
+  std::optional<Channel> host_;
   std::vector<char> pending_;  ///< what the host did not take yet of a frame
   bool done_ = false;
-  std::uint64_t hosts_ = 0, sent_ = 0, received_ = 0;
+  std::uint64_t hosts_ = 0, sent_ = 0;
   Progress progress_;
 };
 
@@ -281,19 +274,19 @@ void AddPlay(CLI::App& app, Action& action) {
   const auto options = std::make_shared<Options>();
   CLI::App* const command =
       app.add_subcommand("play", "Send a recording's commands again, or replay its status frames as a controller");
-  options->excerpt.AddOptions(*command);
+  AddExcerptOptions(*command, options->excerpt);
   command->add_option("LINK", options->link, "The controller to send the commands to: the arm moves as it did then")
-      ->option_text(" ");
+      ->type_name("");
   command->add_option("--serve", options->serve, "Listen here for a host, and be the controller")
-      ->option_text("ENDPOINT");
+      ->type_name("ENDPOINT");
   command->add_option("--speed", options->speed, "How much faster than recorded, 0.001 to 1000")
       ->check(CLI::Range(0.001, 1000.0))
-      ->option_text("X [1]");
+      ->type_name("X");
   command->add_flag("--loop", options->loop, "Begin again at the end, until stopped");
   command->footer(
       "Every good frame is sent as it was recorded, its time stamp included; bytes of no good frame are left out.\n"
       "Examples:\n"
-      "  velta play run.vrec tcp://192.168.0.10:5000 --from 2 --to 5\n"
+      "  velta play run.vrec tcp://192.168.0.10:5000 --from 2s --to 5s\n"
       "  velta play run.vrec --serve tcp://127.0.0.1:5000 --loop");
   command->callback([options, &action] { action = [options] { return Run(*options); }; });
 }

@@ -25,11 +25,12 @@
 
 #include "command.h"
 #include "command_words.h"
+#include "excerpt.h"
 #include "fd.h"
+#include "fields.h"
 #include "output_file.h"
 #include "status_words.h"
 #include "stop.h"
-#include "timeline.h"
 #include "timing.h"
 
 namespace velta::tools {
@@ -111,12 +112,12 @@ class Events {
     } else if (const SendPacket* const command = moment.Command()) {
       TakeCommand(*command, bin, time);
     } else {
-      Add(kLink, bin, time, moment.event == LinkEvent::kOpened ? "opened" : "closed");
+      Add(kLink, bin, time, moment.event == Event::kOpened ? "opened" : "closed");
     }
   }
 
   void AppendPoints(std::string& script) const {
-    for (const Event& event : events_) script += Number(event.time) + ' ' + std::to_string(event.kind) + '\n';
+    for (const Mark& event : events_) script += Number(event.time) + ' ' + std::to_string(event.kind) + '\n';
   }
 
   /// A text stands above its point, or below where it would be written over its neighbour; what fits nowhere is left
@@ -126,7 +127,7 @@ class Events {
     constexpr double kLettersAcross = 190;
     std::array<std::array<double, kLanes.size()>, kKinds> free;
     for (auto& lanes : free) lanes.fill(from);
-    for (const Event& event : events_) {
+    for (const Mark& event : events_) {
       auto& lanes = free[static_cast<std::size_t>(event.kind)];
       const auto lane = std::find_if(lanes.begin(), lanes.end(), [&](double left) { return left <= event.time; });
       if (event.text.empty() || lane == lanes.end()) continue;
@@ -138,7 +139,7 @@ class Events {
   }
 
  private:
-  struct Event {
+  struct Mark {
     Kind kind;
     double time;
     std::string text;
@@ -220,7 +221,7 @@ class Events {
   bool is_first_ = true;
   std::string last_command_;
   std::array<std::optional<std::size_t>, kKinds> last_bin_;
-  std::vector<Event> events_;
+  std::vector<Mark> events_;
 };
 
 class Plot {
@@ -347,8 +348,8 @@ class Plot {
   double to_ = 0;
 };
 
-sim::Fd MemoryFile(const std::string& content) {
-  sim::Fd file(memfd_create("velta", MFD_CLOEXEC));
+Fd MemoryFile(const std::string& content) {
+  Fd file(memfd_create("velta", MFD_CLOEXEC));
   std::size_t written = 0;
   while (written < content.size()) {
     const ssize_t count = write(file.Get(), content.data() + written, content.size() - written);
@@ -375,9 +376,9 @@ int WaitFor(pid_t pid) {
 }
 
 void Draw(const std::string& script, const std::string& path) {
-  const sim::Fd in = MemoryFile(script);
-  const sim::Fd errors = MemoryFile("");
-  const sim::Fd out(open(path.c_str(), O_WRONLY | O_CLOEXEC));
+  const Fd in = MemoryFile(script);
+  const Fd errors = MemoryFile("");
+  const Fd out(open(path.c_str(), O_WRONLY | O_CLOEXEC));
   if (out.Get() < 0) throw Failure(path + ": " + std::strerror(errno));
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
@@ -417,13 +418,13 @@ int Run(Options options) {
   };
   const bool svg = ends_with(".svg");
   if (!svg && !ends_with(".png")) throw UsageError(output + ": a plot is a .png or a .svg");
-  Timeline timeline(options.excerpt);
+  Timeline timeline = OpenExcerpt(options.excerpt);
   const Plot plot(options, timeline);
   OutputFile file(output);
   Draw(plot.Script(svg ? "svg" : "pngcairo", options.excerpt.file + "  " + timeline.RecordedLink()),
        file.WorkingPath());
   file.Commit();
-  timeline.TellLostTail();
+  ReportLostTail(timeline);
   Out() << "plotted " << plot.Summary() << " to " << output << std::endl;
   return 0;
 }
@@ -434,14 +435,14 @@ void AddPlot(CLI::App& app, Action& action) {
   const auto options = std::make_shared<Options>();
   CLI::App* const command =
       app.add_subcommand("plot", "Draw a recording: positions, velocities and what happened (needs gnuplot)");
-  options->excerpt.AddOptions(*command);
+  AddExcerptOptions(*command, options->excerpt);
   command->add_option("-o,--output", options->output, "The picture, a .png or .svg file; else FILE with .png")
       ->option_text("PICTURE");
   command->add_option("--fields", options->fields, "Fields of the joints, a panel each, separated by commas")
       ->option_text("NAMES [position,velocity]");
   command->add_option("--show", options->show, "Joints to draw: all, or indices from 0 separated by /")
       ->option_text("IDS [all]");
-  command->footer("Example:\n  velta plot run.vrec --from 2 --to 5 --show 0/2 -o run.svg");
+  command->footer("Example:\n  velta plot run.vrec --from 2s --to 5s --select 0/2 -o run.svg");
   command->callback([options, &action] { action = [options] { return Run(*options); }; });
 }
 

@@ -97,7 +97,7 @@ std::vector<unsigned char> Bytes(const SendPacket& packet) {
 /// device gets its old rate back. A slow line needs ten bits per byte.
 void Linger(MasterControllerClient& client, const Link& link, int bytes) {
   auto linger = 50ms;
-  if (link.kind == Link::Kind::Serial) linger += std::chrono::milliseconds(10'000LL * bytes / link.baud);
+  if (link.kind == Link::Kind::kSerial) linger += std::chrono::milliseconds(10'000LL * bytes / link.baud);
   for (const auto end = MonotonicNs() + std::chrono::nanoseconds(linger).count();
        MonotonicNs() < end && !StopRequested();) {
     client.ReceiveStatus();

@@ -21,17 +21,16 @@
 #include "answer.h"
 #include "command.h"
 #include "faults.h"
+#include "host_end.h"
 #include "link.h"
 #include "server.h"
 #include "stop.h"
 #include "timing.h"
-#include "wire.h"
 
 namespace velta::tools {
 
 namespace {
 
-using sim::EndpointConfig;
 using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
@@ -55,25 +54,11 @@ void PrintJson(picojson::object document) {
 /// A whole number; the JSON library writes fractions with 17 digits.
 picojson::value Count(std::uint64_t number) { return picojson::value(static_cast<double>(number)); }
 
-EndpointConfig ParseEndpoint(const std::string& text) {
+LinkAddress ParseEndpoint(const std::string& text) {
   const Link link = ParseLink(text);
-  EndpointConfig endpoint;
-  switch (link.kind) {
-    case Link::Kind::Tcp:
-      break;
-    case Link::Kind::Udp:
-      endpoint.kind = EndpointConfig::Kind::Udp;
-      break;
-    case Link::Kind::Pty:
-      endpoint.kind = EndpointConfig::Kind::Pty;
-      endpoint.path = link.device;
-      return endpoint;
-    case Link::Kind::Serial:
-      throw UsageError("bad endpoint '" + text + "': on a serial line use pty: or pty:PATH");
-  }
-  endpoint.host = link.host;
-  endpoint.port = link.port;
-  return endpoint;
+  if (link.kind == Link::Kind::kSerial)
+    throw UsageError("bad endpoint '" + text + "': on a serial line use pty: or pty:PATH");
+  return link;
 }
 
 std::vector<sim::FaultRule> ReadFaults(const Options& options) {
@@ -149,7 +134,7 @@ class Progress {
 };
 
 int Serve(Options options) {
-  for (const std::string& endpoint : options.endpoints) options.server.endpoints.push_back(ParseEndpoint(endpoint));
+  for (const std::string& endpoint : options.endpoints) options.server.listen.push_back(ParseEndpoint(endpoint));
   options.server.faults = ReadFaults(options);
   InstallStopHandler();
   sim::Server server(std::move(options.server));
@@ -174,7 +159,7 @@ std::string Footer() {
   text << "Faults, counted in the closing summary; RATE is the share of frames or commands that are struck (all):\n";
   for (std::size_t i = 0; i < sim::kFaultCount; ++i) {
     const sim::FaultInfo& info = sim::Info(static_cast<sim::Fault>(i));
-    text << "  " << std::left << std::setw(28) << info.usage << info.help << '\n';
+    text << "  " << std::left << std::setw(28) << sim::Usage(info) << sim::Effect(info) << '\n';
   }
   text << "\nA script has one JSON object a line: what triggers the fault, which one, and how long it lasts:\n"
           "  {\"at_frame\": 100, \"fault\": \"corrupt\", \"rate\": 0.5, \"for_frames\": 20}\n"

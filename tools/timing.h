@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "clock.h"
+#include "link.h"
 
 namespace velta::tools {
 

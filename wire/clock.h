@@ -5,7 +5,9 @@
 #include <chrono>
 #include <cstdint>
 
-namespace velta::tools {
+#include "protocol.h"
+
+namespace velta::wire {
 
 /// @return nanoseconds of the monotonic clock: for durations, untouched by changes of the system time
 inline std::int64_t MonotonicNs() {
@@ -13,6 +15,13 @@ inline std::int64_t MonotonicNs() {
       .count();
 }
 
-}  // namespace velta::tools
+/// A moment by both clocks.
+struct Stamp {
+  std::uint64_t monotonic_ns;  ///< the clock that never jumps
+  std::uint64_t wall_ns;       ///< nanoseconds since the Unix epoch
+};
+inline Stamp StampNow() { return {static_cast<std::uint64_t>(MonotonicNs()), GetNowTimeStamp()}; }
+
+}  // namespace velta::wire
 
 #endif  // VELTA_WIRE_CLOCK_H_

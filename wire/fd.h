@@ -6,7 +6,7 @@
 
 #include <utility>
 
-namespace velta::sim {
+namespace velta::wire {
 
 /// Owns a descriptor.
 class Fd {
@@ -32,6 +32,6 @@ class Fd {
   int fd_ = -1;
 };
 
-}  // namespace velta::sim
+}  // namespace velta::wire
 
 #endif  // VELTA_WIRE_FD_H_

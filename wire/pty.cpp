@@ -11,22 +11,34 @@
 #include <system_error>
 #include <utility>
 
-namespace velta::sim {
+#include "address.h"
+
+namespace velta::wire {
 
 namespace fs = std::filesystem;
 
-Pty::Pty(std::string path) : path_(std::move(path)), master_(posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC)) {
+namespace {
+
+[[noreturn]] void Fail(const std::string& what, int error) {
+  throw LinkError(what + ": " + std::generic_category().message(error), error);
+}
+
+}  // namespace
+
+Pty::Pty(const std::string& path)
+    : path_(path.empty() ? path : fs::absolute(path).lexically_normal().string()),
+      master_(posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC)) {
   char name[64];
   termios settings{};
   if (!master_ || grantpt(master_.Get()) != 0 || unlockpt(master_.Get()) != 0 ||
       ptsname_r(master_.Get(), name, sizeof name) != 0 || tcgetattr(master_.Get(), &settings) != 0) {
-    throw std::system_error(errno, std::generic_category(), "cannot open a pty");
+    Fail("cannot open a pty", errno);
   }
   cfmakeraw(&settings);
   // A device that was never opened counts as in use; one that was closed does not.
   const Fd first(open(name, O_RDWR | O_NOCTTY | O_CLOEXEC));
   if (!first || tcsetattr(master_.Get(), TCSANOW, &settings) != 0) {
-    throw std::system_error(errno, std::generic_category(), std::string("cannot open ") + name);
+    Fail(std::string("cannot open ") + name, errno);
   }
   device_ = name;
   if (!path_.empty()) Link();
@@ -36,14 +48,13 @@ void Pty::Link() {
   std::error_code error;
   if (fs::exists(fs::symlink_status(path_, error)) &&
       fs::read_symlink(path_, error).string().rfind("/dev/pts/", 0) != 0) {
-    throw std::system_error(EEXIST, std::generic_category(),
-                            "cannot make the link " + path_ + ", which does not lead to a pty");
+    Fail("cannot make the link " + path_ + ", which does not lead to a pty", EEXIST);
   }
   const std::string fresh = path_ + ".new";  // put in place at once: a host never finds no link
   fs::remove(fresh, error);
   fs::create_symlink(device_, fresh, error);
   if (!error) fs::rename(fresh, path_, error);
-  if (error) throw std::system_error(error, "cannot make the link " + path_);
+  if (error) Fail("cannot make the link " + path_, error.value());
 }
 
 Pty::~Pty() {
@@ -56,9 +67,9 @@ bool Pty::HasUser() const {
   return poll(&request, 1, 0) >= 0 && (request.revents & POLLHUP) == 0;
 }
 
-void Pty::Flush(int queue) const {
+void Pty::Flush() const {
   const Fd device(open(device_.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
-  if (device) tcflush(device.Get(), queue);
+  if (device) tcflush(device.Get(), TCIFLUSH);
 }
 
-}  // namespace velta::sim
+}  // namespace velta::wire

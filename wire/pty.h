@@ -6,7 +6,7 @@
 
 #include "fd.h"
 
-namespace velta::sim {
+namespace velta::wire {
 
 /// The controller's end of a pseudo terminal, in raw mode and non-blocking, with a link that leads hosts to its device.
 ///
@@ -15,8 +15,8 @@ class Pty {
  public:
   /// @param path  of the symbolic link, which lasts as long as the object; empty for none. One that leads to a pty
   ///              already is replaced: an earlier run may have left it behind.
-  /// @throws std::system_error, one line
-  explicit Pty(std::string path);
+  /// @throws LinkError
+  explicit Pty(const std::string& path);
   Pty(const Pty&) = delete;
   Pty& operator=(const Pty&) = delete;
   ~Pty();
@@ -29,9 +29,8 @@ class Pty {
   /// Whether someone has the device open.
   bool HasUser() const;
 
-  /// Drops what waits in the device.
-  /// @param queue  TCIFLUSH: what the host has not read; TCIOFLUSH: what it has written, too
-  void Flush(int queue) const;
+  /// Drops what the host has not read.
+  void Flush() const;
 
  private:
   void Link();
@@ -41,6 +40,6 @@ class Pty {
   Fd master_;
 };
 
-}  // namespace velta::sim
+}  // namespace velta::wire
 
 #endif  // VELTA_WIRE_PTY_H_

@@ -1,157 +1,146 @@
 // SPDX-License-Identifier: MIT
 #include "relay.h"
 
-#include <poll.h>
-
 #include <algorithm>
 #include <array>
-#include <ctime>
 #include <utility>
 
-#include "errors.h"
-#include "protocol.h"
-
-namespace velta::tools {
+namespace velta::wire {
 
 namespace {
 
-constexpr std::chrono::seconds kConnectTimeout{5};  // as long as the library's own link waits
+using Kind = LinkAddress::Kind;
+using Clock = std::chrono::steady_clock;
+
+int Sooner(int timeout_ms, int other_ms) { return timeout_ms < 0 ? other_ms : std::min(timeout_ms, other_ms); }
+
+/// What nothing is wanted from is not looked at, or its hang-up would be reported again and again.
+pollfd Watch(int fd, short wanted) { return {wanted != 0 ? fd : -1, wanted, 0}; }
+
+const LinkAddress& Matching(const LinkAddress& listen, const LinkAddress& controller) {
+  if ((listen.kind == Kind::kUdp) != (controller.kind == Kind::kUdp)) {
+    throw BadLink("'" + ToString(listen) + "' cannot stand in for '" + ToString(controller) +
+                  "': udp:// goes with udp:// only, a stream would cut datagrams");
+  }
+  HostEnd::Check(controller);
+  return listen;
+}
 
 }  // namespace
 
-Passage StampedNow(LinkEvent event, const char* bytes, std::size_t size) {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  const auto monotonic =
-      static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000u + static_cast<std::uint64_t>(now.tv_nsec);
-  return {event, bytes, size, monotonic, GetNowTimeStamp()};
-}
-
-Relay::Relay(const Link& endpoint, const Link& controller, Observer observer)
-    : endpoint_(endpoint), controller_(controller), observer_(std::move(observer)) {
-  if ((endpoint.kind == Link::Kind::Udp) != (controller.kind == Link::Kind::Udp)) {
-    throw UsageError("'" + ToString(endpoint) + "' cannot stand in for '" + ToString(controller) +
-                     "': udp:// goes with udp:// only, a stream would cut datagrams");
-  }
-  if (controller.kind == Link::Kind::Pty || (controller.kind != Link::Kind::Serial && controller.port == 0)) {
-    static_cast<void>(Port::Connect(controller));  // tells what is wrong with it
-  }
-}
+Relay::Relay(const LinkAddress& listen, const LinkAddress& controller, RelayObserver& observer, int timeout_ms)
+    : end_(Matching(listen, controller)), controller_(controller), observer_(observer), timeout_(timeout_ms) {}
 
 Relay::~Relay() {
   const bool opened = Connected();
   session_.reset();
-  if (opened && observer_.passed) observer_.passed(StampedNow(LinkEvent::kClosed));
+  if (opened) observer_.Closed(StampNow());
 }
 
 void Relay::Step(int timeout_ms, std::initializer_list<int> wake) {
-  std::vector<pollfd> fds;
+  std::vector<pollfd> fds(3, {-1, 0, 0});  // the first three are the relay's
   for (const int fd : wake) fds.push_back({fd, POLLIN, 0});
-  const std::size_t first = fds.size();
+  if (!session_) return AwaitHost(fds, timeout_ms);
+  if (session_->controller.IsConnecting()) return AwaitConnection(fds, timeout_ms);
+  PassOn(fds, timeout_ms);
+}
 
-  if (!session_) {
-    const int fd = endpoint_.WaitFd();
-    fds.push_back({fd, POLLIN, 0});
-    if (fd < 0 && !endpoint_.HostIsThere()) {
-      timeout_ms = timeout_ms < 0 ? Endpoint::kPtyLook : std::min(timeout_ms, Endpoint::kPtyLook);
-    }
-    if (!endpoint_.HostIsThere() && poll(fds.data(), fds.size(), timeout_ms) <= 0) return;
-    if (endpoint_.HostIsThere()) Begin();
-    return;
+void Relay::AwaitHost(std::vector<pollfd>& fds, int timeout_ms) {
+  if (!end_.HostIsThere()) {
+    const int fd = end_.WaitDescriptor();
+    fds[0] = Watch(fd, POLLIN);
+    poll(fds.data(), fds.size(), fd < 0 ? Sooner(timeout_ms, ControllerEnd::kPtyLook) : timeout_ms);
   }
+  if (end_.HostIsThere()) Begin();
+}
 
-  const bool connecting = session_->controller.Connecting();
-  const auto events = [connecting](const Way& from_it, const Way& to_it) {
-    const bool read = !connecting && from_it.pending.empty() && !from_it.ended;
+void Relay::AwaitConnection(std::vector<pollfd>& fds, int timeout_ms) {
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(session_->connect_by - Clock::now()).count();
+  if (left <= 0) {
+    return TurnAway(ToString(controller_) + ": no answer within " + std::to_string(timeout_.count()) + " ms");
+  }
+  fds[0] = Watch(session_->controller.Descriptor(), POLLOUT);
+  poll(fds.data(), fds.size(), Sooner(timeout_ms, static_cast<int>(left)));
+  if (fds[0].revents == 0) return;
+  try {
+    session_->controller.FinishConnecting();
+  } catch (const LinkError& error) {
+    return TurnAway(error.what());
+  }
+  observer_.Opened(StampNow());
+}
+
+void Relay::PassOn(std::vector<pollfd>& fds, int timeout_ms) {
+  const auto events = [](const Way& from_it, const Way& to_it) {
+    const bool read = from_it.pending.empty() && !from_it.ended;
     return static_cast<short>((read ? POLLIN : 0) | (to_it.pending.empty() ? 0 : POLLOUT));
   };
-  // What nothing is wanted from is not looked at, or its hang-up would be told again and again.
-  const auto watch = [&fds](int fd, short wanted) { fds.push_back({wanted != 0 ? fd : -1, wanted, 0}); };
-  watch(session_->host.Fd(), events(session_->up, session_->down));
-  watch(session_->controller.Fd(), connecting ? short{POLLOUT} : events(session_->down, session_->up));
+  const Way &up = session_->up, &down = session_->down;
+  fds[0] = Watch(session_->host.Descriptor(), events(up, down));
+  fds[1] = Watch(session_->controller.Descriptor(), events(down, up));
   // A host that has closed may be back before the controller has: the old connection must not keep it waiting.
-  watch(session_->up.ended ? endpoint_.WaitFd() : -1, POLLIN);
-  if (connecting) {
-    const auto left =
-        std::chrono::ceil<std::chrono::milliseconds>(session_->connect_by - std::chrono::steady_clock::now());
-    if (left.count() <= 0) return Unreachable(ToString(controller_) + ": no answer within 5 s");
-    timeout_ms = static_cast<int>(timeout_ms < 0 ? left.count() : std::min<std::int64_t>(timeout_ms, left.count()));
-  }
+  fds[2] = Watch(up.ended ? end_.WaitDescriptor() : -1, POLLIN);
   if (poll(fds.data(), fds.size(), timeout_ms) <= 0) return;
-
-  const short host = fds[first].revents;
-  const short controller = fds[first + 1].revents;
-  if (connecting) {
-    if (controller == 0) return;
-    try {
-      session_->controller.FinishConnecting();
-    } catch (const Failure& failure) {
-      return Unreachable(failure.what());
-    }
-    if (observer_.passed) observer_.passed(StampedNow(LinkEvent::kOpened));
-    return;
-  }
-  if (fds[first + 2].revents != 0) return End();
-  Move(Side::kHost, (host & ~POLLOUT) != 0);
-  if (session_) Move(Side::kController, (controller & ~POLLOUT) != 0);
+  if (fds[2].revents != 0) return End();
+  Move(Side::kHost, (fds[0].revents & ~POLLOUT) != 0);
+  if (session_) Move(Side::kController, (fds[1].revents & ~POLLOUT) != 0);
 }
 
 void Relay::Begin() {
-  std::optional<Port> host;
+  std::optional<Channel> host;
   try {
-    host = endpoint_.Take();
-  } catch (const Failure&) {
-    if (endpoint_.Kind() == Link::Kind::Serial) throw;
+    host = end_.Take();
+  } catch (const LinkError&) {
+    if (end_.Kind() == Kind::kSerial) throw;
     return;  // gone before it was taken
   }
   try {
-    session_.emplace(Session{
-        std::move(*host), Port::Connect(controller_), std::chrono::steady_clock::now() + kConnectTimeout, {}, {}});
-  } catch (const Failure& failure) {
-    if (endpoint_.Kind() == Link::Kind::Udp || endpoint_.Kind() == Link::Kind::Serial) throw;
+    session_.emplace(Session{*host, HostEnd(controller_), Clock::now() + timeout_});
+  } catch (const LinkError& error) {
+    if (end_.Kind() == Kind::kUdp || end_.Kind() == Kind::kSerial) throw;
     host->Break();
     host.reset();
-    endpoint_.Release(true);
-    if (observer_.failed) observer_.failed(failure.what());
+    end_.Release(true);
+    observer_.Failed(error.what());
     return;
   }
-  if (!session_->controller.Connecting() && observer_.passed) observer_.passed(StampedNow(LinkEvent::kOpened));
+  if (Connected()) observer_.Opened(StampNow());
 }
 
 void Relay::End() {
   const bool opened = Connected();
   const bool hang_up = !session_->up.ended;  // a host on a pty must learn of the end
   session_.reset();
-  endpoint_.Release(hang_up);
-  if (opened && observer_.passed) observer_.passed(StampedNow(LinkEvent::kClosed));
+  end_.Release(hang_up);
+  if (opened) observer_.Closed(StampNow());
 }
 
 void Relay::EndBrokenBy(Side side) {
   if (side == Side::kHost) {
-    session_->controller.Break();
+    session_->controller.GetChannel().Break();
     session_->up.ended = true;
   } else {
     session_->host.Break();
   }
   End();
-  if (side == Side::kController && endpoint_.Kind() == Link::Kind::Serial) {
-    throw Failure(ToString(controller_) + ": the controller's link is gone");
+  if (side == Side::kController && end_.Kind() == Kind::kSerial) {
+    throw LinkError(ToString(controller_) + ": the controller's link is gone", 0);
   }
 }
 
-void Relay::Unreachable(const std::string& why) {
+void Relay::TurnAway(const std::string& why) {
   session_->host.Break();
   session_.reset();
-  endpoint_.Release(true);
-  if (endpoint_.Kind() == Link::Kind::Serial) throw Failure(why);
-  if (observer_.failed) observer_.failed(why);
+  end_.Release(true);
+  if (end_.Kind() == Kind::kSerial) throw LinkError(why, 0);
+  observer_.Failed(why);
 }
 
-Port::Io Relay::Flush(Way& way, Port& to) {
-  if (way.pending.empty()) return Port::Io::kDone;
-  const Port::Result result = to.Write(way.pending.data() + way.written, way.pending.size() - way.written);
+Io Relay::Flush(Way& way, Channel& to) {
+  if (way.pending.empty()) return Io::kDone;
+  const IoResult result = to.Write(way.pending.data() + way.written, way.pending.size() - way.written);
   way.written += result.size;
-  if (result.io == Port::Io::kDone && way.written == way.pending.size()) {
+  if (result.io == Io::kDone && way.written == way.pending.size()) {
     way.pending.clear();
     way.written = 0;
   }
@@ -162,35 +151,36 @@ void Relay::Move(Side from, bool readable) {
   const bool is_host = from == Side::kHost;
   const Side other = is_host ? Side::kController : Side::kHost;
   Way& way = is_host ? session_->up : session_->down;
-  Port& source = is_host ? session_->host : session_->controller;
-  Port& target = is_host ? session_->controller : session_->host;
+  Channel& controller = session_->controller.GetChannel();
+  Channel& source = is_host ? session_->host : controller;
+  Channel& target = is_host ? controller : session_->host;
 
-  if (Flush(way, target) == Port::Io::kBroken) return EndBrokenBy(other);
+  if (Flush(way, target) == Io::kBroken) return EndBrokenBy(other);
   if (!way.pending.empty() || !readable || way.ended) return;
 
   std::array<char, kMaxChunk> buffer;
-  const Port::Result result = source.Read(buffer.data(), buffer.size());
-  const auto passage = StampedNow(is_host ? LinkEvent::kToController : LinkEvent::kToHost, buffer.data(), result.size);
+  const IoResult result = source.Read(buffer.data(), buffer.size());
+  const Stamp now = StampNow();
   switch (result.io) {
-    case Port::Io::kLater:
+    case Io::kLater:
       return;
-    case Port::Io::kBroken:
+    case Io::kBroken:
       return EndBrokenBy(from);
-    case Port::Io::kEnded:
+    case Io::kEnded:
       way.ended = true;
       break;
-    case Port::Io::kDone: {
-      const Port::Result written = target.Write(buffer.data(), result.size);
+    case Io::kDone: {
+      const IoResult written = target.Write(buffer.data(), result.size);
       way.pending.assign(buffer.data() + written.size, buffer.data() + result.size);
-      if (observer_.passed) observer_.passed(passage);
-      if (written.io == Port::Io::kBroken) return EndBrokenBy(other);
+      observer_.Passed(is_host ? Direction::kToController : Direction::kToHost, buffer.data(), result.size, now);
+      if (written.io == Io::kBroken) return EndBrokenBy(other);
       return;
     }
   }
-  // The source has closed its side. Only TCP can close one side alone.
-  const bool half = endpoint_.Kind() == Link::Kind::Tcp && controller_.kind == Link::Kind::Tcp;
+  // The source has closed its side. Only TCP can close one side and keep the other.
+  const bool half = end_.Kind() == Kind::kTcp && controller_.kind == Kind::kTcp;
   if (!half || (session_->up.ended && session_->down.ended)) return End();
   target.EndWriting();
 }
 
-}  // namespace velta::tools
+}  // namespace velta::wire

@@ -2,66 +2,66 @@
 #ifndef VELTA_WIRE_RELAY_H_
 #define VELTA_WIRE_RELAY_H_
 
+#include <poll.h>
+
 #include <chrono>
 #include <cstddef>
-#include <cstdint>
-#include <functional>
 #include <initializer_list>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "link.h"
-#include "port.h"
+#include "clock.h"
+#include "controller_end.h"
+#include "host_end.h"
 
-namespace velta::tools {
+namespace velta::wire {
 
-/// What happens on a link; the numbers are those of recordings.
-enum class LinkEvent : std::uint8_t {
-  kToController = 0,  ///< bytes from the host
-  kToHost = 1,        ///< bytes from the controller
-  kOpened = 2,        ///< host and controller are connected: both streams begin at a frame's first byte
-  kClosed = 3         ///< the connection ended
+enum class Direction { kToController, kToHost };
+
+/// What a relay reports, in the thread that steps it.
+class RelayObserver {
+ public:
+  virtual ~RelayObserver() = default;
+
+  /// Host and controller are connected: both streams begin at a frame's first byte.
+  virtual void Opened(Stamp at) = 0;
+
+  /// A chunk of bytes as it was read, a datagram whole; the bytes are on their way already.
+  /// @param bytes  size bytes, 0 to kMaxChunk; valid during the call only
+  /// @param at     when it was read
+  virtual void Passed(Direction direction, const char* bytes, std::size_t size, Stamp at) = 0;
+
+  /// The connection that was opened has ended.
+  virtual void Closed(Stamp at) = 0;
+
+  /// A host was turned away because the controller cannot be reached; why in one line.
+  virtual void Failed(const std::string& why) = 0;
 };
 
-/// One thing that passed: a chunk of bytes as it was read (a datagram whole), or a change of the connection.
-struct Passage {
-  LinkEvent event;
-  const char* bytes;           ///< valid during the callback only
-  std::size_t size;            ///< 0 to kMaxChunk; 0 for kOpened and kClosed
-  std::uint64_t monotonic_ns;  ///< when it was read, by the clock that never jumps
-  std::uint64_t wall_ns;       ///< the same moment, nanoseconds since the Unix epoch
-};
-
-/// Now, by both clocks.
-Passage StampedNow(LinkEvent event, const char* bytes = nullptr, std::size_t size = 0);
-
-/// Stands between a host and its controller: listens on an endpoint for the host, opens the controller's link when the
-/// host comes, and passes every byte through unchanged, in order, in both directions, datagram by datagram on UDP.
-/// Neither side can tell: what one side does not take is not read from the other, the end of a TCP stream and a reset
-/// are passed on. One host at a time; the next one waits.
+/// Stands between a host and its controller: listens for the host, opens the controller's link when the host comes, and
+/// passes every byte through unchanged, in order, in both directions, datagram by datagram on UDP. Neither side can
+/// notice: what one side does not take is not read from the other, the end of a TCP stream and a reset are passed on.
+/// One host at a time; the next one waits.
 ///
-/// Errors:  a controller that cannot be reached is told to `failed`, and the host's connection is broken off; a serial
-///          line as endpoint cannot be broken off, there Step throws Failure.
+/// Errors:  a controller that cannot be reached is reported to the observer, and the host's connection is broken off; a
+///          serial line towards the host cannot be broken off, there Step throws LinkError.
 /// Threads: no lock; all calls from one thread.
 class Relay {
  public:
-  struct Observer {
-    std::function<void(const Passage&)> passed;            ///< the bytes are on their way already
-    std::function<void(const std::string& why)> failed{};  ///< why a host was turned away, one line; may be empty
-  };
-
-  /// Opens the endpoint; a UDP endpoint goes with a UDP controller, and with nothing else.
-  /// Throws Failure when the endpoint cannot be opened, UsageError for links that do not go together.
-  Relay(const Link& endpoint, const Link& controller, Observer observer);
+  /// Opens the end for the host; UDP goes with UDP, and with nothing else.
+  /// @param observer    outlives the relay
+  /// @param timeout_ms  the most that a TCP connection to the controller may take
+  /// Throws LinkError when the end cannot be opened, BadLink for links that do not go together.
+  Relay(const LinkAddress& listen, const LinkAddress& controller, RelayObserver& observer, int timeout_ms = 5000);
   Relay(const Relay&) = delete;
   Relay& operator=(const Relay&) = delete;
   ~Relay();  ///< closes both sides; a connection that stands is reported as closed
 
   /// Where the host is to connect to, with the port that the system chose; a pty is a serial link.
-  const Link& Address() const { return endpoint_.Address(); }
+  const LinkAddress& Address() const { return end_.Address(); }
 
-  bool Connected() const { return session_ && !session_->controller.Connecting(); }
+  bool Connected() const { return session_ && !session_->controller.IsConnecting(); }
 
   /// Waits for traffic and passes on what there is. Returns after some traffic, at the latest after timeout_ms, and at
   /// once when one of the descriptors in wake is readable.
@@ -76,28 +76,31 @@ class Relay {
     bool ended = false;         ///< the source sends no more
   };
   struct Session {
-    Port host;
-    Port controller;
+    Channel host;
+    HostEnd controller;
     std::chrono::steady_clock::time_point connect_by;
-    Way up;    ///< to the controller
-    Way down;  ///< to the host
+    Way up{};    ///< to the controller
+    Way down{};  ///< to the host
   };
-
   enum class Side { kHost, kController };
 
+  void AwaitHost(std::vector<pollfd>& fds, int timeout_ms);
+  void AwaitConnection(std::vector<pollfd>& fds, int timeout_ms);
+  void PassOn(std::vector<pollfd>& fds, int timeout_ms);
   void Begin();
   void End();
   void EndBrokenBy(Side side);
-  void Unreachable(const std::string& why);
+  void TurnAway(const std::string& why);
   void Move(Side from, bool readable);
-  Port::Io Flush(Way& way, Port& to);
+  static Io Flush(Way& way, Channel& to);
 
-  Endpoint endpoint_;
-  Link controller_;
-  Observer observer_;
+  ControllerEnd end_;
+  LinkAddress controller_;
+  RelayObserver& observer_;
+  std::chrono::milliseconds timeout_;
   std::optional<Session> session_;
 };
 
-}  // namespace velta::tools
+}  // namespace velta::wire
 
 #endif  // VELTA_WIRE_RELAY_H_

@@ -11,7 +11,7 @@
 
 #include "clock.h"
 
-namespace velta::tools {
+namespace velta::wire {
 
 namespace {
 
@@ -51,4 +51,4 @@ bool WaitUntil(std::int64_t at_ns, int fd, short events, int another) {
   }
 }
 
-}  // namespace velta::tools
+}  // namespace velta::wire

@@ -6,8 +6,8 @@
 
 #include <cstdint>
 
-/// Ctrl-C and SIGTERM ask a tool to end; its loop looks, tells its summary and returns.
-namespace velta::tools {
+/// Ctrl-C and SIGTERM ask a tool to end; its loop looks, prints its summary and returns.
+namespace velta::wire {
 
 /// Takes SIGINT and SIGTERM over for the rest of the process.
 void InstallStopHandler();
@@ -25,6 +25,6 @@ int StopFd();
 /// @return whether fd is ready
 bool WaitUntil(std::int64_t at_ns, int fd = -1, short events = POLLIN, int another = -1);
 
-}  // namespace velta::tools
+}  // namespace velta::wire
 
 #endif  // VELTA_WIRE_STOP_H_

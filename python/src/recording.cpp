@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: MIT
-#include "recording.h"
-
 #include <optional>
 
+#include "recording_file.h"
 #include "states.h"
 #include "support.h"
 #include "timeline.h"
@@ -16,9 +15,9 @@ struct Content {
   explicit Content(int joint_num) : joints(joint_num), states(joint_num, 0) {}
 
   /// @return false at the recording's end
-  bool Read(tools::Timeline& timeline, int moments) {
+  bool Read(recording::Timeline& timeline, int moments) {
     for (; moments > 0; --moments) {
-      const std::optional<tools::Moment> moment = timeline.Next();
+      const std::optional<recording::Moment> moment = timeline.Next();
       if (!moment) return false;
       if (const RecvPacket* const status = moment->Status()) {
         states.Add(*status, moment->wall_ns);
@@ -28,7 +27,7 @@ struct Content {
         stamp.push_back(command->header.timeStamp);
         sent.push_back(moment->wall_ns);
       } else {
-        events.emplace_back(moment->wall_ns, moment->event == tools::LinkEvent::kOpened ? "opened" : "closed");
+        events.emplace_back(moment->wall_ns, moment->event == recording::Event::kOpened ? "opened" : "closed");
       }
     }
     return true;
@@ -60,9 +59,9 @@ struct Content {
 
 py::object ReadRecording(const std::string& path) try {
   constexpr int kMomentsBetweenSignals = 100'000;
-  std::optional<tools::Timeline> timeline;
+  std::optional<recording::Timeline> timeline;
   WithoutGil([&] {
-    tools::Excerpt excerpt;
+    recording::Excerpt excerpt;
     excerpt.file = path;
     timeline.emplace(excerpt);
   });
@@ -72,8 +71,8 @@ py::object ReadRecording(const std::string& path) try {
   }
   return py::module_::import("velta._tables")
       .attr("Recording")(timeline->RecordedLink(), timeline->Joints(), content.states.ToPython(), content.Commands(),
-                         content.Events(), timeline->LostCommandBytes() + timeline->LostStatusBytes());
-} catch (const tools::Failure& error) {
+                         content.Events(), timeline->Commands().Lost() + timeline->Statuses().Lost());
+} catch (const recording::RecordingError& error) {
   Raise("RecordingError", error.what());
 }
 

@@ -10,7 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "link.h"
+#include "address.h"
 #include "support/process.h"
 
 namespace velta::test {
@@ -19,47 +19,47 @@ namespace velta::test {
 /// connects. Non-blocking, but for Read.
 class Peer {
  public:
-  using Kind = tools::Link::Kind;
+  using Kind = LinkAddress::Kind;
 
   /// A controller: a listening TCP socket, a bound UDP socket, a pty.
   /// @param port  to listen on; 0 lets the system choose
   explicit Peer(Kind kind, int port = 0) : kind_(kind) {
     link.kind = kind;
-    if (kind == Kind::Serial) {
-      fd_ = sim::Fd(Good(posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK)));
+    if (kind == Kind::kSerial) {
+      fd_ = wire::Fd(Good(posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK)));
       Good(grantpt(fd_.Get()));
       Good(unlockpt(fd_.Get()));
       link.device = ptsname(fd_.Get());
-      tty_ = sim::Fd(
+      tty_ = wire::Fd(
           Good(open(link.device.c_str(), O_RDWR | O_NOCTTY)));  // held, so that the master never tells a hang-up
       return;
     }
     sockaddr_in address = Loopback(port);
     socklen_t size = sizeof address;
-    sim::Fd& fd = kind == Kind::Tcp ? listener_ : fd_;
-    fd = sim::Fd(Good(socket(AF_INET, (kind == Kind::Tcp ? SOCK_STREAM : SOCK_DGRAM) | SOCK_NONBLOCK, 0)));
+    wire::Fd& fd = kind == Kind::kTcp ? listener_ : fd_;
+    fd = wire::Fd(Good(socket(AF_INET, (kind == Kind::kTcp ? SOCK_STREAM : SOCK_DGRAM) | SOCK_NONBLOCK, 0)));
     Good(bind(fd.Get(), Any(address), size));
     Good(getsockname(fd.Get(), Any(address), &size));
-    if (kind == Kind::Tcp) Good(listen(fd.Get(), 4));
+    if (kind == Kind::kTcp) Good(listen(fd.Get(), 4));
     link.host = "127.0.0.1";
     link.port = ntohs(address.sin_port);
   }
 
   /// A host, connected to where a tool listens.
-  explicit Peer(const tools::Link& to) : link(to), kind_(to.kind) {
-    if (kind_ == Kind::Serial) {
-      fd_ = sim::Fd(Good(open(to.device.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK)));
+  explicit Peer(const LinkAddress& to) : link(to), kind_(to.kind) {
+    if (kind_ == Kind::kSerial) {
+      fd_ = wire::Fd(Good(open(to.device.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK)));
       return;
     }
     sockaddr_in address = Loopback(to.port);
-    fd_ = sim::Fd(Good(socket(AF_INET, kind_ == Kind::Tcp ? SOCK_STREAM : SOCK_DGRAM, 0)));
+    fd_ = wire::Fd(Good(socket(AF_INET, kind_ == Kind::kTcp ? SOCK_STREAM : SOCK_DGRAM, 0)));
     Good(connect(fd_.Get(), Any(address), sizeof address));
     Good(fcntl(fd_.Get(), F_SETFL, O_NONBLOCK));
   }
 
   /// A TCP controller's next connection. @return false while nobody has connected
   bool Accept() {
-    if (!fd_) fd_ = sim::Fd(accept4(listener_.Get(), nullptr, nullptr, SOCK_NONBLOCK));
+    if (!fd_) fd_ = wire::Fd(accept4(listener_.Get(), nullptr, nullptr, SOCK_NONBLOCK));
     return static_cast<bool>(fd_);
   }
   void StopListening() { listener_.Close(); }
@@ -74,9 +74,9 @@ class Peer {
   /// @return bytes taken
   std::size_t Send(const char* bytes, std::size_t size) {
     if (!Accept()) return 0;
-    const ssize_t count = kind_ == Kind::Serial ? write(fd_.Get(), bytes, size)
-                          : to_                 ? sendto(fd_.Get(), bytes, size, 0, Any(*to_), sizeof *to_)
-                                                : send(fd_.Get(), bytes, size, MSG_NOSIGNAL);
+    const ssize_t count = kind_ == Kind::kSerial ? write(fd_.Get(), bytes, size)
+                          : to_                  ? sendto(fd_.Get(), bytes, size, 0, Any(*to_), sizeof *to_)
+                                                 : send(fd_.Get(), bytes, size, MSG_NOSIGNAL);
     if (count < 0) error = errno;
     return count < 0 ? 0 : static_cast<std::size_t>(count);
   }
@@ -88,12 +88,13 @@ class Peer {
     std::vector<char> bytes(65536);
     sockaddr_in from{};
     socklen_t from_size = sizeof from;
-    const ssize_t count = kind_ == Kind::Udp ? recvfrom(fd_.Get(), bytes.data(), bytes.size(), 0, Any(from), &from_size)
-                                             : read(fd_.Get(), bytes.data(), bytes.size());
+    const ssize_t count = kind_ == Kind::kUdp
+                              ? recvfrom(fd_.Get(), bytes.data(), bytes.size(), 0, Any(from), &from_size)
+                              : read(fd_.Get(), bytes.data(), bytes.size());
     if (count < 0) error = errno;
-    if (count == 0 && kind_ != Kind::Udp) ended = true;
+    if (count == 0 && kind_ != Kind::kUdp) ended = true;
     if (count < 0 || ended) return std::nullopt;
-    if (kind_ == Kind::Udp) to_ = from;  // answers go to who sent last
+    if (kind_ == Kind::kUdp) to_ = from;  // answers go to who sent last
     bytes.resize(static_cast<std::size_t>(count));
     return bytes;
   }
@@ -110,9 +111,9 @@ class Peer {
     return bytes;
   }
 
-  std::string Name() const { return ToString(link); }  ///< how a tool is told of this controller
+  std::string Name() const { return velta::ToString(link); }  ///< how a tool is told of this controller
 
-  tools::Link link;
+  LinkAddress link;
   bool ended = false;
   int error = 0;
 
@@ -131,7 +132,7 @@ class Peer {
   }
 
   Kind kind_;
-  sim::Fd listener_, fd_, tty_;
+  wire::Fd listener_, fd_, tty_;
   std::optional<sockaddr_in> to_;
   std::vector<char> taken_;  ///< by Read, and not yet given
 };

@@ -53,14 +53,14 @@ class Process {
  public:
   /// Starts argv[0] with its arguments; the program's three streams are pipes.
   explicit Process(const std::vector<std::string>& argv) {
-    sim::Fd theirs[3];
+    wire::Fd theirs[3];
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     for (int i = 0; i < 3; ++i) {
       int ends[2];
       if (pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
-      theirs[i] = sim::Fd(ends[i == 0 ? 0 : 1]);
-      ours_[i] = sim::Fd(ends[i == 0 ? 1 : 0]);
+      theirs[i] = wire::Fd(ends[i == 0 ? 0 : 1]);
+      ours_[i] = wire::Fd(ends[i == 0 ? 1 : 0]);
       posix_spawn_file_actions_adddup2(&actions, theirs[i].Get(), i);
     }
     std::vector<char*> arguments;
@@ -132,7 +132,7 @@ class Process {
   }
 
   pid_t pid_ = -1;
-  sim::Fd ours_[3];
+  wire::Fd ours_[3];
   std::string texts_[3];
   std::optional<int> status_;
 };

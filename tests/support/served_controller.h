@@ -19,7 +19,7 @@ namespace velta::test {
 /// The simulated controller on one endpoint, served by a thread of the test.
 class ServedController {
  public:
-  using Kind = sim::EndpointConfig::Kind;
+  using Kind = LinkAddress::Kind;
 
   /// @param rule       a fault as a flag, or as a script when it begins with '{'; empty for none
   /// @param on_status  is told every status frame before a fault touches it
@@ -52,7 +52,7 @@ class ServedController {
     sim::ServerConfig config;
     config.joints = joints;
     config.cycle_ms = cycle_ms;
-    config.endpoints.push_back({kind, "127.0.0.1", port, kind == Kind::Pty ? path.string() : ""});
+    config.listen.push_back({kind, "127.0.0.1", port, kind == Kind::kPty ? path.string() : "", 115200, 1});
     config.on_status = std::move(on_status);
     std::istringstream script(rule);
     if (!rule.empty()) {

@@ -1,24 +1,24 @@
 // SPDX-License-Identifier: MIT
-#ifndef VELTA_RECORDING_RECORDING_H_
-#define VELTA_RECORDING_RECORDING_H_
+#ifndef VELTA_RECORDING_RECORDING_FILE_H_
+#define VELTA_RECORDING_RECORDING_FILE_H_
 
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "errors.h"
 #include "fd.h"
 #include "record_bytes.h"
-#include "relay.h"
 
-namespace velta::tools {
+namespace velta::recording {
 
-/// A recording that is damaged, or no recording at all; the text names the file, and where and what is wrong.
-struct RecordingError : Failure {
-  using Failure::Failure;
+/// A recording that cannot be read or written, is damaged, or is none at all; one line that names the file, and says
+/// where and what is wrong.
+struct RecordingError : std::runtime_error {
+  using std::runtime_error::runtime_error;
 };
 
 struct RecordingHeader {
@@ -29,7 +29,7 @@ struct RecordingHeader {
 /// Writes a recording. Every record goes to the file in one write of its own, so a crash of the program costs nothing
 /// that was recorded, and one in the middle of a write leaves an incomplete last record, which readers recognise.
 ///
-/// Errors:  Failure with the file's name and the reason. A record that did not fit (disk full) is taken back from the
+/// Errors:  RecordingError. A record that did not fit (disk full) is taken back from the
 ///          file, so that the recording stays good.
 /// Threads: no lock.
 class RecordingWriter {
@@ -37,7 +37,9 @@ class RecordingWriter {
   /// @param replace  whether a file of that name may be overwritten
   RecordingWriter(const std::string& path, const RecordingHeader& header, bool replace);
 
-  void Write(const Passage& passage);
+  /// Parameters as those of RecordBytes.
+  void Write(Event event, std::uint64_t monotonic_ns, std::uint64_t wall_ns, const char* bytes = nullptr,
+             std::size_t size = 0);
 
   /// Has the file on the disk, not only in memory.
   void Sync();
@@ -48,13 +50,13 @@ class RecordingWriter {
   void Append(const std::vector<char>& block);
 
   std::string path_;
-  sim::Fd file_;
+  wire::Fd file_;
   std::uint64_t size_ = 0;
 };
 
 /// One record as it was read.
 struct Record {
-  LinkEvent event = LinkEvent::kToController;
+  Event event = Event::kToController;
   std::uint64_t monotonic_ns = 0;
   std::uint64_t wall_ns = 0;
   std::vector<char> bytes;
@@ -62,9 +64,9 @@ struct Record {
 
 /// Reads a recording from front to back.
 ///
-/// Errors:  RecordingError for a file that is no recording, is of another version or is damaged; Failure when it cannot
-///          be read. What a crash leaves behind the last whole record (an incomplete record, or zeros that a file
-///          system has put there) is no error: the records end, and LostTail() tells its bytes.
+/// Errors:  RecordingError, also for another version of the format. What a crash leaves after the last whole record (an
+///          incomplete record, or zeros that a file system has put there) is no error: the records end, and LostTail()
+///          counts its bytes.
 /// Threads: no lock.
 class RecordingReader {
  public:
@@ -72,10 +74,10 @@ class RecordingReader {
 
   const RecordingHeader& Header() const { return header_; }
 
-  /// @return false behind the last whole record; record is unspecified then
+  /// @return false after the last whole record; record is unspecified then
   bool Next(Record& record);
 
-  /// Bytes behind the last whole record; known once Next() has returned false.
+  /// Bytes after the last whole record; known once Next() has returned false.
   std::uint64_t LostTail() const { return lost_tail_; }
 
   /// Starts again at the first record.
@@ -99,6 +101,6 @@ class RecordingReader {
   std::uint64_t lost_tail_ = 0;
 };
 
-}  // namespace velta::tools
+}  // namespace velta::recording
 
-#endif  // VELTA_RECORDING_RECORDING_H_
+#endif  // VELTA_RECORDING_RECORDING_FILE_H_

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "recording.h"
+#include "recording_file.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -9,12 +9,10 @@
 #include <cerrno>
 #include <cstring>
 
-#include "frames.h"
+#include "frame_stream.h"
 #include "protocol.h"
 
-namespace velta::tools {
-
-using namespace recording;
+namespace velta::recording {
 
 namespace {
 
@@ -32,14 +30,15 @@ std::string Reason() { return std::strerror(errno); }
 RecordingWriter::RecordingWriter(const std::string& path, const RecordingHeader& header, bool replace)
     : path_(path), file_(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | (replace ? O_TRUNC : O_EXCL), 0666)) {
   if (file_.Get() < 0) {
-    throw Failure(path + ": " + (errno == EEXIST ? "there is such a file already (--force replaces it)" : Reason()));
+    throw RecordingError(path + ": " +
+                         (errno == EEXIST ? "there is such a file already (--force replaces it)" : Reason()));
   }
   Append(HeaderBytes(header.joints, header.link));
 }
 
-void RecordingWriter::Write(const Passage& passage) {
-  Append(RecordBytes(static_cast<Event>(passage.event), passage.monotonic_ns, passage.wall_ns, passage.bytes,
-                     passage.size));
+void RecordingWriter::Write(Event event, std::uint64_t monotonic_ns, std::uint64_t wall_ns, const char* bytes,
+                            std::size_t size) {
+  Append(RecordBytes(event, monotonic_ns, wall_ns, bytes, size));
 }
 
 void RecordingWriter::Append(const std::vector<char>& block) {
@@ -51,7 +50,7 @@ void RecordingWriter::Append(const std::vector<char>& block) {
       const std::string reason = Reason();
       if (ftruncate(file_.Get(), static_cast<off_t>(size_)) == 0)
         lseek(file_.Get(), static_cast<off_t>(size_), SEEK_SET);
-      throw Failure(path_ + ": " + reason);
+      throw RecordingError(path_ + ": " + reason);
     }
     written += static_cast<std::size_t>(count);
   }
@@ -60,11 +59,11 @@ void RecordingWriter::Append(const std::vector<char>& block) {
 
 void RecordingWriter::Sync() {
   // A pipe or a device has no disk behind it.
-  if (fsync(file_.Get()) != 0 && errno != EINVAL && errno != EROFS) throw Failure(path_ + ": " + Reason());
+  if (fsync(file_.Get()) != 0 && errno != EINVAL && errno != EROFS) throw RecordingError(path_ + ": " + Reason());
 }
 
 RecordingReader::RecordingReader(const std::string& path) : path_(path), file_(std::fopen(path.c_str(), "rbe")) {
-  if (!file_) throw Failure(path + ": " + Reason());
+  if (!file_) throw RecordingError(path + ": " + Reason());
   std::vector<char> block(sizeof(FileHead));
   FileHead head{};
   const std::size_t got = Take(block.data(), block.size());
@@ -82,7 +81,7 @@ RecordingReader::RecordingReader(const std::string& path) : path_(path), file_(s
   block.resize(sizeof head + head.link_length + kCrcSize);
   const std::size_t rest = block.size() - sizeof head;
   if (Take(block.data() + sizeof head, rest) < rest) cut_short();
-  if (!CrcIsRight(block) || head.joints < 1 || head.joints > kMaxJoints) {
+  if (!CrcIsRight(block) || head.joints < 1 || head.joints > wire::kMaxJoints) {
     throw RecordingError(path + ": the recording's header is damaged");
   }
   header_.joints = head.joints;
@@ -93,7 +92,7 @@ RecordingReader::RecordingReader(const std::string& path) : path_(path), file_(s
 std::size_t RecordingReader::Take(char* bytes, std::size_t size) {
   errno = 0;
   const std::size_t count = std::fread(bytes, 1, size, file_.get());
-  if (count < size && std::ferror(file_.get()) != 0) throw Failure(path_ + ": " + Reason());
+  if (count < size && std::ferror(file_.get()) != 0) throw RecordingError(path_ + ": " + Reason());
   return count;
 }
 
@@ -109,8 +108,8 @@ bool RecordingReader::Next(Record& record) {
   }
   RecordHead head{};
   std::memcpy(&head, block.data(), sizeof head);
-  if (head.event > static_cast<std::uint8_t>(LinkEvent::kClosed)) Damaged("there is no such event");
-  if (head.length > kMaxChunk) Damaged("it is longer than any record");
+  if (head.event > static_cast<std::uint8_t>(Event::kClosed)) Damaged("there is no such event");
+  if (head.length > kMaxRecordBytes) Damaged("it is longer than any record");
   const std::size_t rest = head.length + std::size_t{kCrcSize};
   block.resize(sizeof head + rest);
   const std::size_t more = Take(block.data() + sizeof head, rest);
@@ -119,7 +118,7 @@ bool RecordingReader::Next(Record& record) {
     return false;
   }
   if (!CrcIsRight(block)) Damaged("its checksum is wrong");
-  record.event = static_cast<LinkEvent>(head.event);
+  record.event = static_cast<Event>(head.event);
   record.monotonic_ns = head.monotonic_ns;
   record.wall_ns = head.wall_ns;
   record.bytes.assign(block.begin() + sizeof head, block.end() - kCrcSize);
@@ -143,7 +142,7 @@ bool RecordingReader::EndOfRecords(const std::vector<char>& rest) {
 
 void RecordingReader::Rewind() {
   if (std::fseek(file_.get(), static_cast<long>(first_record_), SEEK_SET) != 0) {
-    throw Failure(path_ + ": " + Reason());
+    throw RecordingError(path_ + ": " + Reason());
   }
   position_ = first_record_;
   records_ = 0;
@@ -151,8 +150,8 @@ void RecordingReader::Rewind() {
 }
 
 void RecordingReader::Damaged(const std::string& what) const {
-  throw RecordingError(path_ + ": damaged at byte " + std::to_string(position_) + ", behind " +
+  throw RecordingError(path_ + ": damaged at byte " + std::to_string(position_) + ", after " +
                        std::to_string(records_) + (records_ == 1 ? " good record: " : " good records: ") + what);
 }
 
-}  // namespace velta::tools
+}  // namespace velta::recording

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-#ifndef VELTA_WIRE_ERRORS_H_
-#define VELTA_WIRE_ERRORS_H_
+#ifndef VELTA_TOOLS_ERRORS_H_
+#define VELTA_TOOLS_ERRORS_H_
 
 #include <stdexcept>
 
@@ -12,10 +12,10 @@ struct Failure : std::runtime_error {
 };
 
 /// Bad usage: "velta: <text>" on standard error, exit status 2. May also be thrown while options are read.
-struct UsageError : std::runtime_error {
-  using std::runtime_error::runtime_error;
+struct UsageError : std::invalid_argument {
+  using std::invalid_argument::invalid_argument;
 };
 
 }  // namespace velta::tools
 
-#endif  // VELTA_WIRE_ERRORS_H_
+#endif  // VELTA_TOOLS_ERRORS_H_

@@ -1,0 +1,48 @@
+// SPDX-License-Identifier: MIT
+#include "excerpt.h"
+
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+#include <iostream>
+
+#include "command.h"
+
+namespace velta::tools {
+
+namespace {
+
+void AddTimeOption(CLI::App& command, const std::string& name, std::uint64_t& ns, const std::string& help) {
+  command
+      .add_option_function<std::string>(
+          name, [&ns](const std::string& text) { ns = static_cast<std::uint64_t>(ReadDuration(text).count()); }, help)
+      ->type_name("DURATION");
+}
+
+}  // namespace
+
+void AddExcerptOptions(CLI::App& command, Excerpt& excerpt) {
+  command.add_option("FILE", excerpt.file, "A recording of velta record")->required()->type_name("");
+  command
+      .add_option("-n,--joints", excerpt.joints, "Joints of the arm, when the recording was made with a wrong number")
+      ->check(CLI::Range(1, kMaxJoints))
+      ->type_name("N")
+      ->default_str("");
+  AddTimeOption(command, "--from", excerpt.from_ns, "Begin so long after the recording's start");
+  AddTimeOption(command, "--to", excerpt.to_ns, "End so long after the recording's start");
+}
+
+Timeline OpenExcerpt(const Excerpt& excerpt) {
+  if (excerpt.from_ns > excerpt.to_ns) throw UsageError("--from must not be after --to");
+  return Timeline(excerpt);
+}
+
+void ReportLostTail(const Timeline& timeline) {
+  if (timeline.LostTail() == 0) return;
+  std::cerr << fmt::format(
+                   "velta: {}: the recording was cut short; the last {} bytes are no whole record and were left out\n",
+                   timeline.File(), timeline.LostTail())
+            << std::flush;
+}
+
+}  // namespace velta::tools
