@@ -4,7 +4,7 @@ set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 build_packages=(g++ make cmake picojson-dev libcli11-dev libfmt-dev nlohmann-json3-dev libncurses-dev gnuplot-nox
-                libboost-dev libmosquitto-dev libssl-dev)
+                libarchive-dev libboost-dev libmosquitto-dev libpcap-dev libssl-dev)
 test_packages=(libgtest-dev python3 python3-pytest pkg-config tshark tmux util-linux
                mosquitto mosquitto-clients openssl python3-websockets)
 check_packages=(clang clang-format clang-tidy cppcheck)

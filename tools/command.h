@@ -23,8 +23,10 @@ using Action = std::function<int()>;
 /// Each adds its options to app, and sets action when the user chose it.
 /// @{
 void AddSim(CLI::App& app, Action& action);
+void AddFault(CLI::App& app, Action& action);
 void AddMonitor(CLI::App& app, Action& action);
 void AddRecord(CLI::App& app, Action& action);
+void AddCheck(CLI::App& app, Action& action);
 void AddConvert(CLI::App& app, Action& action);
 void AddPlot(CLI::App& app, Action& action);
 void AddPlay(CLI::App& app, Action& action);

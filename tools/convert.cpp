@@ -2,6 +2,8 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <cstdint>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <optional>
@@ -9,6 +11,7 @@
 #include <string>
 
 #include "command.h"
+#include "convert_capture.h"
 #include "excerpt.h"
 #include "exports.h"
 #include "output_file.h"
@@ -20,11 +23,22 @@ namespace {
 
 struct Options {
   Excerpt excerpt;
-  std::string format = "csv";
+  std::string format;
   std::string output = "-";
+  int port = 0;
 };
 
-void Write(Timeline& timeline, const std::string& format, std::ostream& out) {
+/// @return the format asked for, or what the output's name ends in, or csv
+std::string Format(const Options& options) {
+  if (!options.format.empty()) return options.format;
+  const std::string extension = std::filesystem::path(options.output).extension();
+  return extension == ".jsonl" || extension == ".pcapng" ? extension.substr(1) : "csv";
+}
+
+/// @return bytes that a crash left after the last whole record
+std::uint64_t Write(const Excerpt& excerpt, const std::string& format, std::ostream& out) {
+  Timeline timeline = OpenExcerpt(excerpt);
+  if (format == "pcapng") return WriteCapture(excerpt, out);
   std::unique_ptr<Export> to;
   if (format == "csv") {
     to = std::make_unique<CsvExport>(out, timeline.Joints());
@@ -38,21 +52,31 @@ void Write(Timeline& timeline, const std::string& format, std::ostream& out) {
     if (progress.IsDue()) progress.Show(fmt::format("converted {} s", moment->since_start_ns / 1'000'000'000));
   }
   if (StopRequested()) throw Failure("stopped before the end of the recording");
+  return timeline.LostTail();
+}
+
+int RunFromCapture(const Options& options) {
+  if (!options.format.empty()) throw UsageError("a capture is turned into a recording only; first that, then --format");
+  if (options.output == "-") throw UsageError("name the recording that is to be made of the capture");
+  ReadCapture({options.excerpt.file, options.port, options.excerpt.joints}, options.output);
+  return 0;
 }
 
 int Run(const Options& options) {
   InstallStopHandler();
-  Timeline timeline = OpenExcerpt(options.excerpt);
+  if (IsCapture(options.excerpt.file)) return RunFromCapture(options);
+  const std::string format = Format(options);
+  std::uint64_t lost_tail = 0;
   if (options.output == "-") {
-    Write(timeline, options.format, Out());
+    lost_tail = Write(options.excerpt, format, Out());
   } else {
     OutputFile output(options.output);
     std::ofstream out(output.WorkingPath(), std::ios::binary);
-    Write(timeline, options.format, out);
+    lost_tail = Write(options.excerpt, format, out);
     if (!out.flush()) throw Failure(options.output + ": cannot write it");
     output.Commit();
   }
-  ReportLostTail(timeline);
+  ReportLostTail(options.excerpt.file, lost_tail);
   return 0;
 }
 
@@ -60,13 +84,25 @@ int Run(const Options& options) {
 
 void AddConvert(CLI::App& app, Action& action) {
   const auto options = std::make_shared<Options>();
-  CLI::App* const command = app.add_subcommand("convert", "Turn a recording into CSV or JSON lines");
+  CLI::App* const command =
+      app.add_subcommand("convert", "Turn a recording into a table or a capture, or a capture into a recording");
   AddExcerptOptions(*command, options->excerpt);
-  command->add_option("-f,--format", options->format, "csv: a row per status frame; jsonl: a line per frame and event")
-      ->check(CLI::IsMember({"csv", "jsonl"}))
+  command
+      ->add_option("-f,--format", options->format,
+                   "csv: a row per status frame; jsonl: a line per frame and event; pcapng: a capture of packets; "
+                   "otherwise what OUTPUT ends in, or csv")
+      ->check(CLI::IsMember({"csv", "jsonl", "pcapng"}))
       ->type_name("FORMAT");
-  command->add_option("-o,--output", options->output, "Where to write to; - is standard output")->type_name("FILE");
-  command->footer("Example:\n  velta convert run.vrec --from 2s --to 5s -o run.csv");
+  command->add_option("OUTPUT,-o,--output", options->output, "Where to write to; - is standard output")
+      ->type_name("FILE");
+  command->add_option("--port", options->port, "The controller's port in a capture; none for a serial line's")
+      ->check(CLI::Range(1, 65535))
+      ->type_name("PORT");
+  command->footer(
+      "Examples:\n"
+      "  velta convert run.vrec --from 2s --to 5s -o run.csv\n"
+      "  velta convert run.vrec run.pcapng\n"
+      "  velta convert capture.pcapng run.vrec --port 5000");
   command->callback([options, &action] { action = [options] { return Run(*options); }; });
 }
 

@@ -37,11 +37,13 @@ Timeline OpenExcerpt(const Excerpt& excerpt) {
   return Timeline(excerpt);
 }
 
-void ReportLostTail(const Timeline& timeline) {
-  if (timeline.LostTail() == 0) return;
+void ReportLostTail(const Timeline& timeline) { ReportLostTail(timeline.File(), timeline.LostTail()); }
+
+void ReportLostTail(const std::string& file, std::uint64_t bytes) {
+  if (bytes == 0) return;
   std::cerr << fmt::format(
                    "velta: {}: the recording was cut short; the last {} bytes are no whole record and were left out\n",
-                   timeline.File(), timeline.LostTail())
+                   file, bytes)
             << std::flush;
 }
 

@@ -21,6 +21,7 @@ Timeline OpenExcerpt(const Excerpt& excerpt);
 
 /// Reports on standard error when the recording was cut short; to be called at its end.
 void ReportLostTail(const Timeline& timeline);
+void ReportLostTail(const std::string& file, std::uint64_t bytes);
 
 }  // namespace velta::tools
 

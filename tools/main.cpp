@@ -64,8 +64,10 @@ void AddEverything(CLI::App& app, Action& action) {
       "  velta ping -n 6 tcp://127.0.0.1:43210\n"
       "VELTA_LINK and VELTA_JOINTS in the environment stand in for LINK and --joints.");
   AddSim(app, action);
+  AddFault(app, action);
   AddMonitor(app, action);
   AddRecord(app, action);
+  AddCheck(app, action);
   AddConvert(app, action);
   AddPlot(app, action);
   AddPlay(app, action);

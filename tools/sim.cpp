@@ -20,6 +20,7 @@
 
 #include "answer.h"
 #include "command.h"
+#include "control.h"
 #include "faults.h"
 #include "host_end.h"
 #include "link.h"
@@ -39,6 +40,7 @@ struct Options {
   std::vector<std::string> endpoints;
   std::vector<std::string> faults;
   std::string script;
+  std::string control;
   std::string check;
   int timeout_ms = 2000;
   bool json = false;
@@ -145,10 +147,22 @@ int Serve(Options options) {
       Out() << "listening on " << link << std::endl;
     }
   }
+  std::unique_ptr<sim::Control> control;
+  if (!options.control.empty()) {
+    control = std::make_unique<sim::Control>(options.control, [&](const std::string& line) { server.TakeFault(line); });
+    if (options.json) {
+      PrintJson({{"event", picojson::value("control")}, {"endpoint", picojson::value(control->Endpoint())}});
+    } else {
+      Out() << "faults are taken on " << control->Endpoint() << std::endl;
+    }
+  }
   if (!Out()) throw Failure("cannot write to standard output");
   {
     Progress progress(server);
-    server.Run(StopFd(), [&] { progress.Show(); });
+    server.Run(StopFd(), [&] {
+      progress.Show();
+      if (control) control->Step();
+    });
   }
   PrintSummary(server.GetSummary(), options.json);
   return 0;
@@ -191,6 +205,11 @@ void AddSim(CLI::App& app, Action& action) {
       ->option_text("FAULT")
       ->allow_extra_args(false);
   command.add_option("--script", options->script, "Faults with triggers and durations, see below")->option_text("FILE");
+  command
+      .add_option(
+          "--control", options->control,
+          "Take lines of a script while it runs, from velta fault and others: unix:PATH or tcp://127.0.0.1:PORT")
+      ->type_name("ENDPOINT");
   command.add_option("--seed", options->server.seed, "Seed of the faults' random numbers (1)")->option_text("N");
   command.add_flag("--json", options->json, "Print one JSON object a line instead of text");
   auto* const check =

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""The wire format and captures of it, written down a second time: nothing here comes from the code under test."""
+"""The wire format, recordings and captures of it, written down a second time: nothing here comes from the code under test."""
 
 import struct
 
@@ -28,12 +28,12 @@ def command(stamp, joints, orders={}, arm=0):
     return _frame(body)
 
 
-def status(timestamp, echoed, joints, modes={}, positions={}, errors={}, trajectory=0, control=20):
-    """modes, positions, errors: joint -> value; mode 2 is servo on"""
+def status(timestamp, echoed, joints, modes={}, positions={}, errors={}, velocities={}, trajectory=0, control=20):
+    """modes, positions, errors, velocities: joint -> value; mode 2 is servo on"""
     body = b"\xab\xcd" + struct.pack("<QQf", timestamp, echoed, 0.5)
     for joint in range(joints):
         reals = [float(i) for i in range(17)]
-        reals[6] = positions.get(joint, 0.0)
+        reals[6], reals[7] = positions.get(joint, 0.0), velocities.get(joint, 7.0)
         body += struct.pack("<4BIBH17f", 0, 1, modes.get(joint, 2), control, errors.get(joint, 0), trajectory, 7, *reals)
     return _frame(body)
 
@@ -71,3 +71,34 @@ class Capture:
     def write(self, path):
         path.write_bytes(self.bytes)
         return path
+
+
+class Recording:
+    """A recording, one record after the other."""
+
+    def __init__(self, joints=3, link="tcp://127.0.0.1:5000"):
+        head = struct.pack("<8sHHH", b"\x89VREC\r\n\x1a", 1, joints, len(link)) + link.encode()
+        self.bytes = _frame(head)
+
+    def add(self, seconds, event, data=b""):
+        """event: 0 to the controller, 1 to the host, 2 opened, 3 closed"""
+        ns = round(seconds * 1e9)
+        self.bytes += _frame(struct.pack("<BBHQQ", 0x52, event, len(data), 10**12 + ns, 17 * 10**17 + ns) + data)
+
+    def write(self, path):
+        path.write_bytes(self.bytes)
+        return path
+
+
+def records(path):
+    """A recording's link, joint count, and (event, wall ns, bytes) of its records; checks every CRC."""
+    data = path.read_bytes()
+    magic, version, joints, size = struct.unpack_from("<8sHHH", data)
+    assert (magic, version) == (b"\x89VREC\r\n\x1a", 1)
+    link, at, found = data[14:14 + size].decode(), 16 + size, []
+    while at < len(data):
+        mark, event, length, _, wall = struct.unpack_from("<BBHQQ", data, at)
+        assert mark == 0x52 and _frame(data[at:at + 20 + length]) == data[at:at + 22 + length]
+        found.append((event, wall, data[at + 20:at + 20 + length]))
+        at += 22 + length
+    return link, joints, found

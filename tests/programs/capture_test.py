@@ -1,0 +1,124 @@
+# SPDX-License-Identifier: MIT
+"""Recordings as captures that tshark reads, and captures, hand-made ones too, as recordings."""
+
+import struct
+import subprocess
+
+import pytest
+from frames import CONTROLLER, HOST, Capture, Recording, command, records, status
+
+STAMP = 1_700_000_000_000_000_000
+TO_CONTROLLER, TO_HOST = (HOST, CONTROLLER), (CONTROLLER, HOST)
+PASSED = [(0, 2, b""), (0.001, 1, status(1, 0, 3)), (0.0021, 0, command(STAMP, 3)), (0.003000001, 1, status(2, STAMP, 3)[:99]),
+          (0.0031, 1, status(2, STAMP, 3)[99:] + b"garbage"), (0.004, 3, b""), (1, 2, b""), (1.5, 1, status(3, 0, 3) * 200),
+          (2, 3, b"")]
+
+
+def recording(path, link, passed=PASSED):
+    made = Recording(link=link)
+    for record in passed:
+        made.add(*record)
+    return made.write(path)
+
+
+def tshark(path, *fields):
+    names = [word for field in fields for word in ("-e", field)]
+    shown = subprocess.run(["tshark", "-r", path, "-T", "fields", *names, "-o", "tcp.check_checksum:TRUE", "-o",
+                            "udp.check_checksum:TRUE", "-o", "ip.check_checksum:TRUE"], capture_output=True, text=True, timeout=60)
+    return [tuple(line.split("\t")) for line in shown.stdout.split("\n")[:-1]]
+
+
+@pytest.mark.parametrize("link", ["tcp://192.168.1.5:5000", "tcp://127.0.0.1:5000", "udp://10.0.0.9:5000",
+                                  "serial:///dev/ttyUSB0?baud=9600"])
+def test_a_recording_survives_the_way_through_a_capture(velta, tmp_path, link):
+    passed = PASSED
+    if not link.startswith("tcp"):  # where nothing shows that a connection ends and another begins
+        passed = [record for record in PASSED if record[1] < 2]
+    first = recording(tmp_path / "run.vrec", link, [(0, 2, b""), *passed[passed[0][1] == 2:]])
+    capture, back = tmp_path / "run.pcapng", tmp_path / "back.vrec"
+    assert velta("convert", first, capture).status == 0
+    run = velta("convert", capture, back, *(["--port", 5000] if "://1" in link else []))
+    assert (run.status, run.stderr) == (0, "")
+    found_link, joints, found = records(back)
+    assert (found_link, joints) == (link if "serial" not in link else "serial:///dev/unknown", 3)
+    _, _, expected = records(first)
+    for direction in (0, 1):
+        assert b"".join(data for event, _, data in found if event == direction) == \
+            b"".join(data for event, _, data in expected if event == direction)
+    times = {data: wall for _, wall, data in expected if len(data) < 30000}
+    assert all(times.get(data, wall) == wall for event, wall, data in found if event < 2)
+    if link.startswith("tcp"):
+        assert [event for event, *_ in found if event >= 2] == [2, 3, 2, 3]
+
+
+def test_tshark_finds_nothing_wrong_in_a_capture(velta, tmp_path):
+    for link, packets in (("tcp://192.168.1.5:45000", 16), ("udp://192.168.1.5:45000", 5)):
+        velta("convert", recording(tmp_path / "run.vrec", link), tmp_path / "run.pcapng")
+        shown = tshark(tmp_path / "run.pcapng", "frame.time_epoch", "ip.dst", "_ws.expert.message", "tcp.checksum.status",
+                       "udp.checksum.status", "ip.checksum.status")
+        assert len(shown) == packets
+        assert not [message for _, _, message, *_ in shown if message and not message.startswith("Connection ")]
+        assert {status for row in shown for status in row[3:] if status} == {"1"}  # good
+        assert ("1700000000.003000001", "192.0.2.2") in [row[:2] for row in shown]
+
+
+def from_capture(velta, tmp_path, capture, *options):
+    run = velta("convert", capture.write(tmp_path / "capture.pcap"), tmp_path / "run.vrec", *options)
+    return run, records(tmp_path / "run.vrec") if run.status == 0 else None
+
+
+PORT = ["--port", CONTROLLER]
+
+
+def test_tcp_segments_are_put_in_order(velta, tmp_path):
+    frames = b"".join(status(i, 0, 3) for i in range(6))
+    capture = Capture()
+    for at, (start, end) in enumerate([(0, 300), (600, 900), (300, 600), (200, 500), (900, 1566)]):
+        capture.next[TO_HOST] = (2**32 - 500 + start) % 2**32  # the numbers wrap round
+        capture.tcp(at, *TO_HOST, frames[start:end])
+    capture.tcp(8, 1111, CONTROLLER, b"of another host")
+    run, (link, joints, found) = from_capture(velta, tmp_path, capture, *PORT)
+    assert b"".join(data for event, _, data in found if event == 1) == frames
+    assert [wall // 10**9 for event, wall, _ in found if event == 1] == [0, 2, 2, 4]
+    assert run.stdout == (f"tcp://127.0.0.1:{CONTROLLER}, 3 joints: 1 connection, 0 bytes to the controller, 1566 bytes to the "
+                          f"host in {tmp_path}/run.vrec\n")
+    assert run.stderr == f"velta: {tmp_path}/capture.pcap: 1 packets of other hosts or controllers on this port were left out\n"
+
+
+def test_what_a_capture_lacks_is_told(velta, tmp_path):
+    capture = Capture()
+    for i in range(80):
+        capture.tcp(i, *TO_HOST, status(i, 0, 3), lost=i == 5)
+    run, (_, _, found) = from_capture(velta, tmp_path, capture, *PORT)
+    assert sum(len(data) for _, _, data in found) == 79 * 261
+    assert run.stderr == f"velta: {tmp_path}/capture.pcap: 261 bytes are missing in it\n"
+    capture.bytes = capture.bytes[:-1]
+    assert "ends in the middle of a packet" in from_capture(velta, tmp_path, capture, *PORT)[0].stderr
+
+
+def test_udp_fragments_on_ethernet_are_put_together(velta, tmp_path):
+    capture = Capture(link_type=1)
+    for i in range(3):
+        frame = status(i, 0, 20)
+        datagram = struct.pack(">HHHH", *TO_HOST, 8 + len(frame), 0) + frame
+        for offset, more in ((1480, 0), (0, 0x2000))[:: 1 if i else -1]:
+            part = datagram[offset:offset + 1480]
+            header = struct.pack(">BBHHHBBH4s4s", 0x45, 0, 20 + len(part), i, more | offset // 8, 64, 17, 0, b"\x0a\0\0\1", b"\x0a\0\0\2")
+            capture.packet(i, bytes(12) + b"\x81\0\0\7\x08\0" + header + part + bytes(20))  # a VLAN, and padding
+    run, (link, joints, found) = from_capture(velta, tmp_path, capture, *PORT)
+    assert (link, joints) == (f"udp://10.0.0.1:{CONTROLLER}", 20)
+    assert [data for event, _, data in found if event == 1] == [status(i, 0, 20) for i in range(3)]
+
+
+def test_refuses_what_it_cannot_turn_into_a_recording(velta, tmp_path):
+    capture = Capture()
+    capture.tcp(0, *TO_CONTROLLER, command(STAMP, 3))
+    for options, error in [
+            (["--port", 99], "nothing of port 99 is in it"),
+            (PORT, "too few good status frames to find the joint count; give it with --joints")]:
+        run, _ = from_capture(velta, tmp_path, capture, *options)
+        assert (run.status, run.stderr) == (1, f"velta: {tmp_path}/capture.pcap: {error}\n")
+        assert not (tmp_path / "run.vrec").exists()
+    assert from_capture(velta, tmp_path, capture, *PORT, "-n", 3)[0].status == 0
+    run, _ = from_capture(velta, tmp_path, Capture(link_type=127), *PORT)
+    assert (run.status, run.stderr) == (1, f"velta: {tmp_path}/capture.pcap: packets of link type IEEE802_11_RADIO are not supported\n")
