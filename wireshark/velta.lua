@@ -48,7 +48,7 @@ local joint_orders = {
   [0xC0] = {"brake-off"},
   [0xC1] = {"brake-on"},
   [0xD0] = {"move-home-position"},
-  [0xE0] = {"general-register-type", "a", "b"},
+  [0xE0] = {"general-register-type", "first", "second"},
   [0xFF] = {"fault-injection", "ewStatus"},
 }
 local arm_orders = {
