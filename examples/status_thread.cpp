@@ -60,13 +60,13 @@ int main(int argc, char** argv) {
   });
 
   for (std::thread& feeder : feeders) feeder.join();
-  for (int i = 0; i < 2000 && arm.GetSendBufferSize() > 0; ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  const std::size_t left = arm.GetSendBufferSize();
+  const auto queued = [&arm] { return static_cast<unsigned long>(arm.GetStatistics().commands_queued); };  // any thread
+  for (int i = 0; i < 2000 && queued() > 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  const unsigned long left = queued();
   running = false;  // threads end before the client does
   steps.join();
   collector.join();
-  std::printf("%d commands fed, %zu left, %s\n", kPerFeeder * static_cast<int>(feeders.size()), left,
+  std::printf("%d commands fed, %lu left, %s\n", kPerFeeder * static_cast<int>(feeders.size()), left,
               statuses > 0 ? "statuses collected" : "no status");
   return connected && left == 0 && statuses > 0 ? 0 : 1;
 }

@@ -8,7 +8,7 @@
 
 /// One byte link to the controller. Reads and writes are polled and never wait; only connecting does.
 ///
-/// Errors:  told by results and log lines; nothing is thrown but allocation failures.
+/// Errors:  results and log lines (see velta_log.h); nothing is thrown but allocation failures.
 /// Threads: no lock. One thread at a time, except that one Read and one Write may overlap.
 class VELTA_API AbstractClient {
  public:
@@ -20,7 +20,7 @@ class VELTA_API AbstractClient {
   /// Opens the link. An earlier connection is not closed: call Disconnect() first.
   virtual bool Connect() = 0;
 
-  /// Closes the link; the result is the system's and of interest to nobody.
+  /// Closes the link. @return the system's result, which no caller needs
   virtual int Disconnect() = 0;
 
   /// Fetches what has arrived.

@@ -27,26 +27,36 @@
 ///
 /// Send step, by (wait_confirm_, ready_to_send_), after the named buffers have been merged:
 ///
-///   state              event                                   next state, and what leaves
-///   (false, true)      nothing queued                          same, nothing
-///   (false, true)      packet without confirmation             same, the packet
-///   (false, true)      packet with confirmation                (true, false), the packet
-///   (true, false)      echo equals the stamp sent              (false, true), and the next packet in the same call
-///   (true, false)      calls 1 to 100 without the echo         same, nothing
-///   (true, false)      call 101, time-outs 1 to 4              same, the packet again with its stamp raised by 1
-///   (true, false)      call 101, time-out 5                    (false, true), nothing; the plain queue is emptied
-///   (false, false)     never entered by this class             same, nothing
+/// | state          | event                             | next state, and what leaves |
+/// |----------------|-----------------------------------|--------------------|
+/// | (false, true)  | nothing queued                    | same, nothing |
+/// | (false, true)  | packet without confirmation       | same, the packet |
+/// | (false, true)  | packet with confirmation          | (true, false), the packet |
+/// | (true, false)  | echo equals the stamp sent        | (false, true), and the next packet in the same call |
+/// | (true, false)  | calls 1 to 100 without the echo   | same, nothing |
+/// | (true, false)  | call 101, time-outs 1 to 4        | same, the packet again with its stamp raised by 1 |
+/// | (true, false)  | call 101, time-out 5              | (false, true), nothing; the plain queue is emptied |
+/// | (false, false) | never entered by this class       | same, nothing |
 ///
 /// Units:   time stamps in nanoseconds since the Unix epoch; the confirmation wait is counted in send steps.
-/// Errors:  results and "[VELTA]" lines on standard output; nothing is thrown but allocation and mutex failures.
-/// Threads: four groups. Calls of one group never overlap each other; calls of different groups may.
-///          1. ReceiveStatus, SendPacketInBuffer, SendOnce, MergeIndependentSendPacketBuffer, InsertUniqueSendMap,
-///             CreateIndependentSendPacketBuffer, PushBackIndependentSendBuffer: the thread that runs the steps.
-///          2. GetCurStatePacket, GetCurStateJson, FlushRecvBuffer, GetRecvBufferSize: one collecting thread.
-///          3. PushSendQueue, PushFrontSendQueue, PushSendQueueJson, FlushSendBuffer, GetSendBufferSize: any number of
-///             threads, also among themselves.
-///          4. IsInit, IsConnected, GetLastRecvPacket, Connect, Disconnect, ReConnect, InitAs...: as group 1, and not
-///             while another thread is in group 2 or 3.
+/// Errors:  results and "[VELTA]" lines (see velta_log.h); nothing is thrown but allocation and mutex failures.
+/// Threads: by groups. Calls of one group never overlap each other, but for feeding; calls of different groups may.
+///
+/// | group      | thread                                    | operations                                              |
+/// |------------|-------------------------------------------|---------------------------------------------------------|
+/// | steps      | the one that runs the control loop        | ReceiveStatus, SendPacketInBuffer, SendOnce,            |
+/// |            |                                           | MergeIndependentSendPacketBuffer, InsertUniqueSendMap,  |
+/// |            |                                           | CreateIndependentSendPacketBuffer,                      |
+/// |            |                                           | PushBackIndependentSendBuffer, PopSendQueue,            |
+/// |            |                                           | PushRecvBuffer, GetLastRecvPacket, GetRecvBufferSize,   |
+/// |            |                                           | GetSendBufferSize, IsInit, IsConnected,                 |
+/// |            |                                           | IsConfirmationPending                                   |
+/// | collecting | one                                       | GetCurStatePacket, GetCurStateJson, FlushRecvBuffer     |
+/// | feeding    | any number, also at once                  | PushSendQueue, PushFrontSendQueue, PushSendQueueJson,   |
+/// |            |                                           | FlushSendBuffer                                         |
+/// | any        | any, at any time                          | GetStatistics, GetVersion                               |
+/// | link       | the loop's, while no other is in the      | InitAs..., Connect, Disconnect, ReConnect, destruction  |
+/// |            | client                                    |                                                         |
 class VELTA_API MasterControllerClient {
  public:
   /// Touches no device and no socket.
@@ -73,7 +83,8 @@ class VELTA_API MasterControllerClient {
   /// @name Connection
   /// @{
 
-  /// Creates the link and opens it. A link from an earlier call is neither closed nor freed: initialise once.
+  /// Creates the link and opens it. A link from an earlier call is neither closed nor freed: initialise once. After a
+  /// false result ReConnect() is false without trying; make a new client, which may be initialised again.
   /// @return true when the link is open
   bool InitAsTcpClient(std::string ip, int port);  ///< waits up to 5 s
   bool InitAsUdpClient(std::string ip, int port);  ///< needs no listener
@@ -107,9 +118,9 @@ class VELTA_API MasterControllerClient {
   /// keys are in ascending byte order; "joint_id" counts from 1.
   std::vector<std::string> GetCurStateJson();
 
-  RecvPacket GetLastRecvPacket() const;  ///< the newest packet, also one that the full buffer refused
-  void FlushRecvBuffer();                ///< empties the receive buffer; takes the mutex
-  std::size_t GetRecvBufferSize() const;
+  RecvPacket GetLastRecvPacket() const;   ///< the newest packet, also one that the full buffer refused
+  void FlushRecvBuffer();                 ///< empties the receive buffer; takes the mutex
+  std::size_t GetRecvBufferSize() const;  ///< other threads: GetStatistics()
   /// @}
 
   /// @name Commands
@@ -131,9 +142,10 @@ class VELTA_API MasterControllerClient {
 
   SendPacket PopSendQueue();  ///< removes the front packet; from an empty queue SendPacket(0); takes the mutex
   void FlushSendBuffer();     ///< empties the plain queue only; takes the mutex
-  std::size_t GetSendBufferSize() const;  ///< packets in the plain queue
+  std::size_t GetSendBufferSize() const;  ///< packets in the plain queue; elsewhere: GetStatistics()
 
-  /// Files packet under its unique key; sent when the plain queue is empty.
+  /// Files packet under its unique key; sent when the plain queue is empty. Of several waiting keys the first in the
+  /// order of a hash table goes: a key that is filed in every step may keep the others waiting.
   void InsertUniqueSendMap(SendPacket& packet);
 
   /// Adds an empty named buffer; one of that name is kept.
@@ -144,7 +156,8 @@ class VELTA_API MasterControllerClient {
   void PushBackIndependentSendBuffer(SendPacket& packet, const std::string& buffer_name, bool confirm_received,
                                      bool is_unique, const std::string& unique_key);
 
-  /// Empties the named buffers, in the order of their names, into the plain queue and the unique map.
+  /// Empties the named buffers, in the order of their names, into the plain queue and the unique map. Merged packets
+  /// get a fresh time stamp.
   void MergeIndependentSendPacketBuffer();
 
   /// Writes one frame. Unless keep_timestamp is set, a stamp equal to the previous frame's is raised by 1.

@@ -33,22 +33,31 @@ struct TrajViaPoint {
 /// every packet counts as delivered), the receive step buffers a snapshot of that status, and a state thread advances
 /// it once per cycle: time stamp, trajectories, velocities.
 ///
-/// Trajectory status per joint (trjStatus), moved by ManageTrajState but where another cause is named:
+/// Trajectory status per joint (trjStatus), moved by ManageTrajState unless another cause is named:
 ///
-///   0 idle                       -> 1 start with points queued  -> 102 'f' start without points  -> 109 'm' servo not
-///   on 1 start requested            -> 2 with a point taken, trajectory clock 0                    -> 102 queue empty
-///   2 moving to the target       -> 3 clock at the target's time  -> 111 'o' servo left  -> 1 start, from here  -> 5
-///   cancel 3 target reached             -> 2 next point taken           -> 4 queue empty 4 finished, 6 cancelled -> 1,
-///   102, 109 as from 0 5 cancel requested           -> 6 queue emptied 100 and above                -> 0
-///   TrajectoryViaClear          -> 1, 102, 109 as from 0
+/// | status              | event                              | next                                           |
+/// |---------------------|------------------------------------|------------------------------------------------|
+/// | 0, 4, 6, 100 and up | start, points queued               | 1                                              |
+/// | 0, 4, 6, 100 and up | start, no point queued             | 102 'f'                                        |
+/// | any                 | start, servo not on                | 109 'm'                                        |
+/// | 1 start requested   | a point is queued                  | 2, the point taken, the trajectory clock 0     |
+/// | 1 start requested   | the queue is empty                 | 102 'f'                                        |
+/// | 2 moving            | the clock is at the target's time  | 3                                              |
+/// | 2 moving            | the servo is no longer on          | 111 'o'                                        |
+/// | 2 moving            | start                              | 1: a new segment begins here                   |
+/// | 3 target reached    | a point is queued                  | 2, the point taken                             |
+/// | 3 target reached    | the queue is empty                 | 4 finished                                     |
+/// | any                 | cancel                             | 5                                              |
+/// | 5 cancel requested  |                                    | 6 cancelled, the queue emptied                 |
+/// | 100 and up          | via points cleared                 | 0 idle                                         |
 ///
 /// Units:   cycle in ms; status timestamp in us of simulated time; duration (the trajectory clock, one for all joints)
-/// in
-///          s; positions in whatever the host commands, velocity in position units per second.
+///          in s; positions in whatever the host commands, velocity in position units per second.
 /// Errors:  unknown codes, joint types and joints are ignored.
-/// Threads: as MasterControllerClient, plus one detached state thread. ParseSendPacket and every cycle hold
-///          state_mutex_; ReceiveStatus and SetJointType do not, so a snapshot may mix two cycles. The two mutexes are
-///          never nested. The destructor waits for the state thread: up to one cycle and 10 ms.
+/// Threads: the groups of MasterControllerClient; SetRecvBuffer, SetJointType and ParseSendPacket belong to the steps.
+///          One detached state thread of its own: it holds state_mutex_ for every cycle, as ParseSendPacket does;
+///          ReceiveStatus and SetJointType do not, so a snapshot may mix two cycles. The two mutexes are never nested.
+///          The destructor waits for the state thread: up to one cycle and 10 ms.
 class VELTA_API MasterControllerClientMock : public MasterControllerClient {
  public:
   /// Starts the state thread; IsInit() and IsConnected() are true at once.

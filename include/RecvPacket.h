@@ -10,7 +10,7 @@
 /// One status frame as an object: header and one record per joint, with the controller's codes and units unchanged.
 ///
 /// Units:   the controller's. Time stamps are unsigned 64-bit counts.
-/// Errors:  told by Parse()'s result alone.
+/// Errors:  Parse()'s result, and nothing else.
 /// Threads: no lock; one thread at a time per object.
 class VELTA_API RecvPacket {
  public:

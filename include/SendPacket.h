@@ -9,7 +9,7 @@
 #include "protocol.h"
 #include "velta_export.h"
 
-/// Command codes per joint, stored in txJoint_t::order; 0 commands nothing.
+/// Command codes per joint, stored in txJoint_t::order; 0 leaves the joint idle.
 /// The flag-clear trajectory codes (0x4A..0x4E) are the flag-set ones (0x3A..0x3E) plus 0x10.
 enum class ePacketOrder : unsigned char {
   RefCurrent = 0x10,                       ///< current reference
@@ -53,7 +53,7 @@ enum class ePacketOrder : unsigned char {
   FaultInjection = 0xFF,                   ///< fault injection, understood by the simulator only; has no named setter
 };
 
-/// Command codes of the whole arm, stored in txHeader_t::armOrder; 0 commands nothing. The arguments travel in the
+/// Command codes of the whole arm, stored in txHeader_t::armOrder; 0 for none. The arguments travel in the
 /// values of joint 0. A code space of its own, although some numbers also appear in ePacketOrder.
 enum class ePacketArmOrder : unsigned char {
   Payload = 0xA0,                       ///< payload, four values
@@ -130,15 +130,29 @@ class VELTA_API SendPacket {
   std::vector<char> GetCharVector() const;
 
   /// @name Joint commands
-  /// Each writes its code and the four values of every joint that `ids` names; values without an argument become 0.
-  /// The arguments fill value1 to value4 in the order in which they are passed.
+  /// Each writes its code and the four values of every joint that `ids` names; values without an argument become 0. The
+  /// arguments fill value1 to value4 in the order in which they are passed, unscaled: positions, velocities (per s),
+  /// accelerations (per s^2), currents and gains are in the controller's units, as its status reports them.
   /// @{
-  void SetReset(const std::string& ids);
+  void SetReset(const std::string& ids);  ///< clears a fault; the servo is off afterwards
   void SetServoOff(const std::string& ids);
   void SetServoOn(const std::string& ids);
-  void SetBrakeOff(const std::string& ids);
-  void SetBrakeOn(const std::string& ids);
-  void SetControlMode(const std::string& ids, int mode);              ///< any mode number of the controller
+  void SetBrakeOff(const std::string& ids);  ///< releases the brake
+  void SetBrakeOn(const std::string& ids);   ///< applies the brake
+
+  /// Control modes:
+  ///
+  /// | mode | joint follows                                                       |
+  /// |------|---------------------------------------------------------------------|
+  /// | 0    | a trajectory of queued points                                       |
+  /// | 1    | velocity references                                                 |
+  /// | 2    | current references                                                  |
+  /// | 5    | an external force                                                   |
+  /// | 7    | position references, each by a trajectory planned when it arrives   |
+  /// | 10   | nothing: its rotation is fixed                                      |
+  /// | 20   | position references                                                 |
+  /// @param mode  one of these, or any other number that the controller knows
+  void SetControlMode(const std::string& ids, int mode);
   void SetPositionControlMode(const std::string& ids);                ///< mode 20
   void SetVelocityControlMode(const std::string& ids);                ///< mode 1
   void SetCurrentControlMode(const std::string& ids);                 ///< mode 2
@@ -146,45 +160,62 @@ class VELTA_API SendPacket {
   void SetTrajectoryControlMode(const std::string& ids);              ///< mode 0
   void SetOnlineTrajectoryControlMode(const std::string& ids);        ///< mode 7
   void SetRotationFixedControlMode(const std::string& ids);           ///< mode 10
-  void SetGetSlaveEffortOffset(const std::string& ids);
-  void SetParamKp(const std::string& ids, float v);
-  void SetParamKi(const std::string& ids, float v);
-  void SetParamKd(const std::string& ids, float v);
-  void SetParamWindupLimit(const std::string& ids, float v);
-  void SetParamVelocityOverride(const std::string& ids, float v);
-  void SetParamVelocityMax(const std::string& ids, float v);
-  void SetParamAccelerationMax(const std::string& ids, float v);
-  void SetParamJerkMax(const std::string& ids, float v);
-  void SetParamExtFFOnTrajSoftnessOverride(const std::string& ids, float v);  ///< parameter 80 of ArbitraryParam
-  void SetArbitraryParam(const std::string& ids, int param, float v);
-  void SetRefCurrent(const std::string& ids, float c);
-  void SetRefPosition(const std::string& ids, float p);
-  void SetRefVelocity(const std::string& ids, float v);
-  void SetRefPositionVelocity(const std::string& ids, float p, float v);
+  void SetGetSlaveEffortOffset(const std::string& ids);               ///< takes the present effort as the offset
+
+  void SetParamKp(const std::string& ids, float v);                ///< v: proportional gain
+  void SetParamKi(const std::string& ids, float v);                ///< v: integral gain
+  void SetParamKd(const std::string& ids, float v);                ///< v: differential gain
+  void SetParamWindupLimit(const std::string& ids, float v);       ///< v: limit of the integrated error
+  void SetParamVelocityOverride(const std::string& ids, float v);  ///< v: factor of planned velocities
+  void SetParamVelocityMax(const std::string& ids, float v);       ///< v: maximum velocity
+  void SetParamAccelerationMax(const std::string& ids, float v);   ///< v: maximum acceleration
+  void SetParamJerkMax(const std::string& ids, float v);           ///< v: maximum jerk (per s^3)
+  void SetParamExtFFOnTrajSoftnessOverride(const std::string& ids,
+                                           float v);  ///< v: softness, parameter 80 of SetArbitraryParam
+  void SetArbitraryParam(const std::string& ids, int param, float v);  ///< param: the parameter's number; v: its value
+
+  void SetRefCurrent(const std::string& ids, float c);                    ///< c: current
+  void SetRefPosition(const std::string& ids, float p);                   ///< p: position
+  void SetRefVelocity(const std::string& ids, float v);                   ///< v: velocity
+  void SetRefPositionVelocity(const std::string& ids, float p, float v);  ///< p: position; v: velocity there
+  /// p: position; v: velocity there; a: acceleration there
   void SetRefPositionVelocityAcceleration(const std::string& ids, float p, float v, float a);
-  void SetDynamics(const std::string& ids, float a, float b, float c, float d);  ///< d is dropped; value4 is always 0
-  void SetTrajectoryViaClear(const std::string& ids);
-  void SetTrajectoryControlStart(const std::string& ids);
-  void SetTrajectoryControlCancel(const std::string& ids);
-  void SetTrajectoryP_DoubleS(const std::string& ids, float a);
-  void SetTrajectoryPT_LinSpline(const std::string& ids, float a, float b, bool flag);
-  void SetTrajectoryPT_Trapezoidal(const std::string& ids, float a, float b, bool flag);
-  void SetTrajectoryPT_DoubleS(const std::string& ids, float a, float b, bool flag);
+  /// a, b, c: dynamics values of the controller, in its order; d is dropped, value4 is always 0
+  void SetDynamics(const std::string& ids, float a, float b, float c, float d);
+
+  void SetTrajectoryViaClear(const std::string& ids);            ///< removes the queued points
+  void SetTrajectoryControlStart(const std::string& ids);        ///< starts to move along the queued points
+  void SetTrajectoryControlCancel(const std::string& ids);       ///< stops, and removes the queued points
+  void SetTrajectoryP_DoubleS(const std::string& ids, float a);  ///< a: target position, with a double-S profile
+  /// @}
+
+  /// @name Points of a trajectory
+  /// Each queues one point per joint; SetTrajectoryControlStart begins to move. Times count from the start of the
+  /// trajectory, in s. flag chooses between two codes (0x3A..0x3E if set, else 0x4A..0x4E), which the controller tells
+  /// apart; the simulator knows only the former.
+  /// @{
+  void SetTrajectoryPT_LinSpline(const std::string& ids, float a, float b, bool flag);    ///< a: position; b: time
+  void SetTrajectoryPT_Trapezoidal(const std::string& ids, float a, float b, bool flag);  ///< a: position; b: time
+  void SetTrajectoryPT_DoubleS(const std::string& ids, float a, float b, bool flag);      ///< a: position; b: time
+  /// a: position; b: velocity there; c: time
   void SetTrajectoryPVT(const std::string& ids, float a, float b, float c, bool flag);
+  /// a: position; b: velocity there; c: acceleration there; d: time
   void SetTrajectoryPVAT(const std::string& ids, float a, float b, float c, float d, bool flag);
-  void SetMoveHomePosition(const std::string& ids);
+  void SetMoveHomePosition(const std::string& ids);  ///< moves to the home position at once
+  /// a, b: what the general registers of a status show, by the controller's numbers
   void SetGeneralRegisterType(const std::string& ids, int a, int b);
   /// @}
 
   /// @name Arm commands
-  /// Each stores its code in the header and its arguments in joint 0's first values; joint 0's code and its other
-  /// values stay. Without a joint 0 the arguments are lost.
+  /// Each stores its code in the header and its arguments in joint 0's first values, in the controller's units; the
+  /// code and the other values of joint 0 stay. Without a joint 0 the arguments are lost.
   /// @{
-  void SetPayload(float a, float b, float c, float d);
-  void SetPayloadInertiaTensorDiagonal(float a, float b, float c);
-  void SetPayloadInertiaTensorTriangle(float a, float b, float c);
-  void SetGripperMaxEffort(float e);
-  /// @}
+  void SetPayload(float a, float b, float c,
+                  float d);  ///< a to d: mass and centre of the payload, in the controller's order
+  void SetPayloadInertiaTensorDiagonal(float a, float b, float c);  ///< a, b, c: diagonal terms of the inertia tensor
+  void SetPayloadInertiaTensorTriangle(float a, float b, float c);  ///< a, b, c: terms off the diagonal
+  void SetGripperMaxEffort(float e);                                ///< e: maximum effort of the gripper
+                                                                    /// @}
 
  private:
   void SetArmCommand(ePacketArmOrder order, std::initializer_list<float> values);

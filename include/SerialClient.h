@@ -18,7 +18,7 @@ struct termios;
 ///
 /// Units:   bytes; baud_rate in bits per second.
 /// Errors:  Connect() is false without a message, and leaves a half-configured descriptor open. Read and Write never
-///          return -1, so this link is never reported as lost.
+///          return -1, so this link is never reported as lost. Descriptors have no close-on-exec.
 /// Threads: as AbstractClient. Write blocks until the device has taken every byte.
 class VELTA_API SerialClient : public AbstractClient {
  public:

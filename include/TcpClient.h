@@ -18,7 +18,8 @@ struct sockaddr_in;
 /// number again.
 ///
 /// Units:   bytes; seconds while connecting.
-/// Errors:  results, with the reason on standard error (failed system calls) or standard output.
+/// Errors:  results, with the reason as a log line (see velta_log.h). A signal during the wait for a connection makes
+///          Connect() false. Descriptors have no close-on-exec: programs that the host starts inherit them.
 /// Threads: as AbstractClient. Connect() waits up to 5 s; nothing else blocks.
 class VELTA_API TcpClient : public AbstractClient {
  public:

@@ -17,7 +17,8 @@ struct sockaddr_in;
 /// Disconnect() neither forgets the descriptor nor clears is_init_, as with TcpClient.
 ///
 /// Units:   bytes; seconds while connecting.
-/// Errors:  results, with the reason on standard error (failed system calls) or standard output.
+/// Errors:  results, with the reason as a log line (see velta_log.h). A signal during the wait for a connection makes
+///          Connect() false. Descriptors have no close-on-exec: programs that the host starts inherit them.
 /// Threads: as AbstractClient. Connect() waits up to 3 s; nothing else blocks.
 class VELTA_API UdpClient : public AbstractClient {
  public:

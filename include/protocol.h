@@ -26,7 +26,7 @@ static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "frame fields are copie
 
 namespace velta {
 inline constexpr std::uint8_t kStartMark[2] = {0xAB, 0xCD};  ///< first two bytes of every frame
-inline constexpr int kCrcSize = 2;                           ///< bytes of the CRC behind the last record
+inline constexpr int kCrcSize = 2;                           ///< bytes of the CRC after the last record
 }  // namespace velta
 
 /// Header of a command frame, bytes 0..10.
@@ -56,12 +56,12 @@ struct __attribute__((packed)) rxHeader_t {
 
 /// One joint of a status frame, 79 bytes. It carries no id: joint i is the record at index i.
 struct __attribute__((packed)) rxJoint_t {
-  std::uint8_t type;            ///< joint type
-  std::uint8_t comStatus;       ///< communication status
-  std::uint8_t systemMode;      ///< system mode
-  std::uint8_t ctrlMode;        ///< control mode
-  std::uint32_t ewStatus;       ///< error and warning word
-  std::uint8_t trjStatus;       ///< trajectory status
+  std::uint8_t type;            ///< joint type: 0 revolute, 1 prismatic gripper, 2 revolute gripper
+  std::uint8_t comStatus;       ///< communication status; its codes are the controller's
+  std::uint8_t systemMode;      ///< 0 servo off, 2 servo on, 3 fault; others are the controller's
+  std::uint8_t ctrlMode;        ///< control mode, as SendPacket::SetControlMode lists them
+  std::uint32_t ewStatus;       ///< error and warning word; 0 for none, its bits are the controller's
+  std::uint8_t trjStatus;       ///< trajectory status, as MasterControllerClientMock lists them
   std::uint16_t trjViaRemain;   ///< trajectory via points still queued
   float refCurrent;             ///< reference current
   float refPosition;            ///< reference position

@@ -27,7 +27,7 @@ class VELTA_API SendPacketMerger {
   static std::deque<SendPacket> getMergedPacket(std::vector<std::shared_ptr<SendPacketBuffer>>& buffers, int joint_num);
 
   /// Pass k merges the k-th packet of every list into one fresh packet; those that collide, differ in joint count or
-  /// carry an arm order follow unchanged, behind all merged packets.
+  /// carry an arm order follow unchanged, after all merged packets.
   static std::deque<SendPacket> mergeNotUniquePacket(std::vector<std::vector<SendPacket>>& packet_lists, int joint_num);
 
   /// Merges the packets of equal keys into the first map's packet; those that collide follow at the end. Keys merged
