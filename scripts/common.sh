@@ -11,6 +11,7 @@ check_packages=(clang clang-format clang-tidy cppcheck)
 bench_packages=(libbenchmark-dev nlohmann-json3-dev gnuplot-nox rt-tests)
 package_packages=(abigail-tools dpkg-dev gzip lintian man-db)
 proof_packages=(gcovr valgrind)
+arm64_packages=(g++-aarch64-linux-gnu qemu-user)
 python_packages=(pybind11-dev python3-dev python3-numpy)
 package_packages+=("${python_packages[@]}")
 test_packages+=("${python_packages[@]}" mypy python3-build python3-matplotlib python3-pip python3-setuptools python3-venv
