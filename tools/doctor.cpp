@@ -30,6 +30,8 @@
 #include "diagnosis.h"
 #include "host_end.h"
 #include "link.h"
+#include "record_bytes.h"
+#include "report.h"
 #include "status_words.h"
 #include "stop.h"
 #include "timing.h"
@@ -44,6 +46,8 @@ struct DoctorOptions {
   std::string link;
   int joints = 0;
   double connect_s = 5;
+  std::string report;
+  std::chrono::nanoseconds recorded = std::chrono::seconds(10);
 };
 
 /// Stops the examination: what follows would not tell more.
@@ -88,13 +92,15 @@ class Doctor {
   /// @return 0 when nothing failed
   int Run() {
     InstallStopHandler();
+    if (!options_.report.empty()) ListReport();
     try {
       ReadLink();
       if (link_.kind == Link::Kind::kSerial) ExamineDevice();
-      const std::unique_ptr<HostEnd> wire = Open();
+      wire_ = Open();
       try {
-        Exchange(*wire);
+        Exchange(*wire_);
       } catch (const LinkError& error) {
+        wire_.reset();
         if (!StopRequested()) ExplainLoss(error);
       }
       if (StopRequested()) throw Hopeless();
@@ -105,28 +111,33 @@ class Doctor {
     } catch (const Hopeless&) {
     }
     if (StopRequested()) {
-      Out() << "interrupted: the examination is not complete" << std::endl;
+      Say("interrupted: the examination is not complete");
       return 1;
     }
-    Out() << (failures_ > 1   ? "verdict: begin with the first failure"
-              : failures_ > 0 ? "verdict: this keeps the link from working"
-              : warnings_ > 0 ? "verdict: the link works; mind the warnings"
-                              : "verdict: healthy")
-          << std::endl;
+    Say(failures_ > 1   ? "verdict: begin with the first failure"
+        : failures_ > 0 ? "verdict: this keeps the link from working"
+        : warnings_ > 0 ? "verdict: the link works; mind the warnings"
+                        : "verdict: healthy");
+    if (!options_.report.empty()) MakeReport();
     return failures_ > 0 ? 1 : 0;
   }
 
  private:
-  void Good(const std::string& text) { Out() << "[ ok ] " << text << std::endl; }
+  void Say(const std::string& line) {
+    Out() << line << std::endl;
+    said_ += line + '\n';
+  }
+
+  void Good(const std::string& text) { Say("[ ok ] " + text); }
 
   void Warn(const std::string& text) {
     ++warnings_;
-    Out() << "[warn] " << text << std::endl;
+    Say("[warn] " + text);
   }
 
   void Bad(const std::string& text) {
     ++failures_;
-    Out() << "[FAIL] " << text << std::endl;
+    Say("[FAIL] " + text);
   }
 
   [[noreturn]] void GiveUp(const std::string& text) {
@@ -366,6 +377,71 @@ class Doctor {
     if (causes.empty()) Good("no joint reports anything that keeps it from moving");
   }
 
+  std::vector<ReportPart> ReportParts() const {
+    return {{"doctor.txt", "what is printed below", ""},
+            {"versions.txt", "versions of velta, the kernel, the C library and the distribution", ""},
+            {"realtime.txt", "settings of kernel and machine that decide how exactly in time programs run", ""},
+            {"recording.vrec", DurationText(options_.recorded) + " of what passes on the link, when it opens", ""}};
+  }
+
+  void ListReport() {
+    Out() << options_.report << " will hold\n";
+    for (const ReportPart& part : ReportParts()) {
+      Out() << "  " << part.name << std::string(16 - std::string(part.name).size(), ' ') << part.about << '\n';
+    }
+    Out() << "and no environment variables, no host names" << std::endl;
+  }
+
+  void MakeReport() {
+    std::string host;
+    if (const std::size_t at = options_.link.find("://"); options_.link.rfind("serial", 0) != 0) {
+      host = options_.link.substr(at + 3, options_.link.rfind(':') - at - 3);
+    }
+    std::vector<ReportPart> parts = ReportParts();
+    parts[0].content = WithoutHost(said_, host);
+    parts[1].content = VersionsText();
+    parts[2].content = RealtimeText("/");
+    if (wire_) {
+      parts[3].content = RecordSome();
+    } else {
+      parts.pop_back();
+    }
+    WriteReport(options_.report, parts);
+    Out() << "wrote " << options_.report << std::endl;
+  }
+
+  /// @return a recording of the open link; a controller that is silent is asked with idle commands
+  std::string RecordSome() {
+    using recording::Event;
+    std::string bytes;
+    const auto add = [&](const std::vector<char>& block) { bytes.append(block.begin(), block.end()); };
+    const auto record = [&](Event event, const std::vector<char>& passed) {
+      const wire::Stamp now = wire::StampNow();
+      for (std::size_t at = 0; at == 0 || at < passed.size(); at += recording::kMaxRecordBytes) {
+        add(recording::RecordBytes(event, now.monotonic_ns, now.wall_ns, passed.data() + at,
+                                   std::min(passed.size() - at, recording::kMaxRecordBytes)));
+      }
+    };
+    add(recording::HeaderBytes(options_.joints, ToString(link_)));
+    record(Event::kOpened, {});
+    const std::int64_t end = MonotonicNs() + options_.recorded.count();
+    try {
+      while (!StopRequested() && MonotonicNs() < end) {
+        std::vector<char> passed;
+        if (wire_->WaitReadable(std::min(end, MonotonicNs() + Ms(100)))) {
+          if (wire_->Read(passed) != 0) record(Event::kToHost, passed);
+        } else if (MonotonicNs() < end) {
+          passed = SendPacket(options_.joints).GetCharVector();
+          wire_->Write(passed);
+          record(Event::kToController, passed);
+        }
+      }
+    } catch (const LinkError&) {  // what was recorded so far shows how it ended
+    }
+    record(Event::kClosed, {});
+    return bytes;
+  }
+
   struct Command {
     std::int64_t sent_at;
     std::int64_t delay;  ///< until the first status that echoes it, ns
@@ -375,6 +451,8 @@ class Doctor {
 
   const DoctorOptions& options_;
   Link link_;
+  std::unique_ptr<HostEnd> wire_;  ///< while the link is open
+  std::string said_;
   std::vector<std::string> holders_;
   std::vector<char> bytes_;
   std::size_t unasked_ = 0;  ///< bytes that came before the first command
@@ -399,6 +477,13 @@ void AddDoctor(CLI::App& app, Action& action) {
   command.add_option("--connect-timeout", options.connect_s, "Seconds to wait for a connection (5)")
       ->check(CLI::Range(0.1, 60.0))
       ->option_text("S");
+  command
+      .add_option("--report", options.report,
+                  "Also write FILE, an archive for a support case; what it holds is shown first")
+      ->type_name("FILE.tar.gz");
+  AddDurationOption(command, "--report-time", options.recorded,
+                    {std::chrono::milliseconds(10), std::chrono::minutes(10)},
+                    "How much of what passes is recorded for it");
   command.footer(
       "It sends commands that command nothing; the arm does not move.\nExample: velta doctor -n 6 "
       "tcp://192.168.0.10:5000");
