@@ -11,6 +11,7 @@
 #include <limits>
 #include <set>
 #include <thread>
+#include <tuple>
 
 #include "support/capture.h"
 
@@ -25,6 +26,25 @@ bool Eventually(const std::function<bool()>& condition) {
   for (int i = 0; i < 5000 && !condition(); ++i) std::this_thread::sleep_for(milliseconds(1));
   return condition();
 }
+
+/// An order with its values, to a joint.
+struct Act {
+  Codes order;
+  float v1 = 0, v2 = 0, v3 = 0, v4 = 0;
+  unsigned char joint = 0;
+};
+
+/// What a joint shows, and the clock.
+struct Shot {
+  float position, ref_velocity;
+  int status, remaining;
+  std::size_t queued;
+  float clock;
+  bool operator==(const Shot& o) const {
+    return std::tie(position, ref_velocity, status, remaining, queued, clock) ==
+           std::tie(o.position, o.ref_velocity, o.status, o.remaining, o.queued, o.clock);
+  }
+};
 
 /// A simulator whose state thread has ended: a test moves it on, one cycle of 1/8 s at a time (sums of it are exact).
 struct Stepped : MasterControllerClientMock {
@@ -41,19 +61,21 @@ struct Stepped : MasterControllerClientMock {
   using MasterControllerClientMock::TrajControlStart;
   using MasterControllerClientMock::wait_confirm_;
 
-  void Order(Codes order, float v1 = 0, float v2 = 0, float v3 = 0, float v4 = 0, unsigned char joint = 0) {
-    ParseJointOrder(joint, static_cast<unsigned char>(order), v1, v2, v3, v4);
+  void Do(const std::vector<Act>& acts) {
+    for (const Act& act : acts)
+      ParseJointOrder(act.joint, static_cast<unsigned char>(act.order), act.v1, act.v2, act.v3, act.v4);
   }
-  void Cycles(int count) {
-    for (; count > 0; --count) ManageTrajState();
+  Shot After(int cycles, std::size_t i = 0) {
+    for (; cycles > 0; --cycles) ManageTrajState();
+    const rxJoint_t joint = Joint(i);
+    return {joint.position,     joint.refVelocity, joint.trjStatus,
+            joint.trjViaRemain, Queued(i),         inner_state_.header.duration};
   }
   rxJoint_t& Joint(std::size_t i = 0) { return inner_state_.joints[i]; }
-  float Position(std::size_t i = 0) { return Joint(i).position; }
-  int Trajectory(std::size_t i = 0) { return Joint(i).trjStatus; }
   std::size_t Queued(std::size_t i = 0) const { return traj_via_points_[i].size(); }
   /// Position, velocity, acceleration and time of the point queued last.
   std::array<float, 4> Point(std::size_t i = 0) const {
-    const TrajViaPoint& point = traj_via_points_.at(i).back();
+    const TrajViaPoint point = Queued(i) == 0 ? TrajViaPoint() : traj_via_points_[i].back();
     return {point.position, point.velocity, point.acceleration, point.time};
   }
   rxHeader_t Header() const { return inner_state_.header; }
@@ -129,7 +151,7 @@ TEST(Simulator, SkipsRecordsThatItsArmDoesNotHave) {
   none.SetTimeStamp(9);
   sim.ParseSendPacket(none);
   EXPECT_EQ(+sim.Header().hostTimestamp, 9u);
-  sim.Order(Codes::ServoOn, 0, 0, 0, 0, 5);
+  sim.Do({{Codes::ServoOn, 0, 0, 0, 0, 5}});
   sim.TrajControlStart(5);
   empty.ParseSendPacket(wide);
   empty.ManageTrajState();
@@ -151,32 +173,25 @@ TEST(Simulator, SetsJointTypesByNumberAndName) {
 
 TEST_F(SimulatedJoint, TakesReferencesAsItsControlModeSays) {
   struct Row {
-    float mode;
-    float current, position, velocity;  ///< after references of 1.25, -45 and 2.5
+    float mode, current, position, velocity;  ///< after references of 1.25, -45 and 2.5
     std::size_t queued;
   };
   for (const Row& row :
        {Row{0, 0, 0, 0, 1}, Row{1, 0, 0, 0, 0}, Row{2, 1.25f, 0, 0, 0}, Row{7, 0, 0, 0, 1}, Row{20, 0, -45, 2.5f, 0}}) {
     SCOPED_TRACE(row.mode);
     Stepped fresh(1);
-    fresh.Order(Codes::ControlMode, row.mode);
-    fresh.Order(Codes::RefCurrent, 1.25f);
-    fresh.Order(Codes::RefPosition, -45);
-    fresh.Order(Codes::RefVelocity, 2.5f);
+    fresh.Do({{Codes::ControlMode, row.mode},
+              {Codes::RefCurrent, 1.25f},
+              {Codes::RefPosition, -45},
+              {Codes::RefVelocity, 2.5f}});
     const rxJoint_t joint = fresh.Joint();
     EXPECT_EQ((Values{joint.current, joint.refCurrent, joint.position, joint.refPosition}),
               (Values{row.current, row.current, row.position, row.position}));
     EXPECT_EQ((std::pair<float, float>(joint.velocity, joint.refVelocity)), std::pair(row.velocity, row.velocity));
-    ASSERT_EQ(fresh.Queued(), row.queued);
-    EXPECT_EQ(joint.trjStatus, row.queued == 0 ? 0 : 109);  // the servo is off
-    if (row.queued != 0) {
-      EXPECT_EQ(fresh.Point(), (Values{-45, 0, 0, 2.5f}));
-    }
+    EXPECT_EQ(fresh.Queued() + joint.trjStatus, row.queued * 110);  // the start is refused: the servo is off
+    EXPECT_EQ(fresh.Point(), row.queued == 0 ? Values{} : (Values{-45, 0, 0, 2.5f}));
   }
-  sim.Order(Codes::ControlMode, 20);
-  sim.Order(Codes::RefPosition, 90);
-  sim.Order(Codes::ControlMode, 0);
-  sim.Order(Codes::RefPosition, -90);
+  sim.Do({{Codes::ControlMode, 20}, {Codes::RefPosition, 90}, {Codes::ControlMode, 0}, {Codes::RefPosition, -90}});
   EXPECT_EQ(sim.Point(), (Values{-90, 0, 0, 10}));  // the distance is measured from here
 }
 
@@ -184,191 +199,145 @@ TEST_F(SimulatedJoint, TruncatesNumbersAndTakesWhatNoIntegerHoldsForZero) {
   constexpr float kInfinity = std::numeric_limits<float>::infinity();
   const std::pair<float, int> modes[] = {{7.9f, 7}, {-1, 255}, {300, 44}, {-0.5f, 0}, {65537, 1}, {256.5f, 0}};
   for (const auto& [value, mode] : modes) {
-    sim.Order(Codes::ControlMode, value);
+    sim.Do({{Codes::ControlMode, value}});
     EXPECT_EQ(sim.Joint().ctrlMode, mode) << value;
   }
-  const std::pair<float, std::uint32_t> faults[] = {
-      {12.9f, 12}, {-1, 4294967295}, {4294967296.0f, 0}, {4294967808.0f, 512}};
+  const std::pair<float, unsigned> faults[] = {{12.9f, 12}, {-1, 4294967295}, {4294967296.0f, 0}, {4294967808.0f, 512}};
   for (const auto& [value, word] : faults) {
-    sim.Order(Codes::FaultInjection, value);
-    EXPECT_EQ(+sim.Joint().ewStatus, word) << value;
-    EXPECT_EQ(sim.Joint().systemMode, 3);
+    sim.Do({{Codes::FaultInjection, value}});
+    EXPECT_EQ((std::pair<int, unsigned>(sim.Joint().systemMode, +sim.Joint().ewStatus)), std::pair(3, word)) << value;
   }
   for (const float none : {NAN, kInfinity, -kInfinity, 1e30f, 1e19f, -1e19f}) {
-    sim.Order(Codes::ControlMode, 9);
-    sim.Order(Codes::ControlMode, none);
-    sim.Order(Codes::FaultInjection, 5);
-    sim.Order(Codes::FaultInjection, none);
+    sim.Do({{Codes::ControlMode, 9},
+            {Codes::ControlMode, none},
+            {Codes::FaultInjection, 5},
+            {Codes::FaultInjection, none}});
     EXPECT_EQ(sim.Joint().ctrlMode + sim.Joint().ewStatus, 0u) << none;
   }
 }
 
 TEST_F(SimulatedJoint, ResetEndsOnlyAFault) {
-  sim.Order(Codes::ServoOn);
+  sim.Do({{Codes::ServoOn}});
   sim.Joint().ewStatus = 5;
-  sim.Order(Codes::Reset);
+  sim.Do({{Codes::Reset}});
   EXPECT_EQ(sim.Joint().systemMode * 10 + sim.Joint().ewStatus, 25u);
-  sim.Order(Codes::FaultInjection, 7);
-  sim.Order(Codes::Reset);
+  sim.Do({{Codes::FaultInjection, 7}, {Codes::Reset}});
   EXPECT_EQ(sim.Joint().systemMode + sim.Joint().ewStatus, 0u);
-  sim.Order(Codes::ServoOn);
-  sim.Order(Codes::ServoOff);
+  sim.Do({{Codes::ServoOn}, {Codes::ServoOff}});
   EXPECT_EQ(sim.Joint().systemMode, 0);
 }
 
 TEST_F(SimulatedJoint, ShowsItsParametersInTheGeneralRegisters) {
-  const Codes parameters[] = {Codes::ParamKp, Codes::ParamKi, Codes::ParamKd, Codes::ParamWindupLimit};
-  for (int i = 0; i < 4; ++i) {
-    sim.Order(parameters[i], static_cast<float>(i + 1));
-    EXPECT_EQ(+sim.Joint().general[i], static_cast<float>(i + 1));
-    EXPECT_EQ(+sim.Joint(1).general[i], 0);
-  }
+  sim.Do({{Codes::ParamKp, 1}, {Codes::ParamKi, 2}, {Codes::ParamKd, 3}, {Codes::ParamWindupLimit, 4}});
+  const rxJoint_t joint = sim.Joint();
+  EXPECT_EQ((Values{joint.general[0], joint.general[1], joint.general[2], joint.general[3]}), (Values{1, 2, 3, 4}));
 }
 
 TEST_F(SimulatedJoint, QueuesPoints) {
-  for (const Codes order :
-       {Codes::TrajectoryPT_LinSpline1, Codes::TrajectoryPT_Trapezoidal1, Codes::TrajectoryPT_DoubleS1}) {
-    sim.Order(order, 1, 2, 3, 4);
-    EXPECT_EQ(sim.Point(), (Values{1, 0, 0, 2}));
-    sim.Order(Codes::TrajectoryViaClear);
-    EXPECT_EQ(sim.Queued(), 0u);
+  const std::pair<Codes, Values> rows[] = {
+      {Codes::TrajectoryPT_LinSpline1, {1, 0, 0, 2}}, {Codes::TrajectoryPT_Trapezoidal1, {1, 0, 0, 2}},
+      {Codes::TrajectoryPT_DoubleS1, {1, 0, 0, 2}},   {Codes::TrajectoryPVT1, {1, 2, 0, 3}},
+      {Codes::TrajectoryPVAT1, {1, 2, 3, 4}},         {Codes::MoveHomePosition, {0, 0, 0, 5}}};
+  std::size_t queued = 0;
+  for (const auto& [order, point] : rows) {
+    EXPECT_EQ(sim.Joint(1).trjStatus, 0) << "points wait for a start";
+    sim.Do({{order, 1, 2, 3, 4, 1}});
+    EXPECT_EQ(sim.Point(1), point);
+    EXPECT_EQ(sim.Queued(1), ++queued);
   }
-  sim.Order(Codes::TrajectoryPVT1, 1, 2, 3, 4, 1);
-  EXPECT_EQ(sim.Point(1), (Values{1, 2, 0, 3}));
-  sim.Order(Codes::TrajectoryPVAT1, 1, 2, 3, 4, 1);
-  EXPECT_EQ(sim.Point(1), (Values{1, 2, 3, 4}));
-  EXPECT_EQ(sim.Queued() + 10 * sim.Queued(1), 20u);
-  EXPECT_EQ(sim.Trajectory(1), 0);  // points wait for a start
-  sim.Order(Codes::MoveHomePosition, 9, 9, 9, 9);
-  EXPECT_EQ(sim.Point(), (Values{0, 0, 0, 5}));
-  EXPECT_EQ(sim.Trajectory(), 109);
+  EXPECT_EQ(sim.Joint(1).trjStatus, 109);  // but for the way home
+  EXPECT_EQ(sim.Queued(0), 0u);
   for (const auto& [before, after] : {std::pair(99, 99), std::pair(100, 0), std::pair(255, 0)}) {
-    sim.Joint().trjStatus = static_cast<std::uint8_t>(before);
-    sim.Order(Codes::TrajectoryViaClear);
-    EXPECT_EQ(sim.Trajectory(), after);
+    sim.Joint(1).trjStatus = static_cast<std::uint8_t>(before);
+    sim.Do({{Codes::TrajectoryViaClear, 0, 0, 0, 0, 1}});
+    EXPECT_EQ(sim.Joint(1).trjStatus, after);
+    EXPECT_EQ(sim.Queued(1), 0u);
   }
 }
 
 TEST_F(SimulatedJoint, MovesLinearlyAndFinishes) {
-  sim.Order(Codes::ServoOn);
-  sim.Order(Codes::RefPosition, 9);  // takes 0.5 s
-  EXPECT_EQ(sim.Trajectory(), 1);
-  sim.Cycles(1);
-  EXPECT_EQ(sim.Trajectory() * 10 + sim.Joint().trjViaRemain, 21);
-  sim.Cycles(1);
-  EXPECT_EQ(sim.Position() + sim.Joint().refPosition, 4.5f);
-  sim.Cycles(3);
-  EXPECT_EQ(sim.Position(), 9);
-  EXPECT_EQ(sim.Trajectory(), 3);
-  sim.Cycles(6);
-  EXPECT_EQ(sim.Trajectory(), 4);
-  EXPECT_EQ(+sim.Joint().refVelocity, 0);
-  EXPECT_EQ(+sim.Header().duration, 0.5f);  // the clock rests
+  sim.Do({{Codes::ServoOn}, {Codes::RefPosition, 9}});  // takes 0.5 s
+  EXPECT_EQ(sim.After(0), (Shot{0, 0, 1, 0, 1, 0}));
+  EXPECT_EQ(sim.After(1), (Shot{0, 0, 2, 1, 0, 0}));
+  EXPECT_EQ(sim.After(1), (Shot{2.25f, 0, 2, 0, 0, 0.125f}));
+  EXPECT_EQ(sim.Joint().refPosition, 2.25f);
+  EXPECT_EQ(sim.After(3), (Shot{9, 0, 3, 0, 0, 0.5f}));
+  EXPECT_EQ(sim.After(6), (Shot{9, 0, 4, 0, 0, 0.5f}));  // the clock rests
 }
 
 TEST_F(SimulatedJoint, PlaysItsPointsOnOneClock) {
-  sim.Order(Codes::ServoOn);
-  for (const float i : {1.0f, 2.0f, 3.0f}) sim.Order(Codes::TrajectoryPVT1, 10 * i, i, i);
-  sim.Order(Codes::TrajectoryControlStart);
-  struct Row {
-    int cycles;
-    float position, velocity;
-    int trajectory, remaining;
-  };
-  for (const Row& row :
-       {Row{5, 5, 0.5f, 2, 2}, Row{4, 10, 0.875f, 3, 2}, Row{1, 10, 0.875f, 2, 2}, Row{4, 15, 1.5f, 2, 1},
-        Row{4, 20, 1.875f, 3, 1}, Row{5, 25, 2.5f, 2, 0}, Row{5, 30, 0, 4, 0}}) {
-    sim.Cycles(row.cycles);
-    EXPECT_EQ(sim.Position(), row.position);
-    EXPECT_EQ(+sim.Joint().refVelocity, row.velocity);
-    EXPECT_EQ(sim.Trajectory(), row.trajectory);
-    EXPECT_EQ(sim.Joint().trjViaRemain, row.remaining);
-  }
-  sim.Order(Codes::TrajectoryPT_LinSpline1, 50, 0.5f);
-  sim.Order(Codes::TrajectoryPT_LinSpline1, 60, 0.2f);  // in the past by then: reached in one cycle
-  sim.Order(Codes::TrajectoryControlStart);
-  sim.Cycles(7);
-  EXPECT_EQ(sim.Position(), 60);
-  EXPECT_EQ(+sim.Header().duration, 0.625f);
+  sim.Do({{Codes::ServoOn},
+          {Codes::TrajectoryPVT1, 10, 1, 1},
+          {Codes::TrajectoryPVT1, 20, 2, 2},
+          {Codes::TrajectoryPVT1, 30, 3, 3},
+          {Codes::TrajectoryControlStart}});
+  EXPECT_EQ(sim.After(5), (Shot{5, 0.5f, 2, 2, 2, 0.5f}));
+  EXPECT_EQ(sim.After(4), (Shot{10, 0.875f, 3, 2, 2, 1}));
+  EXPECT_EQ(sim.After(1), (Shot{10, 0.875f, 2, 2, 1, 1}));  // a change of segment takes a cycle
+  EXPECT_EQ(sim.After(4), (Shot{15, 1.5f, 2, 1, 1, 1.5f}));
+  EXPECT_EQ(sim.After(9), (Shot{25, 2.5f, 2, 0, 0, 2.5f}));
+  EXPECT_EQ(sim.After(5), (Shot{30, 0, 4, 0, 0, 3}));
+  sim.Do({{Codes::TrajectoryPT_LinSpline1, 50, 0.5f},
+          {Codes::TrajectoryPT_LinSpline1, 60, 0.2f},
+          {Codes::TrajectoryControlStart}});
+  EXPECT_EQ(sim.After(7), (Shot{60, 0, 3, 0, 0, 0.625f}));  // a segment in the past takes one cycle
 }
 
 TEST_F(SimulatedJoint, AStartOnOneJointResetsTheClockOfAll) {
-  for (unsigned char joint = 0; joint < 2; ++joint) {
-    sim.Order(Codes::ServoOn, 0, 0, 0, 0, joint);
-    sim.Order(Codes::TrajectoryPT_LinSpline1, 100, 2, 0, 0, joint);
-  }
-  sim.Order(Codes::TrajectoryControlStart);
-  sim.Cycles(9);
-  EXPECT_EQ(sim.Position(), 50);
-  sim.Order(Codes::TrajectoryControlStart, 0, 0, 0, 0, 1);
-  sim.Cycles(2);
-  EXPECT_EQ(sim.Position(0), 6.25f);
-  EXPECT_EQ(sim.Position(1), 6.25f);
+  sim.Do({{Codes::ServoOn}, {Codes::TrajectoryPT_LinSpline1, 100, 2}, {Codes::TrajectoryControlStart}});
+  sim.Do({{Codes::ServoOn, 0, 0, 0, 0, 1}, {Codes::TrajectoryPT_LinSpline1, 100, 2, 0, 0, 1}});
+  EXPECT_EQ(sim.After(9).position, 50);
+  sim.Do({{Codes::TrajectoryControlStart, 0, 0, 0, 0, 1}});
+  EXPECT_EQ(sim.After(2).position, 6.25f);
+  EXPECT_EQ(sim.After(0, 1).position, 6.25f);
 }
 
 TEST_F(SimulatedJoint, ANewStartBeginsHereAtTimeZero) {
-  sim.Order(Codes::ControlMode, 20);
-  sim.Order(Codes::RefVelocity, 4);
-  sim.Order(Codes::ControlMode, 0);
-  sim.Order(Codes::ServoOn);
-  sim.Order(Codes::TrajectoryPVT1, 10, 2, 1);
-  sim.Order(Codes::TrajectoryControlStart);
-  sim.Cycles(5);
-  EXPECT_EQ(sim.Position(), 5);
-  EXPECT_EQ(+sim.Joint().refVelocity, 3);  // half way from 4 to 2
-  sim.Order(Codes::TrajectoryPT_LinSpline1, 0, 1);
-  sim.Order(Codes::TrajectoryControlStart);
-  sim.Cycles(1);
-  EXPECT_EQ(+sim.Header().duration, 0);
-  sim.Cycles(4);
-  EXPECT_EQ(sim.Position(), 2.5f);
-  sim.Cycles(6);
-  EXPECT_EQ(sim.Trajectory(), 4);
-  sim.Order(Codes::TrajectoryPT_LinSpline1, 10, 1);  // counted from this start, not from the last segment
-  sim.Order(Codes::TrajectoryControlStart);
-  sim.Cycles(5);
-  EXPECT_EQ(sim.Position(), 5);
+  sim.Do({{Codes::ControlMode, 20},
+          {Codes::RefVelocity, 4},
+          {Codes::ControlMode, 0},
+          {Codes::ServoOn},
+          {Codes::TrajectoryPVT1, 10, 2, 1},
+          {Codes::TrajectoryControlStart}});
+  EXPECT_EQ(sim.After(5), (Shot{5, 3, 2, 0, 0, 0.5f}));  // half way from a velocity of 4 to 2
+  sim.Do({{Codes::TrajectoryPT_LinSpline1, 0, 1}, {Codes::TrajectoryControlStart}});
+  EXPECT_EQ(sim.After(1).clock, 0);
+  EXPECT_EQ(sim.After(4).position, 2.5f);
+  EXPECT_EQ(sim.After(6).status, 4);
+  sim.Do({{Codes::TrajectoryPT_LinSpline1, 10, 1}, {Codes::TrajectoryControlStart}});
+  EXPECT_EQ(sim.After(5).position, 5);  // the time counts from this start, not from the last segment
 }
 
 TEST_F(SimulatedJoint, RefusesStartsWithoutServoOrPoints) {
-  sim.Order(Codes::TrajectoryControlStart);
-  EXPECT_EQ(sim.Trajectory(), 109);
-  sim.Order(Codes::ServoOn);
-  sim.Order(Codes::TrajectoryControlStart);
-  EXPECT_EQ(sim.Trajectory(), 102);
+  sim.Do({{Codes::TrajectoryControlStart}});
+  EXPECT_EQ(sim.Joint().trjStatus, 109);
+  sim.Do({{Codes::ServoOn}, {Codes::TrajectoryControlStart}});
+  EXPECT_EQ(sim.Joint().trjStatus, 102);
   sim.Joint().trjViaRemain = 1;  // as counted in the last cycle
-  sim.Order(Codes::TrajectoryControlStart);
-  EXPECT_EQ(sim.Trajectory(), 1);
-  sim.Cycles(1);
-  EXPECT_EQ(sim.Trajectory(), 102);
+  sim.Do({{Codes::TrajectoryControlStart}});
+  EXPECT_EQ(sim.Joint().trjStatus, 1);
+  EXPECT_EQ(sim.After(1).status, 102);
 }
 
 TEST_F(SimulatedJoint, ServoOffInterruptsAndCancelEmptiesTheQueue) {
   const auto move = [&](unsigned char joint) {
-    sim.Order(Codes::ServoOn, 0, 0, 0, 0, joint);
-    sim.Order(Codes::TrajectoryPT_LinSpline1, 10, 1, 0, 0, joint);
-    sim.Order(Codes::TrajectoryPT_LinSpline1, 20, 2, 0, 0, joint);
-    sim.Order(Codes::TrajectoryControlStart, 0, 0, 0, 0, joint);
+    sim.Do({{Codes::ServoOn, 0, 0, 0, 0, joint},
+            {Codes::TrajectoryPT_LinSpline1, 10, 1, 0, 0, joint},
+            {Codes::TrajectoryPT_LinSpline1, 20, 2, 0, 0, joint},
+            {Codes::TrajectoryControlStart, 0, 0, 0, 0, joint}});
   };
   move(0);
-  sim.Order(Codes::ServoOff);
-  sim.Cycles(1);
-  EXPECT_EQ(sim.Trajectory(), 1);  // only a moving joint is interrupted
-  sim.Order(Codes::ServoOn);
-  sim.Cycles(3);
-  sim.Order(Codes::ServoOff);
-  sim.Cycles(3);
-  EXPECT_EQ(sim.Trajectory(), 111);
-  EXPECT_EQ(sim.Position(), 2.5f);
-  EXPECT_EQ(sim.Queued() + sim.Joint().trjViaRemain, 2u);
+  sim.Do({{Codes::ServoOff}});
+  EXPECT_EQ(sim.After(1).status, 1);  // only a moving joint is interrupted
+  sim.Do({{Codes::ServoOn}});
+  sim.After(3);
+  sim.Do({{Codes::ServoOff}});
+  EXPECT_EQ(sim.After(3), (Shot{2.5f, 0, 111, 1, 1, 0.25f}));
   move(1);
-  sim.Cycles(3);
-  sim.Order(Codes::TrajectoryControlCancel, 0, 0, 0, 0, 1);
-  EXPECT_EQ(sim.Trajectory(1), 5);
-  sim.Cycles(3);
-  EXPECT_EQ(sim.Trajectory(1), 6);
-  EXPECT_EQ(sim.Queued(1), 0u);
-  EXPECT_EQ(sim.Position(1), 2.5f);
+  sim.After(3, 1);
+  sim.Do({{Codes::TrajectoryControlCancel, 0, 0, 0, 0, 1}});
+  EXPECT_EQ(sim.After(0, 1).status, 5);
+  EXPECT_EQ(sim.After(3, 1), (Shot{2.5f, 0, 6, 0, 0, 0.25f}));
 }
 
 TEST_F(SimulatedJoint, IgnoresEveryOtherCode) {
@@ -379,7 +348,7 @@ TEST_F(SimulatedJoint, IgnoresEveryOtherCode) {
   const rxJoint_t before = sim.Joint();
   for (int code = 0; code < 256; ++code) {
     if (known.count(code) != 0) continue;
-    sim.Order(static_cast<Codes>(code), 1, 2, 3, 4);
+    sim.Do({{static_cast<Codes>(code), 1, 2, 3, 4}});
     const rxJoint_t after = sim.Joint();
     ASSERT_EQ(std::memcmp(&before, &after, sizeof before), 0) << code;
     ASSERT_EQ(sim.Queued(), 0u) << code;
