@@ -3,6 +3,7 @@
 #define VELTA_MASTER_CONTROLLER_CLIENT_MOCK_H_
 
 #include <atomic>
+#include <cstddef>
 #include <deque>
 #include <map>
 #include <memory>
@@ -109,6 +110,9 @@ class VELTA_API MasterControllerClientMock : public MasterControllerClient {
   std::vector<TrajViaPoint> traj_target_;                  ///< n points that the running segments move to
   std::vector<TrajViaPoint> traj_start_;                   ///< n points that they started from
   std::mutex state_mutex_;                                 ///< guards the simulated status and trajectories
+
+ private:
+  void ManageJoint(std::size_t joint, bool& clock_advanced);
 };
 
 #endif  // VELTA_MASTER_CONTROLLER_CLIENT_MOCK_H_

@@ -220,64 +220,65 @@ void MasterControllerClientMock::ManageTrajState() {
   bool clock_advanced = false;
   for (std::size_t i = 0; i < inner_state_.joints.size(); ++i) {
     rxJoint_t& state = inner_state_.joints[i];
-    std::deque<TrajViaPoint>& points = traj_via_points_[i];
-    TrajViaPoint& target = traj_target_[i];
-    TrajViaPoint& start = traj_start_[i];
-    const bool had_points = !points.empty();
-    state.trjViaRemain = static_cast<std::uint16_t>(points.size());
-
-    if (state.systemMode != kServoOn) {
-      if (state.trjStatus == kMoving) state.trjStatus = kInterrupted;
-      continue;
+    state.trjViaRemain = static_cast<std::uint16_t>(traj_via_points_[i].size());
+    if (state.systemMode == kServoOn) {
+      ManageJoint(i, clock_advanced);
+    } else if (state.trjStatus == kMoving) {
+      state.trjStatus = kInterrupted;
     }
-    switch (state.trjStatus) {
-      case kStartRequested:
-        if (!had_points) {
-          state.trjStatus = kRefusedNoPoint;
-          break;
-        }
-        target = points.front();
-        points.pop_front();
-        start.position = state.position;
-        start.velocity = state.velocity;
-        start.time = 0;
-        state.trjStatus = kMoving;
-        inner_state_.header.duration = 0;
-        break;
-      case kMoving: {
-        if (!clock_advanced) inner_state_.header.duration += static_cast<float>(cycle_ms_) / 1000.0f;
-        clock_advanced = true;
-        const float t = inner_state_.header.duration;
-        if (target.time > t) {
-          const float r = (t - start.time) / (target.time - start.time);
-          state.refPosition = state.position = start.position + (target.position - start.position) * r;
-          state.refVelocity = start.velocity + (target.velocity - start.velocity) * r;
-        } else {
-          state.refPosition = state.position = target.position;
-          state.trjStatus = kReached;
-        }
+  }
+}
+
+void MasterControllerClientMock::ManageJoint(std::size_t joint, bool& clock_advanced) {
+  rxJoint_t& state = inner_state_.joints[joint];
+  std::deque<TrajViaPoint>& points = traj_via_points_[joint];
+  TrajViaPoint& target = traj_target_[joint];
+  TrajViaPoint& start = traj_start_[joint];
+  const auto take_point = [&](float position, float velocity, float time) {
+    start.position = position;
+    start.velocity = velocity;
+    start.time = time;
+    target = points.front();
+    points.pop_front();
+    state.trjStatus = kMoving;
+  };
+  switch (state.trjStatus) {
+    case kStartRequested:
+      if (points.empty()) {
+        state.trjStatus = kRefusedNoPoint;
         break;
       }
-      case kReached:
-        if (!had_points) {
-          state.trjStatus = kFinished;
-          state.refVelocity = 0;
-          break;
-        }
-        start.position = target.position;
-        start.velocity = target.velocity;
-        start.time = target.time;
-        target = points.front();
-        points.pop_front();
-        state.trjStatus = kMoving;
-        break;
-      case kCancelRequested:
-        points.clear();
-        state.trjStatus = kCancelled;
-        break;
-      default:
-        break;
+      take_point(state.position, state.velocity, 0);
+      inner_state_.header.duration = 0;
+      break;
+    case kMoving: {
+      if (!clock_advanced) inner_state_.header.duration += static_cast<float>(cycle_ms_) / 1000.0f;
+      clock_advanced = true;
+      const float t = inner_state_.header.duration;
+      if (target.time > t) {
+        const float r = (t - start.time) / (target.time - start.time);
+        state.refPosition = state.position = start.position + (target.position - start.position) * r;
+        state.refVelocity = start.velocity + (target.velocity - start.velocity) * r;
+      } else {
+        state.refPosition = state.position = target.position;
+        state.trjStatus = kReached;
+      }
+      break;
     }
+    case kReached:
+      if (points.empty()) {
+        state.trjStatus = kFinished;
+        state.refVelocity = 0;
+        break;
+      }
+      take_point(target.position, target.velocity, target.time);
+      break;
+    case kCancelRequested:
+      points.clear();
+      state.trjStatus = kCancelled;
+      break;
+    default:
+      break;
   }
 }
 
