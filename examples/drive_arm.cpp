@@ -21,50 +21,6 @@ namespace {
 
 volatile std::sig_atomic_t interrupted = 0;
 
-/// What the summary counts, seen from inside the steps.
-struct Counts {
-  int frames = 0;
-  int confirmations = 0;
-  int timeouts = 0;
-  bool gave_up = false;
-};
-
-/// A client or simulator that counts what its steps do.
-template <typename Base>
-class Counting : public Base {
- public:
-  using Base::Base;
-
-  int ReceiveStatus() override {
-    const int received = Base::ReceiveStatus();
-    const unsigned long sent = this->cur_send_packet_.GetTimeStamp();
-    const unsigned long echo = this->last_recv_packet_.header.hostTimestamp;
-    if (counts.frames > 0 && this->cur_send_packet_.GetConfirmReceived() && echo == sent && echo != confirmed_) {
-      ++counts.confirmations;
-      confirmed_ = echo;
-    }
-    return received;
-  }
-
-  void SendPacketInBuffer() override {
-    const bool was_waiting = this->wait_confirm_;
-    const int timeouts = this->timeout_count_;
-    const unsigned long stamp = this->cur_send_packet_.GetTimeStamp();
-    Base::SendPacketInBuffer();
-    if (this->cur_send_packet_.GetTimeStamp() != stamp) ++counts.frames;
-    if (this->timeout_count_ > timeouts) ++counts.timeouts;
-    if (was_waiting && !this->wait_confirm_ && stamp != confirmed_) {
-      ++counts.timeouts;
-      counts.gave_up = true;
-    }
-  }
-
-  Counts counts;
-
- private:
-  unsigned long confirmed_ = 0;
-};
-
 float Target(int joint) { return (joint % 2 == 0 ? 1.0f : -1.0f) * (10.0f + 5.0f * static_cast<float>(joint)); }
 
 /// One source of commands: it knows its own joints and nothing of the other source.
@@ -113,7 +69,7 @@ class Display {
 };
 
 /// @return whether every joint arrived
-bool Drive(MasterControllerClient& arm, const Counts& counts, int joints, int timeout_s) {
+bool Drive(MasterControllerClient& arm, int joints, int timeout_s) {
   arm.CreateIndependentSendPacketBuffer("shoulder");
   arm.CreateIndependentSendPacketBuffer("wrist");
   SendPacket servo(joints), mode(joints);
@@ -132,7 +88,7 @@ bool Drive(MasterControllerClient& arm, const Counts& counts, int joints, int ti
   int packets = 0;
   constexpr int kSteady = 10;  // statuses in a row that must show every joint in place
   int steady = 0;
-  while (interrupted == 0 && !counts.gave_up && arm.IsConnected()) {
+  while (interrupted == 0 && arm.GetStatistics().commands_given_up == 0 && arm.IsConnected()) {
     arm.ReceiveStatus();
     arm.SendPacketInBuffer();
     const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
@@ -143,20 +99,25 @@ bool Drive(MasterControllerClient& arm, const Counts& counts, int joints, int ti
       steady = all ? steady + 1 : 0;
       display.Show(status, seconds);
     }
-    if ((steady >= kSteady && arm.GetSendBufferSize() == 0) || seconds > timeout_s) break;
+    const bool all_sent = arm.GetSendBufferSize() == 0 && !arm.IsConfirmationPending();
+    if ((steady >= kSteady && all_sent) || seconds > timeout_s) break;
     next = std::max(next + std::chrono::milliseconds(1), Clock::now() - std::chrono::milliseconds(10));
     std::this_thread::sleep_until(next);
   }
 
   const RecvPacket last = arm.GetLastRecvPacket();
+  const velta::Statistics counts = arm.GetStatistics();
+  const bool gave_up = counts.commands_given_up != 0;
   const char* trouble = interrupted != 0     ? "interrupted"
-                        : counts.gave_up     ? "the controller does not confirm"
+                        : gave_up            ? "the controller does not confirm"
                         : !arm.IsConnected() ? "the link is lost"
                         : packets == 0       ? "the controller sends no status"
                         : steady < kSteady   ? "the joints did not arrive in time"
                                              : nullptr;
-  std::printf("\nframes sent      %d\nconfirmations    %d\ntime-outs        %d\nstatus packets   %d\n", counts.frames,
-              counts.confirmations, counts.timeouts, packets);
+  const auto number = [](std::uint64_t value) { return static_cast<unsigned long>(value); };
+  std::printf("\nframes sent      %lu\nconfirmations    %lu\ntime-outs        %lu\nstatus packets   %d\n",
+              number(counts.frames_sent), number(counts.commands_confirmed),
+              number(counts.frames_sent_again + counts.commands_given_up), packets);
   bool all = packets > 0;
   for (int i = 0; i < joints; ++i) {
     const bool there = packets > 0 && Arrived(last, i);
@@ -219,10 +180,10 @@ int main(int argc, char** argv) {
   std::signal(SIGTERM, [](int) { interrupted = 1; });
 
   if (tcp.empty() && udp.empty() && serial.empty()) {
-    Counting<MasterControllerClientMock> arm(joints, 1);
-    return Drive(arm, arm.counts, joints, timeout_s) ? 0 : 1;
+    MasterControllerClientMock arm(joints, 1);
+    return Drive(arm, joints, timeout_s) ? 0 : 1;
   }
-  Counting<MasterControllerClient> arm(joints);
+  MasterControllerClient arm(joints);
   const bool open = !tcp.empty()   ? arm.InitAsTcpClient(name, number)
                     : !udp.empty() ? arm.InitAsUdpClient(name, number)
                                    : arm.InitAsSerialClient(name, static_cast<unsigned>(number));
@@ -230,5 +191,5 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "drive_arm: cannot open %s\n", (tcp + udp + serial).c_str());
     return 1;
   }
-  return Drive(arm, arm.counts, joints, timeout_s) ? 0 : 1;
+  return Drive(arm, joints, timeout_s) ? 0 : 1;
 }

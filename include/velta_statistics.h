@@ -11,7 +11,7 @@ namespace velta {
 
 /// What one client has received, sent and dropped since its construction; a copy, taken from any thread by
 /// MasterControllerClient::GetStatistics(). The values of one copy may be from slightly different moments. A simulator
-/// counts snapshots as frames received, and the packets that it interprets as frames sent.
+/// counts snapshots as frames received, and the packets that it interprets as frames sent, and as confirmed if they ask.
 struct Statistics {
   std::uint64_t bytes_received = 0;      ///< read from the link
   std::uint64_t frames_received = 0;     ///< status frames with a right CRC

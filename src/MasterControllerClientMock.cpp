@@ -89,6 +89,7 @@ void MasterControllerClientMock::SendPacketInBuffer() {
   if (!TakeNextPacket()) return;
   ParseSendPacket(cur_send_packet_);
   parts_->frames_sent.Add(1);
+  if (cur_send_packet_.GetConfirmReceived()) parts_->commands_confirmed.Add(1);
 }
 
 // No lock, deliberately: types are set before the simulation matters.

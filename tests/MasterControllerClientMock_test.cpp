@@ -137,6 +137,7 @@ TEST(Simulator, InterpretsOneCommandPerStepWithoutTheGate) {
   sim.ReceiveStatus();
   EXPECT_EQ(+sim.GetLastRecvPacket().header.hostTimestamp, merged);
   EXPECT_EQ(sim.GetStatistics().frames_sent, 4u);
+  EXPECT_EQ(sim.GetStatistics().commands_confirmed, 3u);  // as many as asked for it
   EXPECT_EQ(sim.GetStatistics().frames_received, 1u);
 }
 
