@@ -2,6 +2,7 @@
 // Drives an arm to a target pose: servo on, trajectory mode, one trajectory queued by two independent sources, every
 // command confirmed. Works against a controller on TCP, UDP or a serial line, or against the simulator in the library.
 #include <unistd.h>
+#include <velta_session.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -9,13 +10,10 @@
 #include <cmath>
 #include <csignal>
 #include <cstdio>
-#include <memory>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
-
-#include "MasterControllerClient.h"
-#include "MasterControllerClientMock.h"
 
 namespace {
 
@@ -24,21 +22,34 @@ volatile std::sig_atomic_t interrupted = 0;
 float Target(int joint) { return (joint % 2 == 0 ? 1.0f : -1.0f) * (10.0f + 5.0f * static_cast<float>(joint)); }
 
 /// One source of commands: it knows its own joints and nothing of the other source.
-void QueueTrajectory(MasterControllerClient& arm, const std::string& source, int joints, int first, int last) {
-  if (first == last) return;
-  const auto push = [&](auto command) {
+std::vector<velta::Ticket> SendTrajectory(velta::Source source, int joints, int first, int last) {
+  std::vector<velta::Ticket> tickets;
+  if (first == last) return tickets;
+  const auto send = [&](auto command) {
     SendPacket packet(joints);
     for (int joint = first; joint < last; ++joint) command(packet, joint, std::to_string(joint));
-    arm.PushBackIndependentSendBuffer(packet, source, true, false, "");
+    tickets.push_back(source.Send(packet, velta::Confirm::kYes));
   };
-  push([](SendPacket& p, int, const std::string& id) { p.SetTrajectoryViaClear(id); });
-  push([](SendPacket& p, int joint, const std::string& id) {
+  send([](SendPacket& p, int, const std::string& id) { p.SetTrajectoryViaClear(id); });
+  send([](SendPacket& p, int joint, const std::string& id) {
     p.SetTrajectoryPT_LinSpline(id, 0.25f * Target(joint), 0.5f, true);
   });
-  push([](SendPacket& p, int joint, const std::string& id) {
+  send([](SendPacket& p, int joint, const std::string& id) {
     p.SetTrajectoryPT_LinSpline(id, Target(joint), 1.5f, true);
   });
-  push([](SendPacket& p, int, const std::string& id) { p.SetTrajectoryControlStart(id); });
+  send([](SendPacket& p, int, const std::string& id) { p.SetTrajectoryControlStart(id); });
+  return tickets;
+}
+
+/// Whether every ticket is confirmed. @param[out] trouble  why one never will be
+bool AllConfirmed(const std::vector<velta::Ticket>& tickets, const char*& trouble) {
+  bool all = true;
+  for (const velta::Ticket& ticket : tickets) {
+    all = all && ticket.Outcome() == velta::Outcome::kConfirmed;
+    if (ticket.Outcome() == velta::Outcome::kGaveUp) trouble = "the controller does not confirm";
+    if (ticket.Outcome() == velta::Outcome::kDiscarded && trouble == nullptr) trouble = "the link is lost";
+  }
+  return all;
 }
 
 bool Arrived(const RecvPacket& status, int joint) {
@@ -69,66 +80,62 @@ class Display {
 };
 
 /// @return whether every joint arrived
-bool Drive(MasterControllerClient& arm, int joints, int timeout_s) {
-  arm.CreateIndependentSendPacketBuffer("shoulder");
-  arm.CreateIndependentSendPacketBuffer("wrist");
+bool Drive(velta::Session& arm, int joints, int timeout_s) {
   SendPacket servo(joints), mode(joints);
   servo.SetServoOn("all");
   mode.SetTrajectoryControlMode("all");
-  arm.PushSendQueue(servo, true);
-  arm.PushSendQueue(mode, true);
-  const int middle = (joints + 1) / 2;
-  QueueTrajectory(arm, "shoulder", joints, 0, middle);    // the sources command different joints,
-  QueueTrajectory(arm, "wrist", joints, middle, joints);  // so their packets leave as one
+  std::vector<velta::Ticket> tickets = {arm.Send(servo, velta::Confirm::kYes), arm.Send(mode, velta::Confirm::kYes)};
+  bool is_ready = false;  // servo on, trajectory mode
 
   using Clock = std::chrono::steady_clock;
   const auto start = Clock::now();
   auto next = start;
   Display display;
-  int packets = 0;
   constexpr int kSteady = 10;  // statuses in a row that must show every joint in place
   int steady = 0;
-  while (interrupted == 0 && arm.GetStatistics().commands_given_up == 0 && arm.IsConnected()) {
-    arm.ReceiveStatus();
-    arm.SendPacketInBuffer();
+  RecvPacket last(joints);
+  const char* trouble = nullptr;
+  while (trouble == nullptr) {
+    arm.Step();  // the loop is this program's own
     const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-    for (const RecvPacket& status : arm.GetCurStatePacket()) {
-      ++packets;
+    for (RecvPacket& status : arm.Drain()) {
+      last = status;
       bool all = true;
       for (int i = 0; i < joints; ++i) all = all && Arrived(status, i);
       steady = all ? steady + 1 : 0;
       display.Show(status, seconds);
     }
-    const bool all_sent = arm.GetSendBufferSize() == 0 && !arm.IsConfirmationPending();
-    if ((steady >= kSteady && all_sent) || seconds > timeout_s) break;
+    const bool is_confirmed = AllConfirmed(tickets, trouble);
+    if (is_confirmed && !is_ready) {
+      is_ready = true;
+      const int middle = (joints + 1) / 2;
+      tickets = SendTrajectory(arm.AddSource("shoulder"), joints, 0, middle);  // they command different joints,
+      const auto more =
+          SendTrajectory(arm.AddSource("wrist"), joints, middle, joints);  // so their packets leave as one
+      tickets.insert(tickets.end(), more.begin(), more.end());
+    } else if (is_confirmed && steady >= kSteady) {
+      break;
+    }
+    if (seconds > timeout_s) trouble = "the joints did not arrive in time";
+    if (interrupted != 0) trouble = "interrupted";
     next = std::max(next + std::chrono::milliseconds(1), Clock::now() - std::chrono::milliseconds(10));
     std::this_thread::sleep_until(next);
   }
 
-  const RecvPacket last = arm.GetLastRecvPacket();
-  const velta::Statistics counts = arm.GetStatistics();
-  const bool gave_up = counts.commands_given_up != 0;
-  const char* trouble = interrupted != 0     ? "interrupted"
-                        : gave_up            ? "the controller does not confirm"
-                        : !arm.IsConnected() ? "the link is lost"
-                        : packets == 0       ? "the controller sends no status"
-                        : steady < kSteady   ? "the joints did not arrive in time"
-                                             : nullptr;
-  const auto number = [](std::uint64_t value) { return static_cast<unsigned long>(value); };
-  std::printf("\nframes sent      %lu\nconfirmations    %lu\ntime-outs        %lu\nstatus packets   %d\n",
-              number(counts.frames_sent), number(counts.commands_confirmed),
-              number(counts.frames_sent_again + counts.commands_given_up), packets);
-  bool all = packets > 0;
+  const velta::Statistics counts = arm.GetStatistics().client;
+  std::printf("\nframes sent      %llu\nconfirmations    %llu\nsent again       %llu\nstatus packets   %llu\n",
+              static_cast<unsigned long long>(counts.frames_sent),
+              static_cast<unsigned long long>(counts.commands_confirmed),
+              static_cast<unsigned long long>(counts.frames_sent_again),
+              static_cast<unsigned long long>(counts.frames_received));
   for (int i = 0; i < joints; ++i) {
-    const bool there = packets > 0 && Arrived(last, i);
-    all = all && there;
     std::printf("joint %-3d position %9.3f  target %9.3f  %s\n", i,
                 static_cast<double>(last.joints[static_cast<std::size_t>(i)].position), static_cast<double>(Target(i)),
-                there ? "arrived" : "not there");
+                Arrived(last, i) ? "arrived" : "not there");
   }
   std::fflush(stdout);
   if (trouble != nullptr) std::fprintf(stderr, "drive_arm: %s\n", trouble);
-  return all && trouble == nullptr;
+  return trouble == nullptr;
 }
 
 /// Cuts TEXT:NUMBER at its last colon.
@@ -179,17 +186,23 @@ int main(int argc, char** argv) {
   std::signal(SIGINT, [](int) { interrupted = 1; });
   std::signal(SIGTERM, [](int) { interrupted = 1; });
 
-  if (tcp.empty() && udp.empty() && serial.empty()) {
-    MasterControllerClientMock arm(joints, 1);
-    return Drive(arm, joints, timeout_s) ? 0 : 1;
-  }
-  MasterControllerClient arm(joints);
-  const bool open = !tcp.empty()   ? arm.InitAsTcpClient(name, number)
-                    : !udp.empty() ? arm.InitAsUdpClient(name, number)
-                                   : arm.InitAsSerialClient(name, static_cast<unsigned>(number));
-  if (!open) {
-    std::fprintf(stderr, "drive_arm: cannot open %s\n", (tcp + udp + serial).c_str());
+  const std::string address = name + ":" + std::to_string(number);
+  velta::SessionOptions options;
+  options.link = !tcp.empty()      ? "tcp://" + address
+                 : !udp.empty()    ? "udp://" + address
+                 : !serial.empty() ? "serial://" + name + "?baud=" + std::to_string(number)
+                                   : "sim:";
+  options.joints = joints;
+  options.reconnect = false;  // a drive that was cut off is not taken up again
+  try {
+    velta::Session arm(options);
+    arm.Step();
+    std::string why;
+    if (arm.WaitConnected(std::chrono::seconds(timeout_s), &why)) return Drive(arm, joints, timeout_s) ? 0 : 1;
+    std::fprintf(stderr, "drive_arm: cannot reach %s: %s\n", (tcp + udp + serial).c_str(), why.c_str());
     return 1;
+  } catch (const std::invalid_argument& error) {
+    std::fprintf(stderr, "drive_arm: %s\n", error.what());
+    return 2;
   }
-  return Drive(arm, joints, timeout_s) ? 0 : 1;
 }
