@@ -72,6 +72,11 @@ class SessionTest : public testing::Test {
     options.silence = std::chrono::nanoseconds(0);
   }
 
+  ~SessionTest() override {
+    shared->admission->Stop();
+    loop->Close();
+  }
+
   /// Builds the session; the first cycle opens the link, the second hears a status.
   void Connect() {
     if (loop == nullptr) Build();
@@ -540,7 +545,7 @@ TEST_F(SessionTest, KeepsTheNewestEventsAndCountsTheRest) {
   EXPECT_EQ(values[256], 299);
 }
 
-TEST_F(SessionTest, LatenessIsCountedInClassesOfThreePercent) {
+TEST(SessionLatenessTest, IsCountedInClassesOfThreePercent) {
   Histogram histogram;
   for (Nanos us = 1; us <= 1000; ++us) histogram.Add(us * 1000);
   const Lateness lateness = histogram.Get();
