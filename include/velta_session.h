@@ -43,9 +43,9 @@ enum class Reason : std::uint8_t {
   kNone,         ///< it was not
   kNoLink,       ///< given while the link was away, or before Start()
   kLinkLost,     ///< waited, or was not confirmed yet, when the link was lost
-  kOtherGaveUp,  ///< waited when another command was given up
+  kOtherGaveUp,  ///< waited in the plain queue, or in a source of the frame, when another command was given up
   kDeadMan,      ///< the dead-man stopped the arm, and nothing was rearmed yet
-  kStopped,      ///< the session was stopped
+  kStopped,      ///< the session was stopped, or its source told to discard it
   kReplaced,     ///< a newer command of the same key took its place
   kBadCommand,   ///< its joint count is not the session's
   kQueueFull     ///< more commands wait than SessionOptions::queue_size
@@ -201,7 +201,9 @@ VELTA_API std::string ToJson(const SessionStatistics& statistics);
 /// Errors:  the constructor throws std::invalid_argument, one line, for options that no arm could be driven with. After
 ///          it, results, events and outcomes only.
 /// Threads: every operation but the destructor may be called from any thread, also from callbacks. None of them waits
-///          for the link.
+///          for the link. Callbacks come from one thread of the session, not its loop's: they may block, throw and stop
+///          the session. In a host's own loop they come from Step() and Stop().
+/// Output:  nothing is printed, not even what a client prints; events report it.
 class VELTA_API Session {
  public:
   explicit Session(SessionOptions options);
@@ -213,10 +215,12 @@ class VELTA_API Session {
   /// Either Start(), for a thread of the session's own, or Step() from one thread of the host's.
   /// @{
   void Start();  ///< returns at once; nothing on a session that was started or stopped
-  void Step();   ///< one cycle: receive, send, reconnect; never waits. Callbacks run in it.
+  /// One cycle: receive, send, reconnect; never waits. Callbacks run in it, and flight records are written. There is no
+  /// thread of the session then: a host that hangs takes its dead-man with it. Nothing on a session that was started.
+  void Step();
   void Stop();   ///< ends everything within 50 ms; whatever waits is discarded. For good; nothing the second time.
 
-  /// Waits for the first status.
+  /// Waits for the first status of a connection; runs the steps meanwhile if the host's loop does elsewhere.
   /// @param[out] why  if not null, one line that says why there is none
   bool WaitConnected(std::chrono::nanoseconds timeout, std::string* why = nullptr);
   bool IsConnected() const;  ///< the link is up and statuses arrive
@@ -226,11 +230,12 @@ class VELTA_API Session {
   /// @name Commands
   /// @{
 
-  /// Queues a copy of the command, in the order of the calls.
+  /// Queues a copy of the command, in the order of the calls. Its frame gets a time stamp of the session's: above all
+  /// before, so that no old echo can confirm it.
   Ticket Send(const SendPacket& command, Confirm confirm = Confirm::kNo);
 
-  /// Files the command under key; one that still waits there is discarded (Reason::kReplaced). Keys are sent in turn,
-  /// when nothing else waits.
+  /// Files the command under key; one that still waits there is discarded (Reason::kReplaced). Keys take turns with
+  /// each other, and with the plain queue and the sources. Keys are never forgotten.
   Ticket SendNewest(const std::string& key, const SendPacket& command, Confirm confirm = Confirm::kNo);
 
   /// A new source; names need not differ.
@@ -261,7 +266,9 @@ class VELTA_API Session {
   void OnStatus(StatusCallback callback);  ///< from the session's thread, for each status; replaces the earlier one
 
   using EventCallback = std::function<void(const Event&)>;
-  void OnEvent(EventCallback callback);  ///< from the session's thread, in order; replaces the earlier one
+  /// From the session's thread, in order; the newest 256 wait for a slow callback. Replaces the earlier one. Without one
+  /// events are dropped: set it before Start().
+  void OnEvent(EventCallback callback);
 
   SessionStatistics GetStatistics() const;
 
