@@ -218,9 +218,9 @@ class VELTA_API Session {
   /// One cycle: receive, send, reconnect; never waits. Callbacks run in it, and flight records are written. There is no
   /// thread of the session then: a host that hangs takes its dead-man with it. Nothing on a session that was started.
   void Step();
-  void Stop();   ///< ends everything within 50 ms; whatever waits is discarded. For good; nothing the second time.
+  void Stop();  ///< ends everything within 50 ms; whatever waits is discarded. For good; nothing the second time.
 
-  /// Waits for the first status of a connection; runs the steps meanwhile if the host's loop does elsewhere.
+  /// Waits for the first status of a connection; in a loop of the host's own, runs its steps meanwhile.
   /// @param[out] why  if not null, one line that says why there is none
   bool WaitConnected(std::chrono::nanoseconds timeout, std::string* why = nullptr);
   bool IsConnected() const;  ///< the link is up and statuses arrive
