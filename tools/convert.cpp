@@ -87,6 +87,7 @@ void AddConvert(CLI::App& app, Action& action) {
   CLI::App* const command =
       app.add_subcommand("convert", "Turn a recording into a table or a capture, or a capture into a recording");
   AddExcerptOptions(*command, options->excerpt);
+  command->get_option("FILE")->description("A recording of velta record, or a capture (pcap or pcapng)");
   command
       ->add_option("-f,--format", options->format,
                    "csv: a row per status frame; jsonl: a line per frame and event; pcapng: a capture of packets; "
@@ -97,7 +98,8 @@ void AddConvert(CLI::App& app, Action& action) {
       ->type_name("FILE");
   command->add_option("--port", options->port, "The controller's port in a capture; none for a serial line's")
       ->check(CLI::Range(1, 65535))
-      ->type_name("PORT");
+      ->type_name("PORT")
+      ->default_str("");
   command->footer(
       "Examples:\n"
       "  velta convert run.vrec --from 2s --to 5s -o run.csv\n"
