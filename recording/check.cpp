@@ -232,13 +232,12 @@ class TroubleWatcher {
 
   template <typename Stream>
   void CheckBytes(std::uint64_t time, bool is_in, const char* what, const Stream& stream, Counts& counts) {
-    if (is_in && stream.BadCrc() != counts.bad) {
-      Found(Trouble::kBadFrame, time, -1,
-            fmt::format("{} {} frame(s) with a wrong CRC", stream.BadCrc() - counts.bad, what));
+    const auto plural = [](std::uint64_t n) { return n == 1 ? "" : "s"; };
+    if (const std::uint64_t bad = stream.BadCrc() - counts.bad; is_in && bad != 0) {
+      Found(Trouble::kBadFrame, time, -1, fmt::format("{} {} frame{} with a wrong CRC", bad, what, plural(bad)));
     }
-    if (is_in && stream.Garbage() != counts.garbage) {
-      Found(Trouble::kGarbage, time, -1,
-            fmt::format("{} byte(s) outside {} frames", stream.Garbage() - counts.garbage, what));
+    if (const std::uint64_t garbage = stream.Garbage() - counts.garbage; is_in && garbage != 0) {
+      Found(Trouble::kGarbage, time, -1, fmt::format("{} byte{} outside {} frames", garbage, plural(garbage), what));
     }
     counts = {stream.BadCrc(), stream.Garbage()};
   }
