@@ -71,6 +71,7 @@ def seconds(call, rounds=5):
 
 
 def arrays():
+    file = tempfile.NamedTemporaryFile(suffix=".vrec")
     with velta.connect("sim:", JOINTS, period=1e-4, flight_recorder=SECONDS, status_buffer=20000) as arm:
         ratios = []
         while len(ratios) < 5:
@@ -84,17 +85,17 @@ def arrays():
             copy, _ = seconds(lambda: (states.joints.copy(), states.received.copy()))
             ratios.append(took / copy)
         yield "drain: times a memcpy", statistics.median(ratios), 2.0, f"({len(states)} statuses at a time)"
-        with tempfile.NamedTemporaryFile(suffix=".vrec") as file:
-            arm.write_flight_record(file.name)
-            head = 16 + struct.unpack_from("<H", file.read(), 12)[0]
-            file.seek(head)
-            records = file.read()
-            file.write(records * (20_000_000 // len(records)))
-            file.flush()
-            fast, recording = seconds(lambda: velta.read_recording(file.name))
-            slow, (received, frames) = seconds(lambda: unpack(file.name), 2)
-            assert recording.states.received.tolist() == received and len(frames) == len(recording.states)
-            yield "read_recording: times faster than struct", slow / fast, -20.0, f"({len(frames)} statuses)"
+        arm.write_flight_record(file.name)
+    # The loop is over: nothing competes with what is measured.
+    head = 16 + struct.unpack_from("<H", file.read(), 12)[0]
+    file.seek(head)
+    records = file.read()
+    file.write(records * (20_000_000 // len(records)))
+    file.flush()
+    fast, recording = seconds(lambda: velta.read_recording(file.name))
+    slow, (received, frames) = seconds(lambda: unpack(file.name), 2)
+    assert recording.states.received.tolist() == received and len(frames) == len(recording.states)
+    yield "read_recording: times faster than struct", slow / fast, -20.0, f"({len(frames)} statuses)"
 
 
 def lateness(program):

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "states.h"
 
+#include <cstring>
 #include <utility>
 
 namespace velta::python {
@@ -13,10 +14,22 @@ States::States(int joints, std::size_t count) : joints_(joints) {
 
 void States::Add(const RecvPacket& packet, std::uint64_t received) {
   records_.insert(records_.end(), packet.joints.begin(), packet.joints.end());
-  time_.push_back(packet.header.timestamp);
-  host_time_.push_back(packet.header.hostTimestamp);
+  AddHeader(packet.header, received);
+}
+
+void States::AddFrame(const char* frame, std::uint64_t received) {
+  rxHeader_t header{};
+  std::memcpy(&header, frame, sizeof header);
+  const auto* const first = reinterpret_cast<const rxJoint_t*>(frame + sizeof header);  // records have no alignment
+  records_.insert(records_.end(), first, first + joints_);
+  AddHeader(header, received);
+}
+
+void States::AddHeader(const rxHeader_t& header, std::uint64_t received) {
+  time_.push_back(header.timestamp);
+  host_time_.push_back(header.hostTimestamp);
   received_.push_back(received);
-  duration_.push_back(packet.header.duration);
+  duration_.push_back(header.duration);
 }
 
 py::object States::ToPython() {

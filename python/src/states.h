@@ -19,12 +19,17 @@ class States {
 
   void Add(const RecvPacket& packet, std::uint64_t received);
 
+  /// The same from a whole frame with a right CRC.
+  void AddFrame(const char* frame, std::uint64_t received);
+
   /// A velta.States; what is here is moved there. With the GIL.
   py::object ToPython();
 
   std::uint64_t left_out = 0;
 
  private:
+  void AddHeader(const rxHeader_t& header, std::uint64_t received);
+
   int joints_;
   std::vector<rxJoint_t> records_;
   std::vector<std::uint64_t> time_, host_time_, received_;

@@ -74,7 +74,7 @@ class RecordedEvent(NamedTuple):
     """"opened" or "closed\""""
 
 
-@dataclass(frozen=True, eq=False)
+@dataclass(frozen=True, eq=False, repr=False)
 class Recording:
     """What passed on a link."""
 
@@ -87,3 +87,6 @@ class Recording:
     events: list[RecordedEvent]
     lost_bytes: int
     """bytes that belong to no good frame"""
+
+    def __repr__(self) -> str:
+        return f"<velta.Recording of {self.link}: {len(self.states)} statuses, {len(self.commands)} commands>"
