@@ -1,29 +1,32 @@
 // SPDX-License-Identifier: MIT
 #include "diagnosis.h"
 
-#include <unistd.h>
+#include <fmt/format.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
-#include <fstream>
 #include <functional>
-#include <system_error>
 
 #include "protocol.h"
 #include "status_words.h"
+#include "timing.h"
 
 namespace velta::tools {
 
-namespace fs = std::filesystem;
-
 namespace {
 
+using Kind = Finding::Kind;
+using LinkKind = LinkAddress::Kind;
+
+constexpr int kMostJoints = 64;            // joint counts that are tried when the given one does not fit
 constexpr std::size_t kMostBytes = 32768;  // enough to judge, and quick for every joint count
+constexpr std::int64_t kMs = 1'000'000;
 
 int CountFrames(const std::vector<char>& bytes, int joints) {
-  const auto size = static_cast<std::size_t>(StatusFrameSizes(joints).packet);
-  const std::size_t length = std::min(bytes.size(), kMostBytes);
   RecvPacket status(joints);
+  const auto size = static_cast<std::size_t>(status.GetPacketSize());
+  const std::size_t length = std::min(bytes.size(), kMostBytes);
   int count = 0;
   for (std::size_t i = 0; i + size <= length;) {
     const auto from = bytes.begin() + static_cast<std::ptrdiff_t>(i);
@@ -36,16 +39,177 @@ int CountFrames(const std::vector<char>& bytes, int joints) {
   return count;
 }
 
-/// @return "joints 0, 2" of those that fulfil the condition; empty for none
-std::string Joints(const RecvPacket& status, const std::function<bool(const rxJoint_t&)>& condition) {
-  std::string text;
-  for (std::size_t i = 0; i < status.joints.size(); ++i) {
-    if (condition(status.joints[i])) text += (text.empty() ? "" : "/") + std::to_string(i);
+Finding Silence(const Observation& seen) {
+  if (seen.kind == LinkKind::kSerial) {
+    return {
+        Kind::kFailure,
+        fmt::format("the device is open, but silent: check the wiring, the baud rate and that the controller is on{}",
+                    seen.is_shared ? "; the other process may take its bytes" : "")};
   }
-  return text;
+  return {
+      Kind::kFailure,
+      fmt::format("{}: check the port, that the controller runs, and that {} is its joint count",
+                  seen.kind == LinkKind::kUdp ? "nothing came back, to no command" : "connected, but silent", seen.joints)};
+}
+
+Finding NoFrame(const Observation& seen) {
+  const std::string bytes =
+      fmt::format("{} bytes arrived, but no good frame of {} joints", seen.bytes.size(), seen.joints);
+  if (const std::optional<int> fit = FitJointCount(seen.bytes, kMostJoints)) {
+    return {Kind::kFailure, fmt::format("{}: the controller is set to {} joints; use -n {}", bytes, *fit, *fit)};
+  }
+  return {Kind::kFailure,
+          fmt::format("{}, nor of 0 to {} joints: {}", bytes, kMostJoints,
+                      seen.kind == LinkKind::kSerial ? "check the baud rate and the wiring"
+                                                 : "this is another service, or the bytes are damaged on the way")};
+}
+
+void JudgeStream(const Observation& seen, Findings& findings) {
+  const auto frame = static_cast<std::size_t>(seen.statuses.front().packetSize);
+  const std::size_t discarded = seen.bytes.size() - seen.statuses.size() * frame;
+  const std::string count = fmt::format("{} good statuses of {} joints{}", seen.statuses.size(), seen.joints,
+                                        seen.unasked == 0 ? ", only in answer to commands" : "");
+  if (discarded >= frame) {
+    findings.push_back({Kind::kWarning, fmt::format("{}, but {} bytes belong to none: look for noise or lost bytes",
+                                                    count, discarded)});
+  } else {
+    findings.push_back({Kind::kGood, count});
+  }
+  const auto stamp = [](const RecvPacket& status) { return status.header.timestamp; };
+  if (seen.statuses.size() > 3 && stamp(seen.statuses.front()) == stamp(seen.statuses.back())) {
+    findings.push_back({Kind::kFailure, "the status is frozen: its time stamp never changes; restart the controller"});
+  }
+}
+
+void JudgeEcho(const Observation& seen, Findings& findings) {
+  if (seen.foreign_echoes.size() > 1) {
+    findings.push_back(
+        {Kind::kWarning, "the controller also echoes commands that are not from here: another host drives it"});
+  }
+  if (seen.commands.empty()) return;  // the link was lost before
+  std::vector<std::int64_t> delays;
+  for (const auto& [stamp, command] : seen.commands) {
+    if (command.delay) delays.push_back(*command.delay);
+  }
+  if (delays.empty()) {
+    findings.push_back(
+        {Kind::kFailure,
+         fmt::format(
+             "statuses arrive, but the echo never comes: the controller accepts no command from here; check that "
+             "it is in remote mode, is set to {} joints for commands too, and that the line to it is connected",
+             seen.joints)});
+    return;
+  }
+  std::sort(delays.begin(), delays.end());
+  const std::string count = fmt::format("{} of {} commands", delays.size(), seen.commands.size());
+  const std::int64_t usual = Percentile(delays, 0.5);
+  const bool last_missing = !seen.commands.rbegin()->second.delay;
+  if (last_missing && delays.front() > 35 * kMs) {
+    findings.push_back(
+        {Kind::kFailure,
+         "the echo is stale: a command is echoed only after the next one, so no confirmation ever comes"});
+  } else if (last_missing || delays.size() + 1 < seen.commands.size()) {
+    findings.push_back({Kind::kWarning, "the controller echoes only " + count + ": the others are lost on the way"});
+  } else if (usual > 20 * kMs) {
+    findings.push_back({Kind::kWarning, "the echo comes late, usually after " + RoundedDuration(usual) +
+                                            ": confirmed commands wait that long"});
+  } else {
+    findings.push_back({Kind::kGood, "the controller echoes " + count + ", usually after " + RoundedDuration(usual)});
+  }
+}
+
+Finding JudgeClocks(const Observation& seen) {
+  if (seen.clock_jump > 0) {
+    return {Kind::kFailure, fmt::format("this machine's clock jumps by {}: time stamps repeat or leap; let the time "
+                                        "service slew instead of step",
+                                        RoundedDuration(seen.clock_jump))};
+  }
+  const auto backwards = std::adjacent_find(
+      seen.statuses.begin(), seen.statuses.end(),
+      [](const RecvPacket& a, const RecvPacket& b) { return b.header.timestamp < a.header.timestamp; });
+  if (backwards == seen.statuses.end()) return {Kind::kGood, "clocks run steadily"};
+  return {Kind::kWarning,
+          "the controller's time stamps run backwards at times: it restarted, or statuses overtake each other"};
+}
+
+void JudgeJoints(const RecvPacket& status, Findings& findings) {
+  const std::size_t before = findings.size();
+  const auto look = [&](const std::function<bool(const rxJoint_t&)>& condition, const char* cause, const char* advice) {
+    std::string joints;
+    for (std::size_t i = 0; i < status.joints.size(); ++i) {
+      if (condition(status.joints[i])) joints += (joints.empty() ? "" : "/") + std::to_string(i);
+    }
+    if (joints.empty()) return;
+    findings.push_back({Kind::kWarning, fmt::format("joints {0} {1}: {2} --select {0}", joints, cause, advice)});
+  };
+  look(HasFault, "report a fault", "find its cause, then velta send LINK reset");
+  look([](const rxJoint_t& j) { return j.systemMode == 0 && !HasFault(j); }, "have their servo off",
+       "velta send LINK servo-on");
+  look([](const rxJoint_t& j) { return j.trjStatus == 'm'; }, "refused a trajectory because their servo was off",
+       "switch it on, then velta send LINK trajectory-control-start");
+  look([](const rxJoint_t& j) { return j.trjStatus == 'f'; }, "refused a trajectory because it had no points",
+       "send points, then velta send LINK trajectory-control-start");
+  look([](const rxJoint_t& j) { return j.trjStatus == 'o'; }, "stopped because their servo went off while they moved",
+       "velta send LINK servo-on");
+  if (findings.size() == before) {
+    findings.push_back({Kind::kGood, "no joint reports anything that keeps it from moving"});
+  }
 }
 
 }  // namespace
+
+Findings Diagnose(const Observation& seen) {
+  if (seen.bytes.empty()) return {Silence(seen)};
+  if (seen.statuses.empty()) return {NoFrame(seen)};
+  Findings findings;
+  JudgeStream(seen, findings);
+  JudgeEcho(seen, findings);
+  findings.push_back(JudgeClocks(seen));
+  JudgeJoints(seen.statuses.back(), findings);
+  return findings;
+}
+
+std::string Conclusion(const Findings& findings) {
+  const auto count = [&](Kind kind) {
+    return std::count_if(findings.begin(), findings.end(), [kind](const Finding& f) { return f.kind == kind; });
+  };
+  if (count(Kind::kFailure) > 1) return "begin with the first failure";
+  if (count(Kind::kFailure) == 1) return "this keeps the link from working";
+  return count(Kind::kWarning) > 0 ? "the link works; mind the warnings" : "healthy";
+}
+
+Finding ExplainOpening(const LinkAddress& link, int error, const std::string& what) {
+  switch (error) {
+    case ECONNREFUSED:
+      return {Kind::kFailure, fmt::format("{} refuses: the machine is there, but nothing listens on port {}; start the "
+                                          "controller, or check the port",
+                                          ToString(link), link.port)};
+    case ETIMEDOUT:
+    case EHOSTUNREACH:
+    case ENETUNREACH:
+    case EHOSTDOWN:
+      return {Kind::kFailure, "cannot reach " + link.host + ": check power, cable, address, netmask and firewall"};
+    case EBUSY:
+      return {Kind::kFailure, link.device + " is busy: another process opened it for itself alone"};
+    case EINVAL:
+      return {Kind::kFailure, fmt::format("{} cannot be set to {} baud: try a standard rate", link.device, link.baud)};
+    default:
+      return {Kind::kFailure, what};
+  }
+}
+
+Finding ExplainLoss(const LinkAddress& link, int error, const std::string& what) {
+  if (link.kind == LinkKind::kUdp && error == ECONNREFUSED) {
+    return {Kind::kFailure, ToString(link) + " refuses: the machine is there, but nothing listens on that UDP port"};
+  }
+  if (error == ECONNABORTED || error == ECONNRESET || error == EPIPE) {
+    return {Kind::kFailure, "the controller closed the link: it may serve another host already, or have restarted"};
+  }
+  if (error == ETIMEDOUT) {
+    return {Kind::kFailure, "the controller takes no more bytes: it is stuck, or this is another service"};
+  }
+  return {Kind::kFailure, what};
+}
 
 std::optional<int> FitJointCount(const std::vector<char>& bytes, int max_joints) {
   std::optional<int> best;
@@ -59,37 +223,6 @@ std::optional<int> FitJointCount(const std::vector<char>& bytes, int max_joints)
   return best;
 }
 
-std::vector<std::string> HoldersOf(const fs::path& proc, const fs::path& device) {
-  std::vector<std::string> holders;
-  std::error_code error;
-  const fs::path target = fs::weakly_canonical(device, error);
-  const std::string self = std::to_string(getpid());
-  for (fs::directory_iterator process(proc, error), end; !error && process != end; process.increment(error)) {
-    const std::string pid = process->path().filename();
-    if (pid == self || pid.find_first_not_of("0123456789") != std::string::npos) continue;
-    std::error_code ignored;  // processes end while they are looked at, and others are not ours to look at
-    for (fs::directory_iterator file(process->path() / "fd", ignored); !ignored && file != end;
-         file.increment(ignored)) {
-      std::error_code gone;
-      if (fs::read_symlink(file->path(), gone) != target) continue;
-      std::string name;
-      std::getline(std::ifstream(process->path() / "comm"), name);
-      holders.push_back(name.append(" (pid ").append(pid).append(")"));
-      break;
-    }
-  }
-  return holders;
-}
-
-std::optional<int> LatencyTimerMs(const fs::path& sysfs, const fs::path& device) {
-  std::error_code error;
-  const fs::path name = fs::weakly_canonical(device, error).filename();
-  std::ifstream file(sysfs / "bus/usb-serial/devices" / name / "latency_timer");
-  int ms = 0;
-  if (!(file >> ms)) return std::nullopt;
-  return ms;
-}
-
 void ClockWatch::Add(std::int64_t monotonic_before_ns, std::int64_t system_ns, std::int64_t monotonic_after_ns) {
   constexpr std::int64_t kSlewing = 1'000'000;
   if (monotonic_after_ns - monotonic_before_ns > kSlewing / 2) return;
@@ -97,24 +230,6 @@ void ClockWatch::Add(std::int64_t monotonic_before_ns, std::int64_t system_ns, s
   const std::int64_t step = std::abs(offset - offset_.value_or(offset));
   if (step > kSlewing) jump_ = std::max(jump_, step);
   offset_ = offset;
-}
-
-std::vector<std::string> WhyNothingMoves(const RecvPacket& status) {
-  std::vector<std::string> causes;
-  const auto add = [&](const std::string& joints, const std::string& cause, const std::string& advice) {
-    if (!joints.empty()) causes.push_back("joints " + joints + " " + cause + ": " + advice + " --joints " + joints);
-  };
-  add(Joints(status, HasFault), "report a fault", "find its cause, then velta send LINK reset");
-  add(Joints(status, [](const rxJoint_t& j) { return j.systemMode == 0 && !HasFault(j); }), "have their servo off",
-      "velta send LINK servo-on");
-  add(Joints(status, [](const rxJoint_t& j) { return j.trjStatus == 'm'; }),
-      "refused a trajectory because their servo was off",
-      "switch it on, then velta send LINK trajectory-control-start");
-  add(Joints(status, [](const rxJoint_t& j) { return j.trjStatus == 'f'; }),
-      "refused a trajectory because it had no points", "send points, then velta send LINK trajectory-control-start");
-  add(Joints(status, [](const rxJoint_t& j) { return j.trjStatus == 'o'; }),
-      "stopped because their servo went off while they moved", "velta send LINK servo-on");
-  return causes;
 }
 
 }  // namespace velta::tools

@@ -63,6 +63,45 @@ def recording(folder):
     return path
 
 
+@pytest.mark.parametrize("line, status, complaint", [
+    ("record -n 3 NOWHERE", 2, "FILE is required"),
+    ("record -n 3 here FOLDER/new", 2, "LINK is required"),
+    ("record -n 3 NOWHERE FOLDER/new --via udp://127.0.0.1:0", 2, "udp:// goes with udp://"),
+    ("record -n 3 serial:///dev/null FOLDER/new", 1, "not a serial device"),
+    ("record -n 3 udp://127.0.0.1:9 TAPE", 1, "there is such a file already"),
+    ("record -n 3 NOWHERE FOLDER/no/file --via HERE", 1, "No such file"),
+    ("convert FOLDER/note", 1, "not a recording"),
+    ("convert FOLDER", 1, "Is a directory"),
+    ("convert TAPE -o FOLDER/no/file", 1, "No such file"),
+    ("convert TAPE -o /dev/full", 1, "cannot write"),
+    ("convert TAPE --from 2s --to 1s", 2, "--from"),
+    ("plot TAPE -o FOLDER/new.jpg", 2, "a plot is a .png or a .svg"),
+    ("plot TAPE --fields position,speed", 2, "no field 'speed'"),
+    ("plot TAPE --select 3", 2, "'3' is not a joint of this arm (0 to 2)"),
+    ("plot TAPE -n 2", 1, "no good status frame to plot"),
+    ("plot TAPE -o FOLDER/no/file.png", 1, "No such file"),
+    ("play TAPE", 2, "LINK"),
+    ("play TAPE NOWHERE -n 1", 1, "no good command frame to play for 1 joints"),
+    ("play TAPE --serve HERE -n 2", 1, "no good status frame to play for 2 joints"),
+    ("doctor -n 3 tcp://127.0.0.1:port", 2, "bad link 'tcp://127.0.0.1:port'"),
+    ("doctor -n 3 pty:/tmp/arm", 2, "pty:/tmp/arm"),
+    ("ping -n 3 NOWHERE", 1, "tcp://127.0.0.1:1: Connection refused"),
+    ("ping -n 3 tcp://no-such-host.invalid:5000", 1, "no-such-host.invalid"),
+    ("monitor -n 3 serial:///dev/null", 1, "not a serial device"),
+])
+def test_refuses_in_one_line_and_changes_nothing(velta, tmp_path, line, status, complaint):
+    tape = recording(tmp_path)
+    (tmp_path / "note").write_text("precious")
+    before = {path.name: path.read_bytes() for path in tmp_path.iterdir()}
+    for name, meaning in (("FOLDER", tmp_path), ("TAPE", tape), ("NOWHERE", "tcp://127.0.0.1:1"),
+                          ("HERE", "tcp://127.0.0.1:0")):
+        line = line.replace(name, str(meaning))
+    run = velta(*line.split(" "))
+    assert (run.status, run.stdout) == (status, "")
+    assert run.stderr.startswith("velta: ") and complaint in run.stderr and run.stderr.count("\n") == 1
+    assert {path.name: path.read_bytes() for path in tmp_path.iterdir()} == before
+
+
 # The line, how it shows that it is at work (a line that it prints, or None: by the command that it sends), and its end.
 STOPS = [
     ("sim -n 3 tcp://127.0.0.1:0", "listening on ", 0, "served "),
@@ -76,7 +115,7 @@ STOPS = [
     ("send LINK -n 3 servo-on --select all --confirm --timeout 60s", None, 1,
      "velta: interrupted before the echo came\n"),
     ("ping -n 3 LINK --timeout 60s", None, 0, "0 commands, 0 echoed, 0.0 % lost, 0 resends"),
-    ("doctor -n 3 LINK", "[ ok ] opened ", 1, "interrupted: the examination is not complete\n"),
+    ("doctor -n 3 LINK", "[ ok ] opened ", 1, "velta: interrupted: the examination is not complete\n"),
 ]
 
 
@@ -93,7 +132,7 @@ def test_ends_with_its_summary_when_asked_to(velta, listener, tmp_path, line, at
     program.stop(number)
     assert time.monotonic() - asked < 10  # not when its own time is over
     assert program.status == status
-    assert end.replace("LINK", listener.link) in (program.stderr + program.stdout if status == 1 else program.stdout)
+    assert end.replace("LINK", listener.link) in (program.stderr if status == 1 else program.stdout)
 
 
 def test_bash_completes_commands_options_and_words(velta, run, tmp_path):
