@@ -46,10 +46,10 @@ Finding Silence(const Observation& seen) {
         fmt::format("the device is open, but silent: check the wiring, the baud rate and that the controller is on{}",
                     seen.is_shared ? "; the other process may take its bytes" : "")};
   }
-  return {
-      Kind::kFailure,
-      fmt::format("{}: check the port, that the controller runs, and that {} is its joint count",
-                  seen.kind == LinkKind::kUdp ? "nothing came back, to no command" : "connected, but silent", seen.joints)};
+  return {Kind::kFailure,
+          fmt::format("{}: check the port, that the controller runs, and that {} is its joint count",
+                      seen.kind == LinkKind::kUdp ? "nothing came back, to no command" : "connected, but silent",
+                      seen.joints)};
 }
 
 Finding NoFrame(const Observation& seen) {
@@ -61,7 +61,7 @@ Finding NoFrame(const Observation& seen) {
   return {Kind::kFailure,
           fmt::format("{}, nor of 0 to {} joints: {}", bytes, kMostJoints,
                       seen.kind == LinkKind::kSerial ? "check the baud rate and the wiring"
-                                                 : "this is another service, or the bytes are damaged on the way")};
+                                                     : "this is another service, or the bytes are damaged on the way")};
 }
 
 void JudgeStream(const Observation& seen, Findings& findings) {

@@ -80,7 +80,8 @@ void AddEverything(CLI::App& app, Action& action) {
 
 /// A mistyped command or option explains what else is wrong with the line, so it is looked for first.
 /// @return what is wrong, or else `error`, and where to read on
-std::string Explain(const CLI::App& app, const std::string& error) {
+std::string Explain(const CLI::App& app, const std::exception& exception) {
+  const std::string error = exception.what();
   const CLI::App* command = app.get_subcommands().empty() ? &app : app.get_subcommands().front();
   const std::string line = command == &app ? "velta" : "velta " + command->get_name();
   const std::string read_on = "; see " + line + " --help";
@@ -94,6 +95,7 @@ std::string Explain(const CLI::App& app, const std::string& error) {
   const auto is_option = [](const std::string& word) { return word.size() > 1 && word[0] == '-'; };
   const auto option = std::find_if(unknown.begin(), unknown.end(), is_option);
   const auto other = std::find_if_not(unknown.begin(), unknown.end(), is_option);
+  const bool is_surplus = dynamic_cast<const CLI::ExtrasError*>(&exception) != nullptr && other != unknown.end();
   if (command == &app && other != unknown.end()) {
     std::vector<std::string> commands;
     for (const CLI::App* each : app.get_subcommands({})) commands.push_back(each->get_name());
@@ -103,7 +105,7 @@ std::string Explain(const CLI::App& app, const std::string& error) {
     return line + " has no option '" + *option + "'" +
            velta::tools::DidYouMean(option->substr(0, option->find('=')), options) + read_on;
   }
-  return (other == unknown.end() ? error : "'" + *other + "' is one argument too many") + read_on;
+  return (is_surplus ? "'" + *other + "' is one argument too many" : error) + read_on;
 }
 
 int Run(int argc, char** argv) {
@@ -116,9 +118,9 @@ int Run(int argc, char** argv) {
     app.exit(asked, velta::tools::Out(), std::cerr);
     return 0;
   } catch (const CLI::ParseError& error) {
-    return Report(Explain(app, error.what()), 2);
+    return Report(Explain(app, error), 2);
   } catch (const std::invalid_argument& error) {
-    return Report(Explain(app, error.what()), 2);
+    return Report(Explain(app, error), 2);
   }
   if (action) return action();
   velta::tools::Out() << app.help();

@@ -32,14 +32,11 @@ bool Differ(float a, float b) {
 
 }  // namespace
 
-MonitorModel::MonitorModel(int joints) : parser_(joints), last_(joints), joints_(last_.joints.size()) {}
+MonitorModel::MonitorModel(int joints) : stream_(joints), last_(joints), joints_(last_.joints.size()) {}
 
-void MonitorModel::Take(std::vector<char> bytes, std::int64_t now_ns) {
-  received_ += bytes.size();
-  parser_.Push(std::move(bytes));
-  const std::vector<RecvPacket> statuses = parser_.Parse();
+void MonitorModel::Take(const std::vector<char>& bytes, std::int64_t now_ns) {
+  const std::vector<RecvPacket> statuses = stream_.Push(bytes.data(), bytes.size());
   for (const RecvPacket& status : statuses) {
-    good_ += static_cast<std::uint64_t>(status.packetSize);
     if (HasStatus()) Compare(status, now_ns);
     arrivals_.Add(now_ns);
     last_ = status;
@@ -54,8 +51,8 @@ void MonitorModel::Take(std::vector<char> bytes, std::int64_t now_ns) {
 }
 
 void MonitorModel::Restart() {
-  good_ += parser_.buffer.size();  // cut off, not damaged
-  parser_ = PacketParser(parser_.jointNum);
+  cut_off_ += stream_.Lost() - stream_.Discarded();
+  stream_.Restart();
 }
 
 void MonitorModel::Compare(const RecvPacket& status, std::int64_t now_ns) {
@@ -77,17 +74,13 @@ void MonitorModel::Compare(const RecvPacket& status, std::int64_t now_ns) {
   }
 }
 
-std::uint64_t MonitorModel::Discarded() const {
-  return received_ - good_ - parser_.buffer.size();  // what waits may be a frame under way
-}
-
 std::string MonitorModel::Traffic(std::int64_t now_ns) const {
   if (!HasStatus()) return fmt::format("no status yet  discarded {} bytes", Discarded());
   const Rhythm rhythm = arrivals_.Measure();
   const std::int64_t age = now_ns - arrivals_.Last();
-  return fmt::format("{:.0f} Hz  age {}  jitter {}  gaps {}  statuses {}  discarded {} bytes",
+  return fmt::format("{:.0f} Hz  age {}  jitter {}  gaps {}  statuses {}  discarded {} bytes  bad CRC {}",
                      age > kSecond ? 0 : rhythm.rate_hz, RoundedDuration(age), RoundedDuration(rhythm.jitter_ns),
-                     arrivals_.Gaps(), arrivals_.Count(), Discarded());
+                     arrivals_.Gaps(), arrivals_.Count(), Discarded(), stream_.BadCrc());
 }
 
 std::vector<MonitorModel::Cell> MonitorModel::Row(std::size_t joint, std::int64_t now_ns) const {

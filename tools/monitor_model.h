@@ -11,8 +11,8 @@
 #include <utility>
 #include <vector>
 
-#include "PacketParser.h"
 #include "RecvPacket.h"
+#include "frame_stream.h"
 #include "timing.h"
 
 namespace velta::tools {
@@ -50,7 +50,7 @@ class MonitorModel {
   void OnStatus(std::function<void(const RecvPacket&)> take) { on_status_ = std::move(take); }
 
   /// Takes bytes that arrived in one piece.
-  void Take(std::vector<char> bytes, std::int64_t now_ns);
+  void Take(const std::vector<char>& bytes, std::int64_t now_ns);
 
   /// Forgets an incomplete frame: a new connection starts at a frame's first byte.
   void Restart();
@@ -59,7 +59,7 @@ class MonitorModel {
   std::int64_t Statuses() const { return arrivals_.Count(); }
   std::size_t Joints() const { return last_.joints.size(); }
 
-  /// "1000 Hz  age 0.40 ms  jitter 95.0 us  gaps 0  statuses 1234  discarded 0 bytes"
+  /// "1000 Hz  age 0.40 ms  jitter 95.0 us  gaps 0  statuses 1234  discarded 0 bytes  bad CRC 0"
   std::string Traffic(std::int64_t now_ns) const;
 
   /// @return a cell per column of one joint (0-based), in the order of kColumns
@@ -82,16 +82,14 @@ class MonitorModel {
     std::deque<float> positions;                             ///< one per kSampleNs
   };
 
+  std::uint64_t Discarded() const { return stream_.Discarded() - cut_off_; }
   void Compare(const RecvPacket& status, std::int64_t now_ns);
-  std::uint64_t Discarded() const;
-
   std::function<void(const RecvPacket&)> on_status_;
-  PacketParser parser_;
+  StatusStream stream_;
+  std::uint64_t cut_off_ = 0;  ///< bytes of frames that the end of a connection cut: not damaged
   RecvPacket last_;
   std::vector<Joint> joints_;
   Arrivals arrivals_;
-  std::uint64_t received_ = 0;  ///< bytes
-  std::uint64_t good_ = 0;      ///< bytes in statuses
   std::int64_t next_sample_ = 0;
 };
 

@@ -13,11 +13,11 @@
 #include <utility>
 #include <vector>
 
-#include "PacketParser.h"
 #include "SendPacket.h"
 #include "answer.h"
 #include "clock.h"
 #include "command.h"
+#include "frame_stream.h"
 #include "host_end.h"
 #include "ping_report.h"
 #include "progress.h"
@@ -44,7 +44,7 @@ struct PingOptions {
 
 class Pinger {
  public:
-  explicit Pinger(const PingOptions& options) : options_(options), wire_(options.link), parser_(options.joints) {
+  explicit Pinger(const PingOptions& options) : options_(options), wire_(options.link, 5000), stream_(options.joints) {
     report_.joints = options.joints;
   }
 
@@ -64,6 +64,8 @@ class Pinger {
       if (!StopRequested()) report_.lost = error.what();
     }
     progress_.Clear();
+    report_.received = stream_.Bytes();
+    report_.good = stream_.Frames() * stream_.FrameSize();
     std::sort(report_.round_trips.begin(), report_.round_trips.end());
     std::sort(report_.wakeups.begin(), report_.wakeups.end());
     return std::move(report_);
@@ -106,15 +108,13 @@ class Pinger {
       }
       const std::int64_t now = MonotonicNs();
       std::vector<char> bytes;
-      report_.received += wire_.Read(bytes);
-      parser_.Push(std::move(bytes));
-      for (const RecvPacket& status : parser_.Parse()) TakeStatus(status, now);
+      wire_.Read(bytes);
+      for (const RecvPacket& status : stream_.Push(bytes.data(), bytes.size())) TakeStatus(status, now);
       if (MonotonicNs() >= deadline) return;
     }
   }
 
   void TakeStatus(const RecvPacket& status, std::int64_t now) {
-    report_.good += static_cast<std::uint64_t>(status.packetSize);
     report_.statuses.Add(now);
     const auto sent = waiting_.find(+status.header.hostTimestamp);
     if (sent == waiting_.end()) return;
@@ -125,7 +125,7 @@ class Pinger {
 
   const PingOptions& options_;
   HostEnd wire_;
-  PacketParser parser_;
+  StatusStream stream_;
   PingReport report_;
   Progress progress_;
   std::uint64_t stamp_ = 0;

@@ -40,7 +40,7 @@ namespace {
 struct Options {
   Excerpt excerpt;
   std::string output;
-  std::string show = "all";
+  std::string selection = "all";
   std::string fields = "position,velocity";
 };
 
@@ -294,8 +294,7 @@ class Plot {
 
  private:
   static std::vector<int> ChosenJoints(const Options& options, int joints) {
-    std::vector<int> chosen = SendPacket(joints).ParseIDString(options.show);
-    if (chosen.empty()) throw UsageError("--show " + options.show + ": no joint of this arm is named");
+    std::vector<int> chosen = ReadSelection(options.selection, joints);
     return chosen;
   }
 
@@ -440,8 +439,7 @@ void AddPlot(CLI::App& app, Action& action) {
       ->option_text("PICTURE");
   command->add_option("--fields", options->fields, "Fields of the joints, a panel each, separated by commas")
       ->option_text("NAMES [position,velocity]");
-  command->add_option("--show", options->show, "Joints to draw: all, or indices from 0 separated by /")
-      ->option_text("IDS [all]");
+  AddSelectOption(*command, options->selection, "Joints to draw");
   command->footer("Example:\n  velta plot run.vrec --from 2s --to 5s --select 0/2 -o run.svg");
   command->callback([options, &action] { action = [options] { return Run(*options); }; });
 }
