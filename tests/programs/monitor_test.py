@@ -1,7 +1,10 @@
 # SPDX-License-Identifier: MIT
 import json
+import pathlib
 import re
+import struct
 
+import frames
 import pytest
 from conftest import wait_until
 
@@ -99,5 +102,28 @@ def test_via_shows_what_passes_between_host_and_controller(velta, sim):
     send(velta, via, "servo-on", "--select", "all")
     assert velta("ping", via, "-n", 3, "--count", 20).status == 0
     monitor.stop()
-    assert monitor.status == 0 and "statuses 21  discarded 0 bytes" in monitor.stderr
+    assert monitor.status == 0 and "statuses 21  discarded 0 bytes  bad CRC 0" in monitor.stderr
     assert json.loads(monitor.stdout.splitlines()[0])["jointState"][0]["systemMode"] == "2"
+
+
+def test_words_are_those_of_the_table(listener, terminal):
+    text = pathlib.Path(__file__).parents[2].joinpath("docs/codes.md").read_text()
+    states = re.findall(r"\| `(systemMode|ctrlMode|trjStatus)` \| (\d+) \| ([^|]+) \|", text)
+    offsets = {"systemMode": 2, "ctrlMode": 3, "trjStatus": 8}
+    joints = max(sum(field == name for field, *_ in states) for name in offsets) + 1
+    body = bytearray(frames.status(1, 0, joints)[:-2])
+    expected = [[] for _ in range(joints)]
+    for name, offset in offsets.items():
+        for joint, (_, code, word) in enumerate(state for state in states if state[0] == name):
+            body[22 + 79 * joint + offset] = int(code)
+            expected[joint].append(word)
+        body[22 + 79 * (joints - 1) + offset] = 99  # without a word
+    expected[-1] = ["99", "99", "99"]
+    shown = terminal("monitor", "-n", joints, listener.link)
+    listener.read(18 * joints + 13)
+    listener.send(body + struct.pack("<H", frames.crc16(body)))
+    screen = shown.wait_for(f" {joints - 1} ")
+    for joint, words in enumerate(expected):
+        row = next(line for line in screen.splitlines() if re.match(rf"[ >]{joint}!? ", line))
+        assert re.search(" +".join(re.escape(word) for word in words[:2]), row), row
+        assert all(f" {word}" in row for word in words), row
