@@ -122,8 +122,7 @@ def test_words_are_those_of_the_table(listener, terminal):
     shown = terminal("monitor", "-n", joints, listener.link)
     listener.read(18 * joints + 13)
     listener.send(body + struct.pack("<H", frames.crc16(body)))
-    screen = shown.wait_for(f" {joints - 1} ")
+    screen = shown.wait_for("interrupted")
     for joint, words in enumerate(expected):
         row = next(line for line in screen.splitlines() if re.match(rf"[ >]{joint}!? ", line))
-        assert re.search(" +".join(re.escape(word) for word in words[:2]), row), row
-        assert all(f" {word}" in row for word in words), row
+        assert re.search(".* ".join(map(re.escape, words)), row), row
