@@ -209,7 +209,9 @@ class VELTA_API Session {
   explicit Session(SessionOptions options);
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
-  ~Session();  ///< Stop(), then waits for callbacks that run; at most 50 ms for the rest
+  /// Stop(), then waits for the callback that runs and for those of the outcomes and events that are left; what is left
+  /// after a second spent in these is dropped. Without callbacks within 50 ms.
+  ~Session();
 
   /// @name Running
   /// Either Start(), for a thread of the session's own, or Step() from one thread of the host's.

@@ -173,7 +173,16 @@ class SocketLink : public SessionLink {
     if (fd_ >= 0 && is_tcp_) setsockopt(fd_, SOL_SOCKET, SO_LINGER, &drop, sizeof drop);
     Close();
   }
-  int Disconnect() override { return Close(); }
+  // Closing over unread bytes would reset the connection, which may cost the peer what was sent last.
+  int Disconnect() override {
+    char unread[4096];
+    if (fd_ >= 0 && is_tcp_) {
+      shutdown(fd_, SHUT_WR);
+      for (int i = 0; i < 64 && recv(fd_, unread, sizeof unread, MSG_DONTWAIT) > 0; ++i) {
+      }
+    }
+    return Close();
+  }
   bool MustBeAsked() const override { return !is_tcp_; }
 
  protected:

@@ -7,7 +7,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <limits>
 #include <memory>
 #include <string>
 #include <thread>
@@ -42,7 +41,8 @@ class Notifier {
   void RequestRecord();
 
   void Start();  ///< the thread. Throws std::system_error.
-  /// What has not been called back after 50 ms is dropped. Returns at once.
+  /// What is left is called back, but for statuses, and but for what comes after a second in such callbacks. Returns at
+  /// once.
   void Stop();
   void Join();     ///< waits for the callback that runs
   void Deliver();  ///< calls back all that waits; nothing while another call of it runs
@@ -54,7 +54,9 @@ class Notifier {
   static constexpr std::size_t kMaxEvents = 256;
   static constexpr int kMaxRecords = 100;
 
-  bool IsOver() const { return SteadyNow() >= end_; }
+  bool IsOver() const;
+  template <typename Act>
+  void Timed(Act act);
   bool DeliverEvent();
   bool DeliverCommands();
   bool DeliverStatuses();
@@ -68,7 +70,7 @@ class Notifier {
   Signal work_;
   std::thread thread_;
   std::atomic<bool> is_stopping_{false};
-  std::atomic<Nanos> end_{std::numeric_limits<Nanos>::max()};
+  std::atomic<Nanos> spent_{0};  ///< in callbacks since Stop()
   std::atomic<bool> is_delivering_{false};
 
   InheritingMutex mutex_;  ///< guards what follows
