@@ -5,6 +5,7 @@ import re
 import struct
 
 import pytest
+from conftest import wait_until
 from frames import command
 
 NOWHERE = "tcp://127.0.0.1:1"
@@ -100,8 +101,10 @@ def test_documents_come_from_the_argument_or_standard_input(velta):
 def test_frame_arrives_whole_although_statuses_wait(velta, sim):
     for endpoint in ("tcp://127.0.0.1:0", "pty:"):
         link = sim(endpoint=endpoint)
-        run = velta("send", link, "-n", 3, "ref-position", "0.5", "--select", 0)
+        run = velta("send", link, "-n", 3, "servo-on", "--select", 1)
         assert (run.status, run.stdout) == (0, f"sent 67 bytes to {velta_link(link)}\n")
+        watch = ("monitor", link, "-n", 3, "--json", "--count", 1, "--poll", "0")
+        wait_until(lambda: json.loads(velta(*watch).stdout)["jointState"][1]["systemMode"] == "2", "servo on")
         counts = link.stop()
         assert (counts["commands"], counts["bad_crc"], counts["garbage_bytes"]) == (1, 0, 0)
 
