@@ -15,6 +15,7 @@
 #include "support/bytes.h"
 #include "support/capture.h"
 #include "support/scripted_link.h"
+#include "velta_session.h"
 
 namespace {
 thread_local long allocations_left = -1;  // below 0 none fails
@@ -207,6 +208,24 @@ TEST(Allocation, QuietStepsNeedNone) {
   EXPECT_EQ(AllocationsOf([&] { client.SendPacketInBuffer(); }), 0u);
   EXPECT_EQ(AllocationsOf([&] { client.PopSendQueue(); }), 0u);
   EXPECT_EQ(AllocationsOf([&] { client.GetStatistics(); }), 0u);
+}
+
+TEST(Allocation, ASessionsCommandsAndCyclesNeedNone) {
+  velta::SessionOptions options;
+  options.link = "sim:";
+  options.joints = 7;
+  velta::Session session(options);
+  const SendPacket packet(7);
+  for (const velta::Confirm confirm : {velta::Confirm::kNo, velta::Confirm::kYes}) {
+    std::size_t before = 0;
+    for (int i = 0; i < 120; ++i) {  // a status comes with each, in answer to the command
+      if (i == 20) before = allocations;
+      session.Send(packet, confirm);
+      session.Step();
+    }
+    EXPECT_EQ(allocations, before);
+  }
+  EXPECT_GE(session.GetStatistics().client.commands_confirmed, 100U);
 }
 
 }  // namespace
