@@ -73,13 +73,13 @@ PORT = ["--port", CONTROLLER]
 def test_tcp_segments_are_put_in_order(velta, tmp_path):
     frames = b"".join(status(i, 0, 3) for i in range(6))
     capture = Capture()
-    for at, (start, end) in enumerate([(0, 300), (600, 900), (300, 600), (200, 500), (900, 1566)]):
+    for at, (start, end) in enumerate([(0, 300), (600, 900), (650, 700), (300, 600), (200, 500), (900, 1566)]):
         capture.next[TO_HOST] = (2**32 - 500 + start) % 2**32  # the numbers wrap round
         capture.tcp(at, *TO_HOST, frames[start:end])
     capture.tcp(8, 1111, CONTROLLER, b"of another host")
     run, (link, joints, found) = from_capture(velta, tmp_path, capture, *PORT)
     assert b"".join(data for event, _, data in found if event == 1) == frames
-    assert [wall // 10**9 for event, wall, _ in found if event == 1] == [0, 2, 2, 4]
+    assert [wall // 10**9 for event, wall, _ in found if event == 1] == [0, 3, 3, 5]
     assert run.stdout == (f"tcp://127.0.0.1:{CONTROLLER}, 3 joints: 1 connection, 0 bytes to the controller, 1566 bytes to the "
                           f"host in {tmp_path}/run.vrec\n")
     assert run.stderr == f"velta: {tmp_path}/capture.pcap: 1 packets of other hosts or controllers on this port were left out\n"
@@ -92,6 +92,8 @@ def test_what_a_capture_lacks_is_told(velta, tmp_path):
     run, (_, _, found) = from_capture(velta, tmp_path, capture, *PORT)
     assert sum(len(data) for _, _, data in found) == 79 * 261
     assert run.stderr == f"velta: {tmp_path}/capture.pcap: 261 bytes are missing in it\n"
+    capture.bytes += struct.pack("<IIII", 99, 0, 60, 300) + capture.bytes[40:100]  # of 300 bytes
+    assert "of 1 packets it has only the first bytes" in from_capture(velta, tmp_path, capture, *PORT)[0].stderr
     capture.bytes = capture.bytes[:-1]
     assert "ends in the middle of a packet" in from_capture(velta, tmp_path, capture, *PORT)[0].stderr
 

@@ -91,6 +91,12 @@ def unconfirmed_last(story):
     story.send(0.95)
 
 
+def new_connection(story):
+    gap(story)
+    moved(story, 60, positions={1: 9.0})
+    story.extra = [(0.45, 3), (0.6, 2)]
+
+
 def jump(story):
     moved(story, 50, positions={1: 0.25}, velocities={1: 10.0})
 
@@ -115,6 +121,7 @@ CASES = {  # case -> (seconds, kind, joint) of what is found
     late_echo: [],
     overtaken: [],
     unconfirmed_last: [(0.95, "unconfirmed", None)],
+    new_connection: [],
     jump: [(0.51, "jump", 1)],
     fast_move: [],
     fault: [(0.51, "fault", 2), (0.72, "fault", 2)],
