@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include <fmt/format.h>
 #include <poll.h>
 
 #include <CLI/CLI.hpp>
@@ -100,9 +101,7 @@ class Schedule {
   std::int64_t start_ns_ = 0;
 };
 
-std::string Count(std::uint64_t n, const std::string& what) {
-  return std::to_string(n) + " " + what + (n == 1 ? "" : "s");
-}
+std::string Count(std::uint64_t n, const char* what) { return fmt::format("{} {}{}", n, what, n == 1 ? "" : "s"); }
 
 /// Sends the recorded commands, and listens to what the controller says of them.
 int SendCommands(const Options& options) {

@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <charconv>
 #include <cmath>
 #include <csignal>
 #include <cstring>
@@ -48,11 +47,6 @@ constexpr int kWidth = 1400;
 constexpr int kPanelHeight = 300;
 constexpr std::size_t kBins = 2000;  ///< more than a picture has columns
 
-std::string Number(double value) {
-  std::array<char, 32> text;
-  return {text.data(), std::to_chars(text.data(), text.data() + text.size(), value).ptr};
-}
-
 /// A curve of any length in as many points as a picture can show: the least and the greatest value per bin of time, so
 /// that no peak is lost.
 class Curve {
@@ -74,8 +68,8 @@ class Curve {
     for (const Bin& b : bins_) {
       if (!b.used) continue;
       const auto& [first, second] = std::minmax(b.least, b.greatest);
-      script += Number(first.first) + ' ' + Number(first.second) + '\n';
-      if (second != first) script += Number(second.first) + ' ' + Number(second.second) + '\n';
+      script += fmt::format("{} {}\n", first.first, first.second);
+      if (second != first) script += fmt::format("{} {}\n", second.first, second.second);
     }
   }
 
@@ -117,7 +111,7 @@ class Events {
   }
 
   void AppendPoints(std::string& script) const {
-    for (const Mark& event : events_) script += Number(event.time) + ' ' + std::to_string(event.kind) + '\n';
+    for (const Mark& event : events_) script += fmt::format("{} {}\n", event.time, static_cast<int>(event.kind));
   }
 
   /// A text stands above its point, or below where it would be written over its neighbour; what fits nowhere is left
@@ -131,9 +125,8 @@ class Events {
       auto& lanes = free[static_cast<std::size_t>(event.kind)];
       const auto lane = std::find_if(lanes.begin(), lanes.end(), [&](double left) { return left <= event.time; });
       if (event.text.empty() || lane == lanes.end()) continue;
-      script += Number(event.time) + ' ' +
-                Number(static_cast<int>(event.kind) + kLanes[static_cast<std::size_t>(lane - lanes.begin())]) + " \"" +
-                event.text + "\"\n";
+      const double height = static_cast<int>(event.kind) + kLanes[static_cast<std::size_t>(lane - lanes.begin())];
+      script += fmt::format("{} {} \"{}\"\n", event.time, height, event.text);
       *lane = event.time + (to - from) * (static_cast<double>(event.text.size()) + 2) / kLettersAcross;
     }
   }
@@ -226,7 +219,7 @@ class Events {
 
 class Plot {
  public:
-  Plot(const Options& options, Timeline& timeline) : joints_(ChosenJoints(options, timeline.Joints())) {
+  Plot(const Options& options, Timeline& timeline) : joints_(ReadSelection(options.selection, timeline.Joints())) {
     for (const std::string& name : CLI::detail::split(options.fields, ',')) fields_.push_back(Field(name));
     curves_.resize(fields_.size() * joints_.size());
     Events events(timeline.Joints());
@@ -254,28 +247,28 @@ class Plot {
   /// @param terminal  "pngcairo" or "svg"
   std::string Script(const std::string& terminal, const std::string& title) const {
     const std::size_t panels = fields_.size() + 1;
-    std::string script = "set terminal " + terminal + " noenhanced size " + std::to_string(kWidth) + "," +
-                         std::to_string(kPanelHeight * panels) + " background rgb 'white'\n";
+    std::string script = fmt::format("set terminal {} noenhanced size {},{} background rgb 'white'\n", terminal, kWidth,
+                                     kPanelHeight * panels);
     Block(script, "$points", points_);
     Block(script, "$texts", texts_);
     for (std::size_t i = 0; i < curves_.size(); ++i) {
       std::string data;
       curves_[i].AppendTo(data);
-      Block(script, "$curve" + std::to_string(i), data);
+      Block(script, fmt::format("$curve{}", i), data);
     }
-    script += "set multiplot layout " + std::to_string(panels) + ",1 title " + Quoted(title) +
-              " noenhanced\nset grid\nset lmargin 14\nset rmargin 14\nset xrange [" + Number(from_) + ":" +
-              Number(to_) + "]\nset key outside right center\n";
+    script += fmt::format(
+        "set multiplot layout {},1 title {} noenhanced\nset grid\nset lmargin 14\nset rmargin 14\n"
+        "set xrange [{}:{}]\nset key outside right center\n",
+        panels, Quoted(title), from_, to_);
     if (joints_.size() > 24) script += "unset key\n";
     for (std::size_t f = 0; f < fields_.size(); ++f) {
-      script += "set ylabel " + Quoted(fields_[f]->name) + "\n";
+      script += fmt::format("set ylabel {}\n", Quoted(fields_[f]->name));
       std::string curves;
       for (std::size_t j = 0; j < joints_.size(); ++j) {
         const std::size_t i = f * joints_.size() + j;
         if (curves_[i].Empty()) continue;
-        curves += (curves.empty() ? "plot " : ", ") + ("$curve" + std::to_string(i)) +
-                  " using 1:2 with lines lw 1.5 lt " + std::to_string(j + 1) + " title 'joint " +
-                  std::to_string(joints_[j]) + "'";
+        curves += fmt::format("{}$curve{} using 1:2 with lines lw 1.5 lt {} title 'joint {}'",
+                              curves.empty() ? "plot " : ", ", i, j + 1, joints_[j]);
       }
       // Without a finite number there is nothing to scale the axis by.
       script += curves.empty() ? "set yrange [-1:1]\nplot NaN notitle\nset yrange [*:*]\n" : curves + "\n";
@@ -293,11 +286,6 @@ class Plot {
   }
 
  private:
-  static std::vector<int> ChosenJoints(const Options& options, int joints) {
-    std::vector<int> chosen = ReadSelection(options.selection, joints);
-    return chosen;
-  }
-
   static const JointField* Field(const std::string& name) {
     for (const JointField& field : JointFields()) {
       if (field.name == name) return &field;
@@ -313,7 +301,7 @@ class Plot {
     while (const std::optional<Moment> moment = timeline.Next()) {
       if (moment->Status() != nullptr) ++statuses;
       take(*moment, static_cast<double>(moment->since_start_ns) / 1e9);
-      if (progress.IsDue()) progress.Show("read " + std::to_string(moment->since_start_ns / 1'000'000'000) + " s");
+      if (progress.IsDue()) progress.Show(fmt::format("read {} s", moment->since_start_ns / 1'000'000'000));
     }
     if (StopRequested()) throw Failure("stopped before the end of the recording");
     return statuses;
@@ -436,9 +424,9 @@ void AddPlot(CLI::App& app, Action& action) {
       app.add_subcommand("plot", "Draw a recording: positions, velocities and what happened (needs gnuplot)");
   AddExcerptOptions(*command, options->excerpt);
   command->add_option("-o,--output", options->output, "The picture, a .png or .svg file; else FILE with .png")
-      ->option_text("PICTURE");
+      ->type_name("PICTURE");
   command->add_option("--fields", options->fields, "Fields of the joints, a panel each, separated by commas")
-      ->option_text("NAMES [position,velocity]");
+      ->type_name("NAMES");
   AddSelectOption(*command, options->selection, "Joints to draw");
   command->footer("Example:\n  velta plot run.vrec --from 2s --to 5s --select 0/2 -o run.svg");
   command->callback([options, &action] { action = [options] { return Run(*options); }; });

@@ -1,39 +1,34 @@
 // SPDX-License-Identifier: MIT
-#include <picojson.h>
-#include <unistd.h>
+#include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <fstream>
-#include <iomanip>
-#include <iostream>
 #include <memory>
-#include <optional>
-#include <sstream>
+#include <nlohmann/json.hpp>
+#include <ostream>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "answer.h"
 #include "command.h"
 #include "control.h"
 #include "faults.h"
-#include "host_end.h"
-#include "link.h"
+#include "progress.h"
 #include "server.h"
 #include "stop.h"
-#include "timing.h"
 
 namespace velta::tools {
 
 namespace {
 
-using std::chrono::milliseconds;
-using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+using Json = nlohmann::ordered_json;
 
 struct Options {
   sim::ServerConfig server;
@@ -42,24 +37,16 @@ struct Options {
   std::string script;
   std::string control;
   std::string check;
-  int timeout_ms = 2000;
+  std::chrono::nanoseconds cycle{0};
+  std::chrono::nanoseconds timeout = 2s;
   bool json = false;
 };
 
-/// One line; the JSON library escapes every slash, which nobody who reads links wants.
-void PrintJson(picojson::object document) {
-  std::string text = picojson::value(std::move(document)).serialize();
-  for (std::size_t i = 0; (i = text.find("\\/", i)) != std::string::npos; ++i) text.erase(i, 1);
-  Out() << text << std::endl;
-}
-
-/// A whole number; the JSON library writes fractions with 17 digits.
-picojson::value Count(std::uint64_t number) { return picojson::value(static_cast<double>(number)); }
-
-LinkAddress ParseEndpoint(const std::string& text) {
-  const Link link = ParseLink(text);
-  if (link.kind == Link::Kind::kSerial)
+Link ParseEndpoint(const std::string& text) {
+  Link link = ParseLink(text);
+  if (link.kind == Link::Kind::kSerial) {
     throw UsageError("bad endpoint '" + text + "': on a serial line use pty: or pty:PATH");
+  }
   return link;
 }
 
@@ -92,57 +79,41 @@ void PrintSummary(const sim::Summary& summary, bool json) {
       {"garbage_bytes", summary.garbage},   {"status_frames", summary.status_frames},
       {"overruns", summary.overruns}};
   if (json) {
-    picojson::object document{{"event", picojson::value("summary")},
-                              {"ms", Count(static_cast<std::uint64_t>(summary.seconds * 1e3))}};
-    for (const auto& [name, count] : counts) document[name] = Count(count);
-    picojson::object faults;
-    for (const auto& [name, count] : summary.faults) faults[name] = Count(count);
-    document["faults"] = picojson::value(faults);
-    PrintJson(std::move(document));
+    Json document = {{"event", "summary"}, {"ms", static_cast<std::uint64_t>(summary.seconds * 1e3)}};
+    for (const auto& [name, count] : counts) document[name] = count;
+    document["faults"] = Json::object();
+    for (const auto& [name, count] : summary.faults) document["faults"][name] = count;
+    Out() << document << std::endl;
     return;
   }
-  Out() << "served " << std::fixed << std::setprecision(1) << summary.seconds << " s\n";
-  for (const auto& [name, count] : counts) Out() << std::left << std::setw(16) << name << count << '\n';
-  for (const auto& [name, count] : summary.faults) Out() << "fault " << name << ": " << count << '\n';
+  Out() << fmt::format("served {:.1f} s\n", summary.seconds);
+  for (const auto& [name, count] : counts) Out() << fmt::format("{:<16}{}\n", name, count);
+  for (const auto& [name, count] : summary.faults) Out() << fmt::format("fault {}: {}\n", name, count);
   Out().flush();
 }
 
-/// A line on the terminal that is written over twice a second; nothing without a terminal.
-class Progress {
- public:
-  explicit Progress(const sim::Server& server) : server_(server), is_shown_(isatty(STDERR_FILENO) != 0) {}
-  Progress(const Progress&) = delete;
-  Progress& operator=(const Progress&) = delete;
-  ~Progress() {
-    if (is_shown_) std::cerr << kClear << std::flush;
-  }
-
-  void Show() {
-    const auto now = Clock::now();
-    if (!is_shown_ || now < next_) return;
-    next_ = now + milliseconds(500);
-    const sim::Summary summary = server_.GetSummary();
-    std::uint64_t strikes = 0;
-    for (const auto& fault : summary.faults) strikes += fault.second;
-    std::cerr << kClear << summary.connections << " connections, " << summary.commands << " commands, "
-              << summary.status_frames << " status frames, " << strikes << " faults  (Ctrl-C ends)" << std::flush;
-  }
-
- private:
-  static constexpr const char* kClear = "\r\x1b[K";
-  const sim::Server& server_;
-  bool is_shown_;
-  Clock::time_point next_;
-};
+void ShowProgress(Progress& progress, const sim::Server& server) {
+  if (!progress.IsDue()) return;
+  const sim::Summary summary = server.GetSummary();
+  std::uint64_t strikes = 0;
+  for (const auto& fault : summary.faults) strikes += fault.second;
+  progress.Show(fmt::format("{} connections, {} commands, {} status frames, {} faults  (Ctrl-C ends)",
+                            summary.connections, summary.commands, summary.status_frames, strikes));
+}
 
 int Serve(Options options) {
+  options.server.cycle_ms =
+      static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(options.cycle).count());
+  if (options.cycle != std::chrono::milliseconds(options.server.cycle_ms)) {
+    throw UsageError("--cycle takes whole milliseconds");
+  }
   for (const std::string& endpoint : options.endpoints) options.server.listen.push_back(ParseEndpoint(endpoint));
   options.server.faults = ReadFaults(options);
   InstallStopHandler();
   sim::Server server(std::move(options.server));
   for (const std::string& link : server.Links()) {
     if (options.json) {
-      PrintJson({{"event", picojson::value("listening")}, {"link", picojson::value(link)}});
+      Out() << Json{{"event", "listening"}, {"link", link}} << std::endl;
     } else {
       Out() << "listening on " << link << std::endl;
     }
@@ -151,38 +122,37 @@ int Serve(Options options) {
   if (!options.control.empty()) {
     control = std::make_unique<sim::Control>(options.control, [&](const std::string& line) { server.TakeFault(line); });
     if (options.json) {
-      PrintJson({{"event", picojson::value("control")}, {"endpoint", picojson::value(control->Endpoint())}});
+      Out() << Json{{"event", "control"}, {"endpoint", control->Endpoint()}} << std::endl;
     } else {
       Out() << "faults are taken on " << control->Endpoint() << std::endl;
     }
   }
   if (!Out()) throw Failure("cannot write to standard output");
-  {
-    Progress progress(server);
-    server.Run(StopFd(), [&] {
-      progress.Show();
-      if (control) control->Step();
-    });
-  }
+  Progress progress;
+  server.Run(StopFd(), [&] {
+    ShowProgress(progress, server);
+    if (control) control->Step();
+  });
+  progress.Clear();
   PrintSummary(server.GetSummary(), options.json);
   return 0;
 }
 
 std::string Footer() {
-  std::ostringstream text;
-  text << "Faults, counted in the closing summary; RATE is the share of frames or commands that are struck (all):\n";
+  std::string text =
+      "Faults, counted in the closing summary; RATE is the share of frames or commands that are struck (all):\n";
   for (std::size_t i = 0; i < sim::kFaultCount; ++i) {
     const sim::FaultInfo& info = sim::Info(static_cast<sim::Fault>(i));
-    text << "  " << std::left << std::setw(28) << sim::Usage(info) << sim::Effect(info) << '\n';
+    text += fmt::format("  {:<28}{}\n", sim::Usage(info), sim::Effect(info));
   }
-  text << "\nA script has one JSON object a line: what triggers the fault, which one, and how long it lasts:\n"
-          "  {\"at_frame\": 100, \"fault\": \"corrupt\", \"rate\": 0.5, \"for_frames\": 20}\n"
-          "  {\"at_ms\": 2000, \"fault\": \"no-echo\", \"for_ms\": 500}\n"
-          "  {\"at_command\": 3, \"fault\": \"drop-command\"}\n"
-          "\nExamples:\n"
-          "  velta sim -n 6 tcp://127.0.0.1:43210 --fault corrupt=0.01 --fault drop-status=0.05\n"
-          "  velta sim -n 6 --check tcp://127.0.0.1:43210";
-  return text.str();
+  return text +
+         "\nA script has one JSON object a line: what triggers the fault, which one, and how long it lasts:\n"
+         "  {\"at_frame\": 100, \"fault\": \"corrupt\", \"rate\": 0.5, \"for_frames\": 20}\n"
+         "  {\"at_ms\": 2000, \"fault\": \"no-echo\", \"for_ms\": 500}\n"
+         "  {\"at_command\": 3, \"fault\": \"drop-command\"}\n"
+         "\nExamples:\n"
+         "  velta sim -n 6 tcp://127.0.0.1:43210 --fault corrupt=0.01 --fault drop-status=0.05\n"
+         "  velta sim -n 6 --check tcp://127.0.0.1:43210";
 }
 
 }  // namespace
@@ -191,47 +161,40 @@ void AddSim(CLI::App& app, Action& action) {
   auto options = std::make_shared<Options>();
   CLI::App& command = *app.add_subcommand("sim", "Be a controller: simulated joints behind TCP, UDP or a pty");
   AddJointsOption(command, options->server.joints);
-  auto* const endpoints =
-      command
-          .add_option("ENDPOINT", options->endpoints,
-                      "Where to listen: tcp://IP:PORT, udp://IP:PORT (port 0 picks one), pty: or pty:PATH (PATH "
-                      "becomes a link to the device); any number")
-          ->option_text("...");
-  command.add_option("--cycle-ms", options->server.cycle_ms, "Time between status frames (1; on a pty 10)")
-      ->check(CLI::Range(1, 60000))
-      ->option_text("MS");
+  auto* const endpoints = command
+                              .add_option("ENDPOINT", options->endpoints,
+                                          "Where to listen: tcp://HOST:PORT, udp://HOST:PORT (port 0 picks one), pty: "
+                                          "or pty:PATH (PATH becomes a link to the device); any number")
+                              ->type_name("...");
+  AddDurationOption(command, "--cycle", options->cycle, {1ms, 60s}, "Time between status frames (1ms; on a pty 10ms)");
   command.add_flag("--on-command", options->server.on_command, "Send a status frame only in answer to a command");
   command.add_option("--fault", options->faults, "Something that goes wrong, see below; may be repeated")
-      ->option_text("FAULT")
+      ->type_name("FAULT")
       ->allow_extra_args(false);
-  command.add_option("--script", options->script, "Faults with triggers and durations, see below")->option_text("FILE");
+  command.add_option("--script", options->script, "Faults with triggers and durations, see below")->type_name("FILE");
   command
       .add_option(
           "--control", options->control,
           "Take lines of a script while it runs, from velta fault and others: unix:PATH or tcp://127.0.0.1:PORT")
       ->type_name("ENDPOINT");
-  command.add_option("--seed", options->server.seed, "Seed of the faults' random numbers (1)")->option_text("N");
-  command.add_flag("--json", options->json, "Print one JSON object a line instead of text");
-  auto* const check =
-      command
-          .add_option("--check", options->check,
-                      "Be a host instead: send commands over LINK until one is echoed, and tell whether a controller "
-                      "answers")
-          ->option_text("LINK")
-          ->excludes(endpoints);
-  command.add_option("--timeout-ms", options->timeout_ms, "How long --check tries (2000)")
-      ->check(CLI::Range(1, 3600000))
-      ->option_text("MS")
-      ->needs(check);
+  command.add_option("--seed", options->server.seed, "Seed of the faults' random numbers")->type_name("N");
+  AddJsonFlag(command, options->json);
+  auto* const check = command
+                          .add_option("--check", options->check,
+                                      "Be a host instead: send commands over LINK until one is echoed, and report "
+                                      "whether a controller answers")
+                          ->type_name("LINK")
+                          ->excludes(endpoints);
+  AddDurationOption(command, "--timeout", options->timeout, {1ms, 1h}, "How long --check tries")->needs(check);
   command.footer(Footer());
   command.callback([options, &action] {
     if (options->endpoints.empty() && options->check.empty()) {
       throw UsageError("give an endpoint to listen on, such as tcp://127.0.0.1:0, or --check LINK");
     }
     action = [options] {
-      return options->check.empty() ? Serve(*options)
-                                    : AwaitAnswer(ParseLink(options->check), options->server.joints,
-                                                  std::chrono::milliseconds(options->timeout_ms), options->json);
+      return options->check.empty()
+                 ? Serve(*options)
+                 : AwaitAnswer(ParseLink(options->check), options->server.joints, options->timeout, options->json);
     };
   });
 }

@@ -58,7 +58,7 @@ def test_answers_only_the_udp_host_that_sent_last(sim):
 
 
 def test_gives_a_new_user_of_the_pty_nothing_old(sim, velta):
-    link = sim("-n", 2, "--cycle-ms", 1, endpoint="pty:")
+    link = sim("-n", 2, "--cycle", "1ms", endpoint="pty:")
     device, _, read = connect(link)
     old = stamps(read(182))[0]
     device.close()
@@ -67,7 +67,7 @@ def test_gives_a_new_user_of_the_pty_nothing_old(sim, velta):
 
 
 def test_on_command_answers_each_command_once(sim):
-    link = sim("-n", 2, "--on-command", "--cycle-ms", 1)
+    link = sim("-n", 2, "--on-command", "--cycle", "1ms")
     _, send, read = connect(link)
     for stamp in range(0x0102030405060701, 0x0102030405060704):
         send(command(stamp, 2))

@@ -1,0 +1,52 @@
+# SPDX-License-Identifier: MIT
+import json
+
+from frames import command, damaged, status
+from recordings import CLOSED, OPENED, TO_CONTROLLER, TO_HOST, WALL, record, recording
+
+
+def arm(path, **more):
+    """A recording of a one-joint arm."""
+    return recording(path / "run.vrec", 1, record(OPENED, 0), record(TO_CONTROLLER, 0.25, command(7, 1, {0: (17, 1.5)}, arm=3)),
+                     record(TO_HOST, 1, status(11, 7, 1, {0: 3}, {0: 0.1}, {0: 9})[:60]),
+                     record(TO_HOST, 1.000000001, status(11, 7, 1, {0: 3}, {0: 0.1}, {0: 9})[60:]),
+                     record(TO_HOST, 2, damaged(status(12, 7, 1)) + status(13, 7, 1)), record(CLOSED, 3), **more)
+
+
+def test_csv_has_a_row_for_each_status(velta, tmp_path):
+    run = velta("convert", arm(tmp_path))
+    titles, first, second = run.stdout.splitlines()
+    assert titles.startswith("time_s,wall_ns,timestamp,hostTimestamp,duration,j0_type,j0_comStatus,j0_systemMode")
+    assert titles.count(",") == 28 and titles.endswith(",j0_general_2,j0_general_3")
+    assert first == f"1.000000001,{WALL + 1000000001},11,7,0.5,0,1,3,20,9,0,7,0,1,2,3,4,5,0.1,7,8,9,10,11,12,13,14,15,16"
+    assert second.startswith(f"2.000000000,{WALL + 2000000000},13,")
+    assert (run.status, run.stderr) == (0, "")
+
+
+def test_json_lines_have_the_librarys_documents(velta, tmp_path):
+    run = velta("convert", arm(tmp_path), "-f", "jsonl")
+    opened, sent, state, _, closed = map(json.loads, run.stdout.splitlines())
+    assert opened == {"time_s": 0, "wall_ns": str(WALL), "event": "opened"} and closed["event"] == "closed"
+    assert sent["command"] == {"timeStamp": "7", "armOrder": "3", "jointCommand": [
+        {"jointName": "1", "jointOrder": "17", "value1": "1.5", "value2": "0", "value3": "0", "value4": "0"}]}
+    assert sent["time_s"] == 0.25 and state["time_s"] == 1.000000001
+    assert "0.1" in json.dumps(state["status"])
+
+
+def test_an_excerpt_and_a_file_that_is_whole_or_not_there(velta, tmp_path):
+    target = tmp_path / "out.csv"
+    assert velta("convert", arm(tmp_path), "--from", "1500ms", "--to", "2s", "-o", target).status == 0
+    assert [line[:5] for line in target.read_text().splitlines()] == ["time_", "2.000"]
+    bad = recording(tmp_path / "bad.vrec", 1, record(OPENED, 0), tail=b"Rx")
+    bad.write_bytes(bad.read_bytes() + bytes(40))
+    target.unlink()
+    assert velta("convert", bad, "-o", target).status == 1
+    assert sorted(path.name for path in tmp_path.iterdir()) == ["bad.vrec", "run.vrec"]
+    backwards = velta("convert", bad, "--from", "2s", "--to", "1s")
+    assert (backwards.status, backwards.stderr) == (2, "velta: --from must not be after --to\n")
+
+
+def test_what_a_crash_left_is_reported_and_left_out(velta, tmp_path):
+    run = velta("convert", arm(tmp_path, tail=record(CLOSED, 4)[:9]))
+    assert run.status == 0 and len(run.stdout.splitlines()) == 3
+    assert run.stderr.endswith("run.vrec: the recording was cut short; the last 9 bytes are no whole record and were left out\n")

@@ -1,0 +1,75 @@
+# SPDX-License-Identifier: MIT
+import socket
+
+import recordings
+from frames import command, damaged, status
+from recordings import CLOSED, OPENED, TO_CONTROLLER, TO_HOST, record, recording
+
+COMMANDS = [command(stamp, 1, {0: (17, stamp)}) for stamp in (3, 1, 2)]
+
+
+def run_of(*seconds, event=TO_CONTROLLER, frames=COMMANDS):
+    return [record(OPENED, 0)] + [record(event, s, f) for s, f in zip(seconds, frames)] + [record(CLOSED, 200)]
+
+
+def host_of(program, **options):
+    end = socket.socket()
+    end.settimeout(30)
+    for option, value in options.items():
+        end.setsockopt(socket.SOL_SOCKET, getattr(socket, option), value)
+    end.connect(("127.0.0.1", int(program.link.rsplit(":", 1)[1])))
+    return end
+
+
+def test_sends_the_good_commands_unchanged_at_their_times(velta, listener, tmp_path):
+    file = recording(tmp_path / "run.vrec", 1, *run_of(0, 0.5, 1, 1.5, frames=[COMMANDS[0], damaged(COMMANDS[1]), *COMMANDS[1:]]))
+    program = velta.start("play", file, listener.link, "--speed", 5)
+    assert listener.read(93) == b"".join(COMMANDS)
+    for _ in range(2):
+        listener.send(status(1, 2, 1))  # what echoes the last command, and what follows
+    assert program.wait().status == 0 and 0.3 <= program.seconds < 15
+    assert program.stdout == "sent 3 commands, 1 echoed before the next, 2 status frames received\n"
+
+
+def test_an_excerpt_begins_at_once(velta, listener, tmp_path):
+    file = recording(tmp_path / "run.vrec", 1, *run_of(0, 99, 100))
+    program = velta.start("play", file, listener.link, "--from", "50s", "--to", "99.5s")
+    assert listener.read(32) == COMMANDS[1]  # and no more until the end
+    assert program.wait().status == 0 and program.seconds < 20
+
+
+def test_a_lost_link_is_a_failure(velta, listener, tmp_path):
+    file = recording(tmp_path / "run.vrec", 1, *run_of(0, 60))
+    program = velta.start("play", file, listener.link)
+    listener.read(31)
+    listener.close()
+    assert program.wait().status == 1 and program.stderr.startswith(f"velta: {listener.link}: ")
+    assert "sent 1 command" in program.stdout and program.seconds < 30
+
+
+def test_serves_every_host_from_the_first_whole_frame_on(velta, tmp_path):
+    large = status(1, 2, 828)  # more of these than a connection holds, so that one is cut
+    file = recording(tmp_path / "run.vrec", 828, *[record(TO_HOST, 0, large)] * 150)
+    program = velta.start("play", file, "--serve", "tcp://127.0.0.1:0")
+    program.link = program.line("listening on ")
+    first = host_of(program, SO_RCVBUF=4096)
+    first.sendall(b"x" * 10)
+    assert first.recv(2, socket.MSG_WAITALL) == b"\xab\xcd"
+    first.close()
+    second = host_of(program)
+    second.sendall(command(1, 828)[:100])
+    received = b""
+    while data := second.recv(1 << 20):
+        received += data
+    assert received == large * 150
+    second.close()
+    assert program.wait().status == 0 and "served 2 hosts" in program.stdout and "0 commands received" in program.stdout
+
+
+def test_loops_until_it_is_stopped(velta, tmp_path):
+    frames = [status(stamp, 0, 1) for stamp in (8, 9)]
+    file = recording(tmp_path / "run.vrec", 1, *run_of(0, 0.01, event=TO_HOST, frames=frames))
+    program = velta.start("play", file, "--serve", "tcp://127.0.0.1:0", "--loop")
+    program.link = program.line("listening on ")
+    assert host_of(program).recv(103 * 7, socket.MSG_WAITALL) == (b"".join(frames) * 4)[:103 * 7]
+    assert program.stop().status == 0

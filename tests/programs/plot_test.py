@@ -1,0 +1,71 @@
+# SPDX-License-Identifier: MIT
+import os
+import re
+
+import pytest
+from frames import command, status
+from recordings import OPENED, TO_CONTROLLER, TO_HOST, record, recording
+
+GNUPLOT = '#!/bin/sh\ncat > "$SCRIPT"\necho "a picture"\n'
+# In ten seconds and 2,000 columns: a peak and a trough between others of the same column.
+POSITIONS = [(0, 1), (2, 2), (4, 0), (5, 1), (5.0005, 99), (5.001, 3), (5.0015, -99), (5.002, 2), (7, 4), (10, 5)]
+
+
+@pytest.fixture
+def plot(velta, tmp_path):
+    """Plots the recording with a gnuplot that keeps the script; returns the run, with `script`."""
+    tool = tmp_path / "bin/gnuplot"
+    tool.parent.mkdir()
+    tool.write_text(GNUPLOT)
+    tool.chmod(0o755)
+    statuses = [record(TO_HOST, s, status(1, 0, 2, {0: 2 if s < 7 else 3}, {0: p, 1: -7})) for s, p in POSITIONS]
+    ask = record(TO_CONTROLLER, 3, command(1, 2, {0: (1, )}))
+    file = recording(tmp_path / "run.vrec", 2, record(OPENED, 0), *statuses[:2], ask, *statuses[2:])
+
+    def start(*options):
+        script = tmp_path / "script"
+        run = velta("plot", file, *options, env={"PATH": f"{tool.parent}:{os.environ['PATH']}", "SCRIPT": str(script)})
+        run.script = script.read_text() if script.exists() else ""
+        return run
+
+    return start
+
+
+def points(script, curve):
+    block = script.split(f"${curve} << EOD\n")[1].split("EOD")[0]
+    return [tuple(map(float, line.split()[:2])) for line in block.splitlines()]
+
+
+def test_no_peak_is_lost(plot, tmp_path):
+    run = plot()
+    assert (run.status, run.stdout) == (0, f"plotted 10.000 s of 2 joints to {tmp_path}/run.png\n")
+    assert (tmp_path / "run.png").read_text() == "a picture\n"
+    assert points(run.script, "curve0") == [(0, 1), (2, 2), (4, 0), (5.0005, 99), (5.0015, -99), (7, 4), (10, 5)]
+    assert set(p for _, p in points(run.script, "curve1")) == {-7}
+    assert "set xrange [0:10]" in run.script.replace(".0", "") and "'joint 1'" in run.script
+    assert (3, 1) in points(run.script, "points")  # the command
+
+
+def test_an_excerpt_of_some_joints_and_fields(plot, tmp_path):
+    run = plot("--from", "1s", "--to", "6s", "--select", "1", "--fields", "temperature", "-o", tmp_path / "arm.svg")
+    assert run.stdout.startswith("plotted 3.002 s of 1 joint") and "set terminal svg" in run.script
+    assert [time for time, _ in points(run.script, "curve0")][0::4] == [2, 5.002] or points(run.script, "curve0")[0][0] == 2
+    assert {value for _, value in points(run.script, "curve0")} == {12} and "$curve1" not in run.script
+    assert "'joint 1'" in run.script and "'joint 0'" not in run.script and "'temperature'" in run.script
+
+
+@pytest.mark.parametrize("options, status, complaint", [
+    (("--select", "2"), 2, "'2' is not a joint of this arm"),
+    (("--fields", "speed"), 2, "no field 'speed'"),
+    (("-o", "arm.jpg"), 2, "a plot is a .png or a .svg"),
+    (("-n", 3), 1, "no good status frame to plot"),
+])
+def test_refuses_what_it_cannot_draw(plot, options, status, complaint):
+    run = plot(*options)
+    assert run.status == status and complaint in run.stderr and run.script == ""
+
+
+def test_gnuplot_draws_it(velta, tmp_path):
+    file = recording(tmp_path / "a b.vrec", 1, *[record(TO_HOST, s, status(1, 0, 1, {}, {0: s})) for s in (0, 1, 2)])
+    assert velta("plot", file, "-o", tmp_path / "a b.svg").status == 0
+    assert re.match(r"<\?xml.*<svg", (tmp_path / "a b.svg").read_text(), re.S)
