@@ -7,8 +7,9 @@
 namespace velta::sim {
 
 std::optional<std::vector<char>> Outbox::Delay(std::vector<char> bytes, Clock::time_point due, Clock::time_point now) {
-  if (is_stream_ && !late_.empty()) due = std::max(due, late_.back().due);
-  if (due <= now) return bytes;
+  const bool keeps_order = is_stream_ && !late_.empty();
+  if (keeps_order) due = std::max(due, late_.back().due);
+  if (due <= now && !keeps_order) return bytes;
   bytes_ += bytes.size();
   const auto place = std::upper_bound(late_.begin(), late_.end(), due,
                                       [](Clock::time_point time, const Late& late) { return time < late.due; });

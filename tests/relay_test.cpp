@@ -256,6 +256,33 @@ TEST(Relay, TurnsAHostAwayWhenTheControllerIsAwayOrLeaves) {
   }
 }
 
+// A controller whose queue of connections is full answers nobody.
+TEST(Relay, GivesAControllerItsTimeToAnswer) {
+  Stand stand(Kind::kTcp, Kind::kTcp);
+  const int listener = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof address;
+  ASSERT_EQ(
+      bind(listener, Generic(address), size) + listen(listener, 0) + getsockname(listener, Generic(address), &size), 0);
+  LinkAddress full = stand.controller.link;
+  full.port = ntohs(address.sin_port);
+  const HostEnd first(full);
+  const HostEnd second(full);
+  Relay relay({Kind::kTcp, "127.0.0.1", 0, "", 0, 1}, full, stand, 200);
+  Peer host(relay.Address());
+  const std::int64_t start = MonotonicNs();
+  EXPECT_TRUE(velta::test::Until([&] {
+    relay.Step(1);
+    return !stand.failures.empty();
+  }));
+  EXPECT_GE(MonotonicNs() - start, 200'000'000);
+  EXPECT_EQ(stand.failures.at(0), velta::ToString(full) + ": no answer within 200 ms");
+  EXPECT_TRUE(velta::test::Until([&] { return !host.Receive() && host.error == ECONNRESET; }));
+  close(listener);
+}
+
 TEST(Relay, RefusesLinksThatDoNotGoTogetherAndTakesItsSymlinkAway) {
   const std::string path = testing::TempDir() + "velta_relay_tty_" + std::to_string(getpid());
   const auto relay = [](const std::string& endpoint, const char* controller) {

@@ -317,7 +317,7 @@ class Plot {
   }
 
   static void Block(std::string& script, const std::string& name, const std::string& data) {
-    script += name + " << EOD\n" + (data.empty() ? "NaN NaN \"\"\n" : data) + "EOD\n";
+    script += name + " << EOD\n" + (data.empty() ? "0 -9 \"\"\n" : data) + "EOD\n";
   }
 
   static std::string Quoted(const std::string& text) {

@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: MIT
 """The wire format, recordings and captures of it, written down a second time: nothing here comes from the code under test."""
 
+import socket
 import struct
 
 HOST, CONTROLLER = 40000, 45000  # ports
@@ -40,6 +41,13 @@ def status(timestamp, echoed, joints, modes={}, positions={}, errors={}, velocit
 
 def damaged(frame):
     return frame[:15] + bytes([frame[15] ^ 1]) + frame[16:]
+
+
+def patient(end):
+    """A blocking socket, so that MSG_WAITALL holds, whose waits end after 30 s."""
+    end.settimeout(None)
+    end.setsockopt(socket.SOL_SOCKET, socket.SO_RCVTIMEO, struct.pack("ll", 30, 0))
+    return end
 
 
 class Capture:

@@ -19,7 +19,7 @@ def plot(velta, tmp_path):
     tool.write_text(GNUPLOT)
     tool.chmod(0o755)
     statuses = [record(TO_HOST, s, status(1, 0, 2, {0: 2 if s < 7 else 3}, {0: p, 1: -7})) for s, p in POSITIONS]
-    ask = record(TO_CONTROLLER, 3, command(1, 2, {0: (1, )}))
+    ask = record(TO_CONTROLLER, 3, command(1, 2, {0: (0xA2, )}))
     file = recording(tmp_path / "run.vrec", 2, record(OPENED, 0), *statuses[:2], ask, *statuses[2:])
 
     def start(*options):

@@ -6,14 +6,14 @@ import time
 import pytest
 import recordings
 from conftest import wait_until
-from frames import command, status
+from frames import command, patient, status
 
 STATUS = status(5, 0, 1)
 
 
 def connect(link):
     host, port = link.split("://")[1].split(":")
-    return socket.create_connection((host, int(port)), timeout=30)
+    return patient(socket.create_connection((host, int(port))))
 
 
 @pytest.fixture
@@ -81,8 +81,9 @@ def test_a_lost_link_and_a_full_disk_end_with_status_1(velta, listener, tmp_path
     listener.read(31)
     listener.send(STATUS)
     wait_until(lambda: any(r[0] == recordings.TO_HOST for r in recordings.read(tmp_path / "run.vrec")))
+    link = listener.link
     listener.close()
-    assert program.wait().status == 1 and program.stderr.startswith(f"velta: {listener.link}: ")
+    assert program.wait().status == 1 and program.stderr.startswith(f"velta: {link}: ")
     assert recordings.read(tmp_path / "run.vrec")[-1][0] == recordings.CLOSED
     full = velta("record", "-n", 1, "udp://127.0.0.1:9", "/dev/full", "--force", "--for", "1s")
     assert (full.status, full.stderr) == (1, "velta: /dev/full: No space left on device\n")

@@ -13,7 +13,7 @@ import time
 
 import pytest
 from conftest import wait_until
-from frames import command, crc16
+from frames import command, crc16, patient
 
 TOP = pathlib.Path(__file__).parents[2]
 SIZE = 79 * 2 + 24  # a status frame of the 2 joints here
@@ -22,11 +22,10 @@ SIZE = 79 * 2 + 24  # a status frame of the 2 joints here
 class Host:
     """A host of an arm of 2 joints at the byte level."""
 
-    def __init__(self, link, **options):
+    def __init__(self, link):
         self.is_udp = link.startswith("udp:")
         host, port = link.split("://")[1].split(":")
-        self.socket = socket.socket(type=socket.SOCK_DGRAM if self.is_udp else socket.SOCK_STREAM)
-        self.socket.settimeout(30)
+        self.socket = patient(socket.socket(type=socket.SOCK_DGRAM if self.is_udp else socket.SOCK_STREAM))
         self.socket.connect((host, int(port)))
 
     def send(self, stamp):
@@ -145,7 +144,7 @@ def test_late_frames_are_overtaken_over_udp_only(script):
 def test_each_freeze_shows_its_own_first_status(script):
     host = Host(script(*(at({"at_frame": first}, "freeze", for_frames=3) for first in (3, 9)), options=("--cycle", "5ms")))
     stamps = [stamp for stamp, _ in host.statuses(13)]
-    assert len(set(stamps[2:5])) == len(set(stamps[8:11])) == 1 and len(set(stamps)) == 9
+    assert len(set(stamps[2:5])) == len(set(stamps[8:11])) == 1 and stamps[8] > stamps[4]
     assert stamps == sorted(stamps)
 
 
@@ -228,7 +227,7 @@ def test_what_a_host_writes_before_it_closes_a_pty_arrives(sim):
     link = sim("-n", 2, endpoint="pty:")
     for joint in (0, 1):
         with open(link.address, "r+b", buffering=0) as device:
-            device.write(command(joint + 1, 2, {joint: (1, )}))  # servo on
+            device.write(command(joint + 1, 2, {joint: (0xA2, )}))  # servo on
 
     def is_on():
         with open(link.address, "r+b", buffering=0) as device:
@@ -251,7 +250,7 @@ def test_a_symbolic_link_is_removed_by_the_run_that_made_it(sim, tmp_path):
 
 def test_help_and_documentation_list_the_same_faults(velta):
     shown = re.findall(r"^  ([a-z-]+(?:\[.*?\]+)?) {2,}(.*)$", velta("sim", "--help").stdout.split("Faults,")[1], re.M)
-    written = re.findall(r"^\| `([a-z-]+(?:\[=.*\])?)` \| (.*) \|$", (TOP / "docs/tools.md").read_text(), re.M)
+    written = re.findall(r"^\| `([a-z-]+(?:\[=.*\])?)` \| (.*) \|$", (TOP / "docs/tools.md").read_text().split("### Faults")[1].split("RATE is")[0], re.M)
     assert [name for name, _ in shown] == [name for name, _ in written] and len(shown) == 19
     for (_, effect), (_, text) in zip(shown, written):
         assert text.startswith(effect)

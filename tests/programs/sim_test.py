@@ -6,7 +6,7 @@ import socket
 import struct
 
 import pytest
-from frames import command, crc16
+from frames import command, crc16, patient
 
 
 def connect(link):
@@ -15,8 +15,7 @@ def connect(link):
         device = open(link.split("://")[1].split("?")[0], "r+b", buffering=0)
         return device, device.write, lambda size: b"".join(device.read(1) for _ in range(size))
     host, port = link.split("://")[1].split(":")
-    end = socket.socket(type=socket.SOCK_DGRAM if link.startswith("udp:") else socket.SOCK_STREAM)
-    end.settimeout(30)
+    end = patient(socket.socket(type=socket.SOCK_DGRAM if link.startswith("udp:") else socket.SOCK_STREAM))
     end.connect((host, int(port)))
     return end, end.sendall, lambda size: end.recv(size, socket.MSG_WAITALL)
 

@@ -1,14 +1,17 @@
 // SPDX-License-Identifier: MIT
+#include "recording_file.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
 #include <sys/resource.h>
 
 #include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 
-#include "recording_file.h"
-#include "support/velta_program.h"
+#include "support/bytes.h"
 
-using velta::test::InFolder;
-using velta::test::Joined;
-using velta::test::Part;
 using namespace velta::recording;
 using namespace std::string_literals;
 
@@ -17,6 +20,14 @@ namespace {
 using Bytes = std::vector<char>;
 
 Bytes Chars(const std::string& text) { return {text.begin(), text.end()}; }
+Bytes Part(const Bytes& bytes, std::size_t from, std::size_t to) {
+  return {bytes.begin() + static_cast<std::ptrdiff_t>(from), bytes.begin() + static_cast<std::ptrdiff_t>(to)};
+}
+Bytes Joined(const std::vector<Bytes>& parts) {
+  Bytes all;
+  for (const Bytes& part : parts) all.insert(all.end(), part.begin(), part.end());
+  return all;
+}
 
 // Written down by hand: magic, version, n, T, the link, CRC; and R, event, length, two clocks, the bytes, CRC. The two
 // checksums are those of an independent calculation.
@@ -29,12 +40,20 @@ Bytes BareRecord(Event event, std::uint64_t monotonic_ns, const Bytes& bytes) {
   return RecordBytes(event, monotonic_ns, 0, bytes.data(), bytes.size());
 }
 
-class Recording : public InFolder {
+class Recording : public testing::Test {
  protected:
-  Bytes Saved() const { return Chars(Content("run.vrec")); }
+  ~Recording() override { std::filesystem::remove_all(folder); }
+
+  void Put(const Bytes& content) {
+    std::ofstream(path, std::ios::binary).write(content.data(), static_cast<std::streamsize>(content.size()));
+  }
+  Bytes Saved() const {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
   /// What is wrong with a file of this content, without its name; empty for nothing.
   std::string Complaint(const Bytes& content) {
-    Put("run.vrec", content);
+    Put(content);
     try {
       RecordingReader reader(path);
       for (Record record; reader.Next(record);) continue;
@@ -46,7 +65,8 @@ class Recording : public InFolder {
     return "";
   }
 
-  const std::string path = Path("run.vrec");
+  std::string folder = testing::TempDir() + "recordingXXXXXX";
+  const std::string path = std::string(mkdtemp(folder.data())) + "/run.vrec";
 };
 
 TEST_F(Recording, IsTheDocumentedBytesAndReadFieldByField) {
@@ -92,7 +112,7 @@ TEST_F(Recording, CutAnywhereKeepsTheWholeRecords) {
     if (blocks_in < blocks.size() && size == end + blocks[blocks_in].size()) end += blocks[blocks_in++].size();
     for (const std::size_t zeros : {0U, 1U, 5000U}) {  // what a file system may leave after the cut
       if (zeros != 0 && size != end) continue;
-      Put("run.vrec", Joined({Part(whole, 0, size), Bytes(zeros, 0)}));
+      Put(Joined({Part(whole, 0, size), Bytes(zeros, 0)}));
       RecordingReader reader(path);
       std::size_t records = 0;
       for (Record record; reader.Next(record);) ++records;

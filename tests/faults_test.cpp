@@ -1,70 +1,15 @@
 // SPDX-License-Identifier: MIT
-// The units behind the simulator: command framing, status frames, faults.
+#include "faults.h"
+
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <set>
+#include <sstream>
 #include <stdexcept>
-
-#include "faults.h"
-#include "frame_stream.h"
-#include "support/velta_program.h"
 
 namespace velta::sim {
 namespace {
-
-using test::Bytes;
-using test::Joined;
-using Frame = std::vector<char>;
-
-const Frame kCommand = test::Command(1, 0x0102030405060708, 0x11, {0.5f, -1, 0, 3}, 0xA0);
-
-TEST(CommandFramer, GivesTheSameCommandsWhateverThePieces) {
-  Frame bad = kCommand;
-  bad[20] = static_cast<char>(bad[20] ^ 0x10);
-  const struct {
-    Frame bytes;
-    std::size_t commands, bad_crc, garbage, waiting;
-  } cases[] = {
-      {{}, 0, 0, 0, 0},
-      {Joined({kCommand, kCommand}), 2, 0, 0, 0},
-      {Joined({kCommand, test::Part(kCommand, 0, 30)}), 1, 0, 0, 30},
-      {Joined({{'\0', '\xCD', '\xAB'}, kCommand}), 1, 0, 3, 0},
-      {Joined({{'\xAB', '\xAB', '\xAB'}, kCommand}), 1, 0, 3, 0},
-      {Joined({Frame(61, 'x'), kCommand}), 1, 0, 61, 0},  // pieces of 31 cut the mark in two
-      {Joined({bad, kCommand}), 1, 1, 0, 0},
-      // A false mark takes 31 bytes with it, 29 of them the true frame's; its last two are garbage before the next.
-      {Joined({{'\xAB', '\xCD'}, kCommand, kCommand}), 1, 1, 2, 0},
-  };
-  for (const auto& c : cases) {
-    for (const std::size_t piece : {1U, 2U, 7U, 31U, 1000U}) {
-      wire::CommandStream framer(1);
-      std::vector<SendPacket> commands;
-      for (std::size_t i = 0; i < c.bytes.size(); i += piece) {
-        const auto more = framer.Push(c.bytes.data() + i, std::min(piece, c.bytes.size() - i));
-        commands.insert(commands.end(), more.begin(), more.end());
-      }
-      EXPECT_EQ((std::vector{commands.size(), framer.BadCrc(), framer.Garbage(), framer.Lost() - framer.Discarded()}),
-                (std::vector{c.commands, c.bad_crc, c.garbage, c.waiting}))
-          << c.bytes.size() << " bytes in pieces of " << piece;
-      for (SendPacket& command : commands) EXPECT_EQ(command.GetCharVector(), kCommand);
-      framer.Restart();  // forgets the tail
-      EXPECT_EQ(framer.Push(kCommand.data(), kCommand.size()).size(), 1U);
-    }
-  }
-}
-
-TEST(StatusFrame, IsTheWireFormatByteForByte) {
-  RecvPacket status(1);  // without a start mark, as the simulator keeps it
-  status.header.timestamp = 0x1112131415161718;
-  status.header.hostTimestamp = 0x2122232425262728;
-  status.header.duration = 1.5f;
-  status.joints[0] = {1, 2, 3, 20, 0x11223344, 6, 0x5566, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, {14, 15, 16, 17}};
-  Bytes expected;
-  expected.U8(0xAB).U8(0xCD).U64(0x1112131415161718).U64(0x2122232425262728).F32(1.5f);
-  expected.U8(1).U8(2).U8(3).U8(20).U32(0x11223344).U8(6).U16(0x5566);
-  for (int i = 1; i <= 17; ++i) expected.F32(static_cast<float>(i));
-  EXPECT_EQ(wire::StatusFrame(status), static_cast<const Frame&>(expected.Crc()));
-}
 
 std::vector<FaultRule> Script(const std::string& text) {
   std::istringstream script(text);
@@ -125,7 +70,8 @@ TEST(FaultScript, IsReadLineByLineAndRefusedWithItsLine) {
       Script("\n" + std::string(line) + "\n");
       ADD_FAILURE() << "accepted " << line;
     } catch (const std::invalid_argument& error) {
-      EXPECT_TRUE(test::Begins(error.what(), "arm.jsonl:2: ") && !test::Has(error.what(), "\n")) << error.what();
+      const std::string why = error.what();
+      EXPECT_TRUE(why.rfind("arm.jsonl:2: ", 0) == 0 && why.find('\n') == std::string::npos) << why;
     }
   }
 }
@@ -163,6 +109,25 @@ TEST(Faults, HoldFromTheTriggerAsLongAsTheyLast) {
   Faults close({ParseFaultFlag("close=5")}, 1);  // only where the measure reaches the value
   EXPECT_FALSE(close.Strike(Fault::kClose, 4));
   EXPECT_TRUE(close.Strike(Fault::kClose, 5));
+}
+
+TEST(Faults, AreAddedWhileOthersAreAtWork) {
+  Faults faults({}, 1);
+  faults.Advance(Unit::kMs, 500);
+  faults.Advance(Unit::kFrame, 7);
+  faults.Add(ParseFaultLine(R"({"fault": "drop-status", "for_frames": 2})"));
+  faults.Add(ParseFaultLine(R"({"fault": "freeze", "for_ms": 100})"));
+  faults.Add(ParseFaultLine(R"({"fault": "corrupt"})"));  // once
+  EXPECT_TRUE(faults.IsActive(Fault::kFreeze));
+  std::string strikes;
+  for (std::uint64_t frame = 8; frame <= 11; ++frame) {
+    faults.Advance(Unit::kFrame, frame);
+    strikes += faults.Strike(Fault::kDropStatus) ? 'd' : '-';
+    strikes += faults.Strike(Fault::kCorrupt) ? 'c' : '-';
+  }
+  EXPECT_EQ(strikes, "dcd-----");
+  faults.Advance(Unit::kMs, 600);
+  EXPECT_FALSE(faults.IsActive(Fault::kFreeze));
 }
 
 TEST(Faults, SameSeedSameStrikesAtTheirRate) {
