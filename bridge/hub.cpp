@@ -192,6 +192,7 @@ void Hub::Show(const Event& event) {
   if (events_.size() > kKeptEvents) events_.pop_front();
   using Kind = Event::Kind;
   const bool is_link = event.kind == Kind::kConnected || event.kind == Kind::kLost || event.kind == Kind::kBack;
+  if (is_link) is_arm_there_ = event.kind != Kind::kLost;
   for (FrontEnd* front_end : front_ends_) {
     front_end->ShowEvent(events_.back());
     if (is_link) front_end->ShowArm();

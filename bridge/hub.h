@@ -74,6 +74,7 @@ class Hub {
   std::uint64_t StatusCount() const { return status_count_.load(std::memory_order_relaxed); }
   std::shared_ptr<const std::string> State();  ///< the newest status's document; null while the arm is away
   bool IsConnected() const { return session_.IsConnected(); }
+  bool IsArmThere() const { return is_arm_there_; }  ///< by the last event that was shown
   const HubOptions& Options() const { return options_; }
   std::string Statistics() const;  ///< one compact JSON object
   std::uint64_t Cycles() const { return session_.GetStatistics().cycles; }
@@ -97,6 +98,8 @@ class Hub {
   std::deque<std::string> events_;  ///< the last ones, as texts
   std::shared_ptr<const std::string> state_;
   std::uint64_t state_count_ = 0;  ///< of statuses, when state_ was made
+
+  bool is_arm_there_ = false;
 
   std::atomic<std::uint64_t> status_count_{0};
   std::atomic<std::uint64_t> latency_ns_{0};    ///< of the last echo; 0: none yet

@@ -245,7 +245,7 @@ void Mqtt::Parts::Stop() {
 
 std::string Mqtt::Parts::ConnectionText(const char* connection) const {
   nlohmann::ordered_json document{{"connection", connection}};
-  if (std::strcmp(connection, "online") == 0) document["arm"] = hub.IsConnected() ? "connected" : "away";
+  if (std::strcmp(connection, "online") == 0) document["arm"] = hub.IsArmThere() ? "connected" : "away";
   document["version"] = VELTA_VERSION::major + "." + VELTA_VERSION::minor + "." + VELTA_VERSION::revision;
   document["joints"] = hub.Options().session.joints;
   return document.dump();
@@ -313,14 +313,15 @@ void Mqtt::Parts::Published(int mid) {
 
 void Mqtt::Parts::Take(const Arrived& arrived) {
   const Message message = ParseMessage(arrived.payload);
-  sender = arrived.commander.empty() ? kNamePrefix : kNamePrefix + (" " + arrived.commander);
+  const Commander name = arrived.commander.empty() ? kNamePrefix : kNamePrefix + (" " + arrived.commander);
   const auto reply = [this, arrived](const std::string& text) { Answer(arrived.commander, text, arrived.correlation); };
-  const bool is_known = !message.id.empty() && executed.Contains(sender, message.id);
+  const bool is_known = !message.id.empty() && executed.Contains(name, message.id);
   if (arrived.is_repeated || is_known) {
     ++repeated;
     return Hub::Refuse(message, Refusal::kRepeated, reply);
   }
-  if (hub.Handle(sender, message, reply) && !message.id.empty()) executed.Add(sender, message.id);
+  sender = name;
+  if (hub.Handle(name, message, reply) && !message.id.empty()) executed.Add(name, message.id);
   sender.clear();
 }
 
@@ -349,7 +350,7 @@ void Mqtt::Parts::OnMessage(mosquitto*, void* self, const mosquitto_message* mes
   const std::string topic = message->topic;
   const std::string command = parts.Topic("command");
   Arrived arrived;
-  arrived.is_repeated = message->retain || std::exchange(parts.is_duplicate, false);
+  arrived.is_repeated = std::exchange(parts.is_duplicate, false) || message->retain;
   if (topic.size() > command.size()) arrived.commander = topic.substr(command.size() + 1);
   const auto size = static_cast<std::size_t>(message->payloadlen);
   if (size > 0 && size <= kMaxMessage) arrived.payload.assign(static_cast<const char*>(message->payload), size);

@@ -15,7 +15,7 @@ import urllib.parse
 import pytest
 import websockets
 
-from bridge import MODE, POSITION, REF_POSITION, SERVO_ON, Viewer, bridge, command, free_port, viewer
+from bridge import BRIDGE, MODE, POSITION, REF_POSITION, SERVO_ON, Viewer, bridge, command, free_port, viewer
 from conftest import wait_until
 
 
@@ -198,7 +198,6 @@ def test_requests_are_let_in_by_host_origin_and_token(sim, bridge, viewer, tmp_p
 
 
 def test_other_addresses_need_token_and_tls(sim, bridge, run, tmp_path):
-    from bridge import BRIDGE
     link = sim()
     failed = run(BRIDGE, "-n", 3, link, "--web", "0.0.0.0:0")
     assert failed.status == 1
@@ -242,11 +241,8 @@ def resident(program):
     return int(status.split("VmRSS:")[1].split()[0])
 
 
-def test_strangers_cost_neither_memory_nor_the_loop(sim, bridge, viewer):
-    from conftest import Started
-    from bridge import BRIDGE
-    started = Started()
-    program = started.start(BRIDGE, "-n", 32, sim("-n", 32), "--web", "127.0.0.1:0", "--allow-commands")
+def test_strangers_cost_neither_memory_nor_the_loop(sim, run, viewer):
+    program = run.start(BRIDGE, "-n", 32, sim("-n", 32), "--web", "127.0.0.1:0", "--allow-commands")
     program.url = program.line("listening on ")
     good = viewer(program.url)
     good.receive("state")
@@ -278,11 +274,9 @@ def test_strangers_cost_neither_memory_nor_the_loop(sim, bridge, viewer):
     for connection in slow + crowd + [deaf]:
         connection.close()
     wait_until(lambda: refused(program, "too many connections") >= 12)
-    program.kill()
 
 
 def test_service_manager_hears_that_it_is_ready_and_alive(sim, run, tmp_path):
-    from bridge import BRIDGE
     manager = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
     manager.settimeout(30)
     manager.bind(str(tmp_path / "notify"))
@@ -305,7 +299,6 @@ def test_service_manager_hears_that_it_is_ready_and_alive(sim, run, tmp_path):
     (["--web", "127.0.0.1:0", "--tls-cert", "x"], "--tls-key"),
 ])
 def test_bad_usage(run, arguments, complaint):
-    from bridge import BRIDGE
     failed = run(BRIDGE, "-n", 3, "tcp://127.0.0.1:1", *arguments)
     assert failed.status == 2 and failed.stdout == ""
     assert complaint in failed.stderr and failed.stderr.count("\n") == 1

@@ -1,0 +1,174 @@
+# SPDX-License-Identifier: MIT
+"""velta-bridge through a real broker."""
+
+import json
+import signal
+import socket
+
+import pytest
+
+from bridge import MODE, REF_POSITION, SERVO_ON, bridge, broker, command, viewer
+
+
+class Listener:
+    """What arrives on one topic."""
+
+    def __init__(self, broker, topic, *options):
+        self.topic = f"cell/arm/{topic}"
+        self.client = broker.subscribe(self.topic, *options)
+
+    def receive(self, accept=lambda message: True):
+        while not accept(message := json.loads(self.client.line(self.topic + " "))):
+            pass
+        return message
+
+    def outcome(self, id):
+        return self.receive(lambda message: message.get("outcome", {}).get("id") == id)["outcome"]
+
+
+class Commander:
+    """Commands through the broker, under a name."""
+
+    def __init__(self, broker, name):
+        self.broker, self.topic = broker, f"cell/arm/command/{name}"
+        self.answers = Listener(broker, f"outcome/{name}")
+
+    def say(self, message, *options):
+        self.broker.publish(self.topic, message, *options)
+
+    def take(self):
+        self.say({"control": "take"})
+        self.answers.receive(lambda message: message.get("control") == {"held": True, "yours": True})
+
+    def do(self, id, document, *options):
+        self.say({"id": id, "confirm": True, "command": document}, *options)
+        return self.answers.outcome(id)
+
+
+@pytest.fixture
+def arm(sim, bridge, broker):
+    """arm(options...) starts a bridge between a simulated controller and the broker, and waits until it is there."""
+
+    def start(*options):
+        link = sim()
+        connection = Listener(broker, "connection")
+        program = bridge(link, "--mqtt", broker.address(), *options)
+        program.arm, program.connection = link.program, connection
+        connection.receive(lambda message: message.get("arm") == "connected")
+        return program
+
+    return start
+
+
+LONG = ("--control-timeout", "30s")
+
+
+@pytest.mark.parametrize("version", ["5", "3.1.1"])
+def test_states_commands_and_farewell(arm, broker, version):
+    program = arm("--mqtt-version", version, "--allow-commands", *LONG)
+    state = Listener(broker, "state")
+    first = state.receive()
+    assert [joint["joint_id"] for joint in first["jointState"]] == ["1", "2", "3"]
+    planner = Commander(broker, "planner")
+    assert planner.do("1", command(SERVO_ON)) == {"id": "1", "outcome": "refused", "reason": "control not held"}
+    planner.take()
+    assert planner.do("2", command(SERVO_ON)) == {"id": "2", "outcome": "confirmed"}
+    assert state.receive(lambda it: it["jointState"][0]["systemMode"] == "2")
+    unnamed = Listener(broker, "outcome")
+    broker.publish("cell/arm/command", {"id": "x", "command": command(SERVO_ON)})
+    assert unnamed.outcome("x")["reason"] == "control not held"
+    program.stop(signal.SIGTERM)
+    assert program.status == 0
+    assert program.connection.receive(lambda it: it["connection"] != "online") == {
+        "connection": "offline", "version": "2.1.0", "joints": 3}
+
+
+def test_last_will_is_left_by_a_bridge_that_is_killed(arm, broker):
+    program = arm()
+    program.stop(signal.SIGKILL)
+    assert program.connection.receive(lambda it: it["connection"] != "online")["connection"] == "lost"
+    late = Listener(broker, "connection")
+    assert late.receive()["connection"] == "lost", "it is retained"
+    states = broker.subscribe("cell/arm/state", "-W", "1")
+    assert "\ncell/arm/state" not in states.wait().stdout, "states are not"
+
+
+def test_states_are_newest_and_end_with_the_arm(arm, broker):
+    program = arm("--mqtt-hz", "20")
+    states = Listener(broker, "state")
+    events = Listener(broker, "event")
+    times = [int(states.receive()["timestamp"]) for _ in range(20)]
+    assert times == sorted(set(times))
+    assert times[-1] - times[0] >= 19 * 40_000, "not more often than asked"  # 50 ms, by the controller's clock
+    program.arm.stop()
+    events.receive(lambda it: it["kind"] == "lost")
+    assert program.connection.receive(lambda it: it["arm"] == "away")["connection"] == "online"
+
+
+def test_nothing_is_executed_twice_or_from_the_past(arm, broker):
+    arm("--allow-commands", *LONG)
+    planner = Commander(broker, "planner")
+    broker.publish("cell/arm/command/planner", {"control": "take"}, "-r")  # live now, retained later
+    planner.answers.receive(lambda message: message.get("control", {}).get("yours"))
+    assert planner.do("a", command(SERVO_ON))["outcome"] == "confirmed"
+    assert planner.do("a", command(SERVO_ON)) == {"id": "a", "outcome": "refused", "reason": "repeated or retained"}
+    broker.publish("cell/arm/command/other", {"id": "b", "confirm": True, "command": command(SERVO_ON)}, "-r")
+    other = Commander(broker, "other")
+    arm("--allow-commands")  # a second bridge of the same arm gets what is retained
+    assert other.answers.outcome("b")["reason"] == "repeated or retained"
+
+
+@pytest.mark.parametrize("first_byte, reason", [
+    (0x32, "commands not allowed"), (0x33, "repeated or retained"), (0x3A, "repeated or retained")])
+def test_flags_of_a_delivery_are_seen(sim, bridge, first_byte, reason):
+    """A broker of this test's own, since a real one sets the duplicate flag only after losses."""
+    with socket.create_server(("127.0.0.1", 0)) as server:
+        server.settimeout(30)
+        bridge(sim(), "--mqtt", f"mqtt://127.0.0.1:{server.getsockname()[1]}/p", "--mqtt-version", "3.1.1")
+        connection, _ = server.accept()
+        with connection:
+            connection.settimeout(30)
+            connection.recv(1000)
+            connection.send(b"\x20\x02\0\0")  # connected
+            topic, payload = b"p/command", json.dumps({"id": "d", "command": command(SERVO_ON)}).encode()
+            rest = len(topic).to_bytes(2, "big") + topic + b"\0\x07" + payload
+            connection.send(bytes([first_byte, len(rest) & 0x7F | 0x80, len(rest) >> 7]) + rest)
+            heard = b""
+            while b"}}" not in heard.partition(b'"reason"')[2]:
+                heard += connection.recv(10_000)
+            assert f'"reason":"{reason}"'.encode() in heard
+
+
+def test_losing_the_broker_costs_its_control_and_nothing_else(arm, broker, viewer, velta):
+    program = arm("--web", "127.0.0.1:0", "--allow-commands", *LONG)
+    planner = Commander(broker, "planner")
+    planner.take()
+    assert planner.do("1", command(SERVO_ON))["outcome"] == "confirmed"
+    assert planner.do("2", command(REF_POSITION, value=1000))["outcome"] == "confirmed"
+    browser = viewer(program.url)
+    while browser.receive("state")["jointState"][0]["trjStatus"] != "2":
+        pass
+    broker.program.stop(signal.SIGTERM)
+    while browser.receive("state")["jointState"][0]["trjStatus"] not in ("5", "6"):
+        pass
+    browser.take()
+    browser.send({"rearm": True})
+    assert browser.do(command(SERVO_ON))["outcome"] == "confirmed"
+    broker.start()
+    assert Listener(broker, "connection").receive()["connection"] == "online"
+    late = Commander(broker, "late")
+    late.say({"control": "take"})
+    assert late.answers.receive()["outcome"]["reason"] == "control held by another"
+    assert browser.do(command(SERVO_ON), "2")["outcome"] == "confirmed", "the browser kept its control"
+
+
+def test_correlation_data_comes_back(arm, broker):
+    arm()
+    answers = broker.subscribe("cell/arm/outcome", "-V", "5", "-F", "%D %p")
+    broker.publish("cell/arm/command", command(SERVO_ON), "-V", "5", "-D", "publish", "correlation-data", "c-17")
+    assert json.loads(answers.line("c-17 "))["outcome"]["reason"] == "commands not allowed"
+
+
+def test_statistics_come_every_ten_seconds(arm, broker):
+    arm()
+    assert Listener(broker, "statistics").receive()["mqtt"]["connected"] is True
