@@ -35,6 +35,12 @@ void AddPing(CLI::App& app, Action& action);
 void AddDoctor(CLI::App& app, Action& action);
 /// @}
 
+/// Makes `velta bridge` known to help.
+void AddBridge(CLI::App& app);
+
+/// Becomes velta-bridge, with arguments from `bridge` on. @throw Failure if there is no such program
+[[noreturn]] void RunBridge(char** arguments);
+
 /// The tool's own standard output. std::cout belongs to the library's log lines, which go nowhere, or to standard error
 /// with --verbose, so that what the tool prints stays machine-readable.
 std::ostream& Out();

@@ -74,6 +74,7 @@ void AddEverything(CLI::App& app, Action& action) {
   AddSend(app, action);
   AddPing(app, action);
   AddDoctor(app, action);
+  AddBridge(app);
   AddPages(app);
   for (CLI::App* command : app.get_subcommands({})) command->group("Commands");
 }
@@ -109,6 +110,7 @@ std::string Explain(const CLI::App& app, const std::exception& exception) {
 }
 
 int Run(int argc, char** argv) {
+  if (argc > 1 && argv[1] == std::string("bridge")) velta::tools::RunBridge(argv + 1);
   CLI::App app{kAbout, "velta"};
   Action action;
   AddEverything(app, action);

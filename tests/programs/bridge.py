@@ -112,7 +112,8 @@ def bridge():
     def start(link, *options):
         web = [] if any(str(option).startswith("--mqtt") for option in options) else ["--web", "127.0.0.1:0"]
         web = [] if "--web" in options else web
-        program = started.start(BRIDGE, "-n", 3, link, *web, *options)
+        joints = [] if "-n" in options else ["-n", 3]
+        program = started.start(BRIDGE, *joints, link, *web, *options)
         program.url = program.line("listening on ") if web or "--web" in options else None
         return program
 

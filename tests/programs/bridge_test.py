@@ -241,9 +241,8 @@ def resident(program):
     return int(status.split("VmRSS:")[1].split()[0])
 
 
-def test_strangers_cost_neither_memory_nor_the_loop(sim, run, viewer):
-    program = run.start(BRIDGE, "-n", 32, sim("-n", 32), "--web", "127.0.0.1:0", "--allow-commands")
-    program.url = program.line("listening on ")
+def test_strangers_cost_neither_memory_nor_the_loop(sim, bridge, viewer):
+    program = bridge(sim("-n", 32), "-n", 32, "--allow-commands")
     good = viewer(program.url)
     good.receive("state")
     host = ("127.0.0.1", urllib.parse.urlsplit(program.url).port)
