@@ -186,7 +186,14 @@ void Hub::OnEvent(const Event& event) {
   });
 }
 
-void Hub::Show(const Event& event) {
+void Hub::Show(Event event) {
+  if (event.kind == Event::Kind::kOverrun) {  // a busy machine has many; one line a second says as much
+    overruns_ += event.value;
+    const auto now = steady_clock::now();
+    if (now - overrun_at_ < std::chrono::seconds(1)) return;
+    overrun_at_ = now;
+    event.value = std::exchange(overruns_, 0);
+  }
   if (event.kind == Event::Kind::kDeadMan && session_.IsDeadMan()) control_.StoppedElsewhere();
   events_.push_back(EventText(event));
   if (events_.size() > kKeptEvents) events_.pop_front();

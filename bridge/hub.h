@@ -5,6 +5,7 @@
 #include <atomic>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/steady_timer.hpp>
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -85,7 +86,7 @@ class Hub {
   bool Send(const Commander& sender, const Message& message, const Reply& reply);
   void OnStatus(const RecvPacket& status);  ///< in the session's thread
   void OnEvent(const Event& event);         ///< in the session's thread
-  void Show(const Event& event);
+  void Show(Event event);
   Source& SourceOf(const Commander& sender);
 
   boost::asio::io_context& io_;
@@ -100,6 +101,8 @@ class Hub {
   std::uint64_t state_count_ = 0;  ///< of statuses, when state_ was made
 
   bool is_arm_there_ = false;
+  double overruns_ = 0;                               ///< that were not shown yet
+  std::chrono::steady_clock::time_point overrun_at_;  ///< when some were shown last
 
   std::atomic<std::uint64_t> status_count_{0};
   std::atomic<std::uint64_t> latency_ns_{0};    ///< of the last echo; 0: none yet

@@ -151,6 +151,9 @@ void Complete(Options& options) {
       throw UsageError("bad --mqtt '" + options.mqtt_address + "': " + error.what());
     }
   }
+  const MqttOptions& mqtt = options.mqtt;
+  if (!mqtt.tls && !(mqtt.ca + mqtt.certificate).empty()) throw UsageError("--mqtt-ca and --mqtt-cert need mqtts://");
+  if (mqtt.user.empty() && !options.password_file.empty()) throw UsageError("--mqtt-password-file needs --mqtt-user");
   options.mqtt.is_version_5 = options.mqtt_version == "5";
   options.hub.control.viewer_stop = !options.no_viewer_stop;
   if (!options.token_file.empty()) options.web.token = ReadSecret(options.token_file);
@@ -186,10 +189,12 @@ int Serve(Options options) {
     if (error) return;
     NotifyManager("STOPPING=1");
     hub.Stop();
-    if (mqtt) mqtt->Stop();
     if (web) web->Stop();
     farewell.expires_after(milliseconds(200));  // for the viewers' answers
-    farewell.async_wait([&](const boost::system::error_code&) { io.stop(); });
+    farewell.async_wait([&](const boost::system::error_code&) {
+      if (mqtt) mqtt->Stop();
+      io.stop();
+    });
   });
   NotifyManager("READY=1");
   io.run();
@@ -201,6 +206,18 @@ int Report(const std::string& text, int status) {
   return status;
 }
 
+/// The manual page, in roff, from the help itself.
+std::string ManPage(const std::string& help) {
+  std::string page =
+      ".TH VELTA-BRIDGE 1\n.SH NAME\nvelta-bridge \\- a robot arm's state in browsers and through a broker\n"
+      ".SH DESCRIPTION\n.nf\n";
+  for (const char c : help) {
+    if (c == '-' || c == '\\') page += '\\';
+    page += c;
+  }
+  return page + ".fi\n.SH SEE ALSO\n.BR velta (1)\n";
+}
+
 int Run(int argc, char** argv) {
   CLI::App app{"Carries an arm's state to browsers and brokers, and their commands to the arm.", "velta-bridge"};
   Options options;
@@ -209,12 +226,17 @@ int Run(int argc, char** argv) {
                        "Show the version");
   app.set_help_flag("-h,--help", "Show this help");
   AddOptions(app, options);
+  app.add_flag_callback("--man-page",
+                        [&app] {  // for the build, which installs what this prints
+                          std::cout << ManPage(app.help());
+                          throw CLI::Success();
+                        })
+      ->group("");
   try {
     app.parse(argc, argv);
     Complete(options);
   } catch (const CLI::Success& asked) {
-    app.exit(asked);
-    return 0;
+    return app.exit(asked);
   } catch (const CLI::ParseError& error) {
     return Report(std::string(error.what()) + "; see velta-bridge --help", 2);
   } catch (const UsageError& error) {

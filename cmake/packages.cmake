@@ -22,6 +22,9 @@ endif()
 if(TARGET velta_python)
   list(APPEND CPACK_COMPONENTS_ALL python)
 endif()
+if(TARGET velta_bridge)
+  list(APPEND CPACK_COMPONENTS_ALL bridge)
+endif()
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE
@@ -71,7 +74,7 @@ This package contains the velta program: it simulates a controller, watches,
 records and plays what passes on a link, sends single commands, and tells what
 is wrong when nothing moves.")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libvelta2 (>= ${PROJECT_VERSION})")
-set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "gnuplot-nox")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "gnuplot-nox, velta-bridge")
 if(TARGET velta_python)
 velta_package(python python3-velta python "Python module that drives a robot arm's master controller" "${about}
 .
@@ -86,6 +89,15 @@ ${PROJECT_SOURCE_DIR}/packaging/python/prerm")
 install(FILES examples/python/dead_man.py examples/python/move_joint.py examples/python/plot_recording.py
               examples/python/two_parts.py DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/python3-velta/examples
         COMPONENT python)
+endif()
+if(TARGET velta_bridge)
+velta_package(bridge velta-bridge net "robot arm's state in browsers and through a broker" "${about}
+.
+This package contains the velta-bridge program: it serves a page that shows an
+arm and commands it, carries its state and its commands through an MQTT
+broker, and stops the arm when whoever commands it falls silent.")
+set(CPACK_DEBIAN_BRIDGE_PACKAGE_DEPENDS "libvelta2 (>= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_BRIDGE_PACKAGE_SUGGESTS "velta-tools, mosquitto")
 endif()
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/triggers)
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "") # each package has its own

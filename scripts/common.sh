@@ -6,7 +6,8 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 build_packages=(g++ make cmake picojson-dev libcli11-dev libfmt-dev nlohmann-json3-dev libncurses-dev gnuplot-nox
                 libarchive-dev libboost-dev libmosquitto-dev libpcap-dev libssl-dev)
 test_packages=(libgtest-dev python3 python3-pytest pkg-config tshark tmux util-linux
-               mosquitto mosquitto-clients openssl python3-websockets)
+               mosquitto mosquitto-clients openssl python3-websockets
+               chromium chromium-driver python3-selenium)
 check_packages=(clang clang-format clang-tidy cppcheck)
 bench_packages=(libbenchmark-dev nlohmann-json3-dev gnuplot-nox rt-tests)
 package_packages=(abigail-tools dpkg-dev gzip lintian man-db)

@@ -10,6 +10,7 @@ const TRAJECTORY = {0: 'idle', 1: 'starting', 2: 'moving', 3: 'reached', 4: 'fin
                     102: 'no point', 109: 'servo off!', 111: 'interrupted'};
 const FIELDS = ['position', 'velocity', 'effort', 'current', 'temperature', 'refPosition', 'refVelocity', 'refEffort'];
 const SILENCE = 0.5;  // s without a status, after which the arm counts as away
+const FRESH = 0.15;   // s, for a position that a target may be made from
 const WEB_HZ = 50;    // at most; what a plot has room for
 
 const $ = (id) => document.getElementById(id);
@@ -78,6 +79,7 @@ function receive(text) {
     }
   } else if (message.event) {
     const {kind, text: words, time} = message.event;
+    if (kind === 'overrun') return;  // the arm's loop was late: a figure, not news
     if (kind === 'dead-man') setStopped(true);
     if (kind === 'rearmed') setStopped(false);
     note(words && words !== kind ? `${kind}: ${words}` : kind, ['lost', 'dead-man', 'gave up'].includes(kind), new Date(time));
@@ -113,7 +115,7 @@ async function askStatistics() {
     if (statistics && next.session.frames_received >= statistics.session.frames_received) {
       rate = (next.session.frames_received - statistics.session.frames_received) / (now - statisticsTime);
     } else {
-      for (const {kind, text, time} of next.events) note(text ? `${kind}: ${text}` : kind, kind === 'lost', new Date(time));
+      for (const {kind, text, time} of next.events) if (kind !== 'overrun') note(text ? `${kind}: ${text}` : kind, kind === 'lost', new Date(time));
     }
     statistics = next;
     statisticsTime = now;
@@ -290,6 +292,7 @@ function advance() {
   lastTick = now;
   if (moves.size === 0) return;
   if (!canMove()) return endMoves();
+  if (now - stateTime > FRESH) return;  // no target from a position that is no longer known
   const commands = [];
   for (const [joint, move] of [...moves]) {
     if (mode(joint) !== MODE.position) continue;  // until the controller has changed it
@@ -298,8 +301,8 @@ function advance() {
     const way = move.direction ?? Math.sign(move.goal - move.target);
     let target = move.target + way * speed * elapsed;
     if ((move.goal - target) * way <= 0) target = move.goal;
-    const lead = Math.max(0.5 * speed, 0.01);  // a joint that lags is not left far behind
-    if (move.goal === undefined) target = Math.min(Math.max(target, at - lead), at + lead);
+    const lead = 0.2 * speed;  // a joint that lags is not left behind, to jump when something was held up
+    target = Math.min(Math.max(target, at - lead), at + lead);
     move.target = target;
     commands.push(jointCommand(joint, ORDER.refPosition, target));
     if (target === move.goal) moves.delete(joint);
