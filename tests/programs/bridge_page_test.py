@@ -36,6 +36,7 @@ class Page:
         return self.one(selector).text
 
     def click(self, label):
+        self.browser.execute_script("scrollTo(0, 0)")  # from under the header
         button = self.one(f"#{label.lower().replace(' ', '-').replace('-control', '').replace('give-back', 'give')}")
         assert button.text == label
         wait_until(button.is_enabled, f"{label} enabled")
