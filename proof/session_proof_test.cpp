@@ -322,7 +322,6 @@ TEST(SessionProof, CallbacksMayThrowBlockAndStop) {
 }
 
 TEST(SessionProof, TheArmIsStoppedWhileTheHostHangs) {
-  Witness witness;
   std::atomic<bool> is_cancelled{false};
   test::ServedController controller(Kind::kUdp, kJoints, 1, "", [&](const std::vector<char>& frame) {
     constexpr std::uint8_t kCancelled = 6;
