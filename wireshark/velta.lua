@@ -553,7 +553,7 @@ end
 
 local TCP, UDP = 2, 3  -- pinfo.port_type
 
-function velta.dissector(tvb, pinfo, tree)
+local function dissect_any(tvb, pinfo, tree)
   if tvb:len() == 0 then return 0 end
   if pinfo.port_type == TCP then
     dissect_tcp(tvb, pinfo, tree)
@@ -565,10 +565,12 @@ function velta.dissector(tvb, pinfo, tree)
   return tvb:len()
 end
 
+velta.dissector = dissect_any
+
 -- Only a good frame claims a conversation; from then on everything in it is ours.
 local function heuristic(tvb, pinfo, tree)
   if not find(tvb:raw(), velta.prefs.joints > 0 and velta.prefs.joints or nil) then return false end
-  velta.dissector(tvb, pinfo, tree)
+  dissect_any(tvb, pinfo, tree)  -- called through velta.dissector it could not ask for the next segment
   pinfo.conversation = velta
   return true
 end

@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: MIT
 """Recordings as captures that tshark reads, and captures, hand-made ones too, as recordings."""
 
+import pathlib
 import struct
 import subprocess
 
@@ -21,9 +22,9 @@ def recording(path, link, passed=PASSED):
     return made.write(path)
 
 
-def tshark(path, *fields):
+def tshark(path, *fields, extra="lua_script:/dev/null"):
     names = [word for field in fields for word in ("-e", field)]
-    shown = subprocess.run(["tshark", "-r", path, "-T", "fields", *names, "-o", "tcp.check_checksum:TRUE", "-o",
+    shown = subprocess.run(["tshark", "-2", "-X", extra, "-r", path, "-T", "fields", *names, "-o", "tcp.check_checksum:TRUE", "-o",
                             "udp.check_checksum:TRUE", "-o", "ip.check_checksum:TRUE"], capture_output=True, text=True, timeout=60)
     return [tuple(line.split("\t")) for line in shown.stdout.split("\n")[:-1]]
 
@@ -60,6 +61,16 @@ def test_tshark_finds_nothing_wrong_in_a_capture(velta, tmp_path):
         assert not [message for _, _, message, *_ in shown if message and not message.startswith("Connection ")]
         assert {status for row in shown for status in row[3:] if status} == {"1"}  # good
         assert ("1700000000.003000001", "192.0.2.2") in [row[:2] for row in shown]
+
+
+@pytest.mark.parametrize("link", ["tcp://192.168.1.5:45000", "udp://192.168.1.5:45000", "serial:///dev/ttyUSB0?baud=9600"])
+def test_the_dissector_reads_what_was_exported(velta, tmp_path, link):
+    velta("convert", recording(tmp_path / "run.vrec", link), tmp_path / "run.pcapng")
+    script = pathlib.Path(__file__).parents[2] / "wireshark/velta.lua"
+    shown = tshark(tmp_path / "run.pcapng", "velta.timestamp", "velta.timeStamp", "velta.round_trip", extra=f"lua_script:{script}")
+    found = [row for row in shown if any(row)]
+    assert found[:3] == [("1", "", ""), ("", str(STAMP), "0.001000000"), ("2", "", "0.001000000")]
+    assert sum(row[0].count("3") for row in found) == 200
 
 
 def from_capture(velta, tmp_path, capture, *options):
