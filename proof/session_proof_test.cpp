@@ -292,9 +292,9 @@ TEST(SessionProof, NothingWaitsForALinkThatIsNotThere) {
 }
 
 TEST(SessionProof, CallbacksMayThrowBlockAndStop) {
-  Session arm(Options("sim:"));
   std::atomic<int> statuses{0};
   std::atomic<bool> is_blocked{false}, go_on{false};
+  Session arm(Options("sim:"));
   arm.OnStatus([&](const RecvPacket&) {
     ++statuses;
     throw std::runtime_error("a host's mistake");
