@@ -206,6 +206,11 @@ TEST_F(Client, TheQueueGoesInOrderAndBeforeTheUniqueKeys) {
   Queue(80);
   EXPECT_EQ(client.PopSendQueue().GetTimeStamp(), 80u);
   EXPECT_TRUE(client.PopSendQueue().joints.empty());  // from an empty queue
+  Queue(90);
+  client.send_queue_.clear();  // as if flushed between the count and the taking
+  File("k", 95);
+  Steps(1);
+  EXPECT_EQ(Sent(), Stamps{95});
 }
 
 TEST_F(Client, TwoFramesInARowNeverCarryTheSameStamp) {
