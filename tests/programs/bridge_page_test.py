@@ -97,7 +97,7 @@ def browser(tmp_path):
 @pytest.fixture
 def page(sim, bridge, browser):
     link = sim("-n", 6)
-    program = bridge(link, "-n", 6, "--allow-commands")
+    program = bridge(link, "-n", 6, "--allow-commands", "--control-timeout", "5s")  # also on a busy machine
     shown = Page(browser, program.url)
     shown.program, shown.arm = program, link.program
     wait_until(lambda: shown.text("#health") == "connected")
