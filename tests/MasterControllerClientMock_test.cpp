@@ -188,7 +188,7 @@ TEST_F(SimulatedJoint, TakesReferencesAsItsControlModeSays) {
     const rxJoint_t joint = fresh.Joint();
     EXPECT_EQ((Values{joint.current, joint.refCurrent, joint.position, joint.refPosition}),
               (Values{row.current, row.current, row.position, row.position}));
-    EXPECT_EQ((std::pair<float, float>(joint.velocity, joint.refVelocity)), std::pair(row.velocity, row.velocity));
+    EXPECT_EQ((std::pair(+joint.velocity, +joint.refVelocity)), std::pair(row.velocity, row.velocity));
     EXPECT_EQ(fresh.Queued() + joint.trjStatus, row.queued * 110);  // the start is refused: the servo is off
     EXPECT_EQ(fresh.Point(), row.queued == 0 ? Values{} : (Values{-45, 0, 0, 2.5f}));
   }
@@ -261,7 +261,7 @@ TEST_F(SimulatedJoint, MovesLinearlyAndFinishes) {
   EXPECT_EQ(sim.After(0), (Shot{0, 0, 1, 0, 1, 0}));
   EXPECT_EQ(sim.After(1), (Shot{0, 0, 2, 1, 0, 0}));
   EXPECT_EQ(sim.After(1), (Shot{2.25f, 0, 2, 0, 0, 0.125f}));
-  EXPECT_EQ(sim.Joint().refPosition, 2.25f);
+  EXPECT_EQ(+sim.Joint().refPosition, 2.25f);
   EXPECT_EQ(sim.After(3), (Shot{9, 0, 3, 0, 0, 0.5f}));
   EXPECT_EQ(sim.After(6), (Shot{9, 0, 4, 0, 0, 0.5f}));  // the clock rests
 }
