@@ -96,7 +96,7 @@ for page in README.md docs/*.md; do
         if grep -q 'int main' "$block"; then
           cp "$block" "$work/move.cpp"
           compile "${compiler[@]}" "$work/move.cpp" -o "$work/program"
-          grep -qE 'InitAs|192\.168' "$block" || ran=1
+          grep -qE 'InitAs|"(tcp|udp)://192' "$block" || ran=1
           [ -z "$ran" ] || timeout 30 "$work/program" >"$work/output" || fail "the program fails"
         else
           { echo "$prelude"; grep '^#include' "$block" || true
