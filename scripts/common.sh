@@ -2,6 +2,7 @@
 # Shared by the scripts; sourced, with the repository's top as the current folder.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
+export CMAKE_BUILD_PARALLEL_LEVEL=${CMAKE_BUILD_PARALLEL_LEVEL:-$(nproc)} CTEST_PARALLEL_LEVEL=${CTEST_PARALLEL_LEVEL:-$(nproc)}
 
 build_packages=(g++ make cmake picojson-dev libcli11-dev libfmt-dev nlohmann-json3-dev libncurses-dev gnuplot-nox
                 libarchive-dev libboost-dev libmosquitto-dev libpcap-dev libssl-dev)
