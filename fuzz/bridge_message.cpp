@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: MIT
-// What a stranger may send to the bridge: a message, a request's head, or events that fight for control.
+// What a stranger may send to the bridge: a message, or a request's head.
 #include <boost/asio/buffer.hpp>
 #include <boost/beast/http.hpp>
 #include <nlohmann/json.hpp>
 #include <string_view>
 
-#include "control.h"
 #include "gate.h"
 #include "messages.h"
 #include "target.h"
@@ -50,63 +49,9 @@ void ReadHead(const std::string& text) {
   if (gate.IsBearer(bearer)) Check(bearer.substr(bearer.size() - 6) == "secret", "only the token is let in");
 }
 
-/// Against the shortest model: who may command is known from whoever was heard last.
-void FightForControl(Input& in) {
-  using std::chrono::milliseconds;
-  Control control({true, true, milliseconds(100)});
-  Control::Time now{};
-  Control::Time heard{};
-  Commander holder;
-  bool is_stopped = false;
-  while (!in.Empty()) {
-    now += milliseconds(in.Below(60));
-    if (!holder.empty() && now - heard > milliseconds(100)) {
-      holder.clear();
-      is_stopped = true;
-    }
-    const Commander sender(1, static_cast<char>('a' + in.Below(3)));
-    const bool holds = sender == holder;
-    if (holds) heard = now;
-    switch (in.Below(6)) {
-      case 0:
-        Check((control.Take(sender, now).refusal == Refusal::kNone) == (holder.empty() || holds), "take");
-        if (holder.empty()) heard = now;
-        if (holder.empty()) holder = sender;
-        break;
-      case 1:
-        Check((control.Give(sender, now).refusal == Refusal::kNone) == holds, "give");
-        if (holds) holder.clear();
-        break;
-      case 2:
-        Check((control.Command(sender, now).refusal == Refusal::kNone) == (holds && !is_stopped), "command");
-        break;
-      case 3:
-        Check(control.Rearm(sender, now).rearm == holds, "rearm");
-        if (holds) is_stopped = false;
-        break;
-      case 4:
-        Check(control.Stop(sender, now).stop, "stop");
-        is_stopped = true;
-        break;
-      default:
-        control.Expire(now);
-        Check(control.Leave(sender).stop == holds, "who leaves with control stops the arm");
-        if (holds) is_stopped = true;
-        if (holds) holder.clear();
-    }
-    Check(control.Holder() == holder && control.IsStopped() == is_stopped, "holder and stop are as the model says");
-  }
-}
-
 void Run(Input& in) {
-  switch (in.Below(3)) {
-    case 0:
-      return ReadMessage(in.Rest());
-    case 1:
-      return ReadHead(in.Rest());
-    default:
-      return FightForControl(in);
-  }
+  if (in.Below(3) == 0) return ReadMessage(in.Rest());
+  ReadHead(in.Rest());
 }
 
 const Registered kTarget("bridge_message", Run);

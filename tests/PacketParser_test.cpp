@@ -60,13 +60,6 @@ TEST(PacketParser, SearchHeaderStopsAtTheMarkOrBelowTwoBytes) {
   }
 }
 
-TEST(PacketParser, NegativeJointCountNeverCompletesAFrame) {
-  PacketParser parser(-1);
-  parser.Push(kOne);
-  EXPECT_TRUE(parser.Parse().empty());
-  EXPECT_EQ(parser.buffer.size(), 103u);
-}
-
 TEST(PacketParser, GarbageLeavesNoRoomReserved) {
   PacketParser parser(1);
   parser.Push(Data(1 << 20, 'x'));

@@ -145,15 +145,6 @@ TEST_F(DiagnosisTest, NamesWhatKeepsJointsFromMovingAndTheCommandThatHelps) {
   }
 }
 
-TEST(Conclusion, DependsOnTheWorstFindingAndHowMany) {
-  const Finding good{Finding::Kind::kGood, ""}, warning{Finding::Kind::kWarning, ""},
-      failure{Finding::Kind::kFailure, ""};
-  EXPECT_EQ(Conclusion({good, good}), "healthy");
-  EXPECT_EQ(Conclusion({good, warning}), "the link works; mind the warnings");
-  EXPECT_EQ(Conclusion({warning, failure}), "this keeps the link from working");
-  EXPECT_EQ(Conclusion({failure, failure}), "begin with the first failure");
-}
-
 TEST(FitJointCount, WantsTwoWholeFrames) {
   std::vector<char> bytes = {'\xAB', '\xCD', 'n'};
   const std::vector<char> frame = StatusFrame(7, 1);

@@ -3,8 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-
 #include "support/bytes.h"
 
 namespace velta::wire {
@@ -12,50 +10,6 @@ namespace {
 
 using test::Bytes;
 using Frame = std::vector<char>;
-
-const Frame kCommand =
-    Bytes().U8(0xAB).U8(0xCD).U64(0x0102030405060708).U8(0xA0).U8(0).U8(0x11).F32(0.5f).F32(-1).F32(0).F32(3).Crc();
-
-Frame Joined(const std::vector<Frame>& parts) {
-  Frame all;
-  for (const Frame& part : parts) all.insert(all.end(), part.begin(), part.end());
-  return all;
-}
-
-TEST(CommandFramer, GivesTheSameCommandsWhateverThePieces) {
-  Frame bad = kCommand;
-  bad[20] = static_cast<char>(bad[20] ^ 0x10);
-  const struct {
-    Frame bytes;
-    std::size_t commands, bad_crc, garbage, waiting;
-  } cases[] = {
-      {{}, 0, 0, 0, 0},
-      {Joined({kCommand, kCommand}), 2, 0, 0, 0},
-      {Joined({kCommand, Frame(kCommand.begin(), kCommand.begin() + 30)}), 1, 0, 0, 30},
-      {Joined({{'\0', '\xCD', '\xAB'}, kCommand}), 1, 0, 3, 0},
-      {Joined({{'\xAB', '\xAB', '\xAB'}, kCommand}), 1, 0, 3, 0},
-      {Joined({Frame(61, 'x'), kCommand}), 1, 0, 61, 0},  // pieces of 31 cut the mark in two
-      {Joined({bad, kCommand}), 1, 1, 0, 0},
-      // A false mark takes 31 bytes with it, 29 of them the true frame's; its last two are garbage before the next.
-      {Joined({{'\xAB', '\xCD'}, kCommand, kCommand}), 1, 1, 2, 0},
-  };
-  for (const auto& c : cases) {
-    for (const std::size_t piece : {1U, 2U, 7U, 31U, 1000U}) {
-      CommandStream framer(1);
-      std::vector<SendPacket> commands;
-      for (std::size_t i = 0; i < c.bytes.size(); i += piece) {
-        const auto more = framer.Push(c.bytes.data() + i, std::min(piece, c.bytes.size() - i));
-        commands.insert(commands.end(), more.begin(), more.end());
-      }
-      EXPECT_EQ((std::vector{commands.size(), framer.BadCrc(), framer.Garbage(), framer.Lost() - framer.Discarded()}),
-                (std::vector{c.commands, c.bad_crc, c.garbage, c.waiting}))
-          << c.bytes.size() << " bytes in pieces of " << piece;
-      for (SendPacket& command : commands) EXPECT_EQ(command.GetCharVector(), kCommand);
-      framer.Restart();  // forgets the tail
-      EXPECT_EQ(framer.Push(kCommand.data(), kCommand.size()).size(), 1U);
-    }
-  }
-}
 
 TEST(StatusFrame, IsTheWireFormatByteForByte) {
   RecvPacket status(1);  // without a start mark, as the simulator keeps it

@@ -283,24 +283,4 @@ TEST(Relay, GivesAControllerItsTimeToAnswer) {
   close(listener);
 }
 
-TEST(Relay, RefusesLinksThatDoNotGoTogetherAndTakesItsSymlinkAway) {
-  const std::string path = testing::TempDir() + "velta_relay_tty_" + std::to_string(getpid());
-  const auto relay = [](const std::string& endpoint, const char* controller) {
-    struct : RelayObserver {
-      void Opened(Stamp) override {}
-      void Closed(Stamp) override {}
-      void Failed(const std::string&) override {}
-      void Passed(Direction, const char*, std::size_t, Stamp) override {}
-    } observer;
-    const Relay opened(ParseLink(endpoint), ParseLink(controller), observer);
-    EXPECT_EQ(access(opened.Address().device.c_str(), R_OK | W_OK), 0);
-  };
-  EXPECT_THROW(relay("udp://127.0.0.1:0", "serial:///dev/ttyS0"), BadLink);
-  EXPECT_THROW(relay("tcp://127.0.0.1:0", "tcp://127.0.0.1:0"), BadLink);
-  EXPECT_THROW(relay("tcp://192.0.2.1:5", "tcp://127.0.0.1:1"), LinkError);
-  EXPECT_THROW(relay("pty:/nowhere/arm", "tcp://127.0.0.1:1"), LinkError);
-  for (int run = 0; run < 2; ++run) relay("pty:" + path, "tcp://127.0.0.1:1");
-  EXPECT_NE(access(path.c_str(), F_OK), 0);
-}
-
 }  // namespace

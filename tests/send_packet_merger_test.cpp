@@ -70,18 +70,4 @@ TEST(MergeNotUniquePacket, GivesFreshPacketsThenCollisionsUnchangedAndKeepsItsAr
   EXPECT_EQ(OrdersOf(lists[1][0]), (Orders{2, 0}));
 }
 
-TEST(MergeUniquePacket, MergesEqualKeysIntoTheFirstMapsPacketAndErasesThemFromTheLater) {
-  using Map = std::unordered_map<std::string, SendPacket>;
-  std::vector<Map> maps = {{{"k", Packet({1, 0, 0})}},
-                           {{"k", Packet({0, 2, 0}, true)}, {"own", Packet({0, 0, 4})}},
-                           {{"k", Packet({5, 0, 6})}}};
-  const std::deque<SendPacket> merged = SendPacketMerger::mergeUniquePacket(maps);
-  ASSERT_EQ(merged.size(), 3u);
-  EXPECT_EQ(OrdersOf(merged[0]), (Orders{1, 2, 0}));
-  EXPECT_TRUE(merged[0].GetConfirmReceived());
-  EXPECT_EQ(OrdersOf(merged[2]), (Orders{5, 0, 6}));  // it collides
-  EXPECT_EQ(maps[0].size() + maps[1].size() + maps[2].size(), 2u);
-  EXPECT_EQ(OrdersOf(maps[0].at("k")), (Orders{1, 0, 0}));
-}
-
 }  // namespace

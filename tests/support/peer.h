@@ -9,14 +9,30 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
 
 #include "address.h"
-#include "support/process.h"
+#include "fd.h"
 
 namespace velta::test {
 
+/// Awaits a condition, far longer than any case takes. @return whether it came true in time
+inline bool Until(const std::function<bool()>& done) {
+  for (const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30); !done();) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::sleep_for(std::chrono::microseconds(200));
+  }
+  return true;
+}
+
 /// A bare end of a link, with system calls alone: a controller that listens and never answers by itself, or a host that
-/// connects. Non-blocking, but for Read.
+/// connects. Non-blocking.
 class Peer {
  public:
   using Kind = LinkAddress::Kind;
@@ -99,20 +115,6 @@ class Peer {
     return bytes;
   }
 
-  /// @return the next bytes that arrive; fewer at the deadline or the connection's end
-  std::vector<char> Read(std::size_t size) {
-    Until([&] {
-      if (const auto bytes = Receive()) taken_.insert(taken_.end(), bytes->begin(), bytes->end());
-      return taken_.size() >= size || ended || error == ECONNRESET;
-    });
-    const auto end = taken_.begin() + static_cast<std::ptrdiff_t>(std::min(size, taken_.size()));
-    std::vector<char> bytes(taken_.begin(), end);
-    taken_.erase(taken_.begin(), end);
-    return bytes;
-  }
-
-  std::string Name() const { return velta::ToString(link); }  ///< how a tool is told of this controller
-
   LinkAddress link;
   bool ended = false;
   int error = 0;
@@ -134,7 +136,6 @@ class Peer {
   Kind kind_;
   wire::Fd listener_, fd_, tty_;
   std::optional<sockaddr_in> to_;
-  std::vector<char> taken_;  ///< by Read, and not yet given
 };
 
 }  // namespace velta::test
