@@ -54,7 +54,7 @@ std::string HostName(std::string_view host) {
   return is_port ? LowerCase(name) : std::string();
 }
 
-Gate::Gate(std::vector<std::string> names, std::string token) : names_(std::move(names)) {
+Gate::Gate(std::vector<std::string> names, std::string_view token) : names_(std::move(names)) {
   for (std::string& name : names_) name = LowerCase(name);
   if (!token.empty()) token_digest_ = Digest(token);
 }

@@ -16,7 +16,7 @@ class Gate {
  public:
   /// @param names  host names and addresses that a request may be addressed to, without ports
   /// @param token  empty: none is asked for
-  Gate(std::vector<std::string> names, std::string token);
+  Gate(std::vector<std::string> names, std::string_view token);
 
   /// @param host    the Host field, "" if there is none
   /// @param origin  the Origin field, "" if there is none
