@@ -7,7 +7,7 @@ import socket
 
 import pytest
 
-from bridge import MODE, REF_POSITION, SERVO_ON, bridge, broker, command, viewer
+from bridge import REF_POSITION, SERVO_ON, bridge, broker, command, viewer
 
 
 class Listener:

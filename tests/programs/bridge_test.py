@@ -46,10 +46,6 @@ def begin_slow_move(commander):
         pass
 
 
-def trajectory(observer):
-    return observer.receive("state")["jointState"][0]["trjStatus"]
-
-
 def test_every_viewer_gets_states_as_the_library_writes_them(sim, bridge, viewer):
     program = bridge(sim(), "--web-hz", 20)
     first, second = viewer(program.url), viewer(program.url)
@@ -91,15 +87,12 @@ def test_one_commander_at_a_time(sim, bridge, viewer):
     one.take()
     assert other.receive("control") == {"held": True, "yours": False}
     assert other.ask({"control": "take"}) == {"outcome": "refused", "reason": "control held by another"}
-    assert other.do(command(SERVO_ON))["reason"] == "control not held"
-    assert other.ask({"rearm": True})["reason"] == "control not held"
     assert one.do(command(SERVO_ON)) == {"id": "1", "outcome": "confirmed"}
     one.send(command(MODE, value=POSITION))  # bare, and without an answer
     assert one.ask({"id": 2, "command": command(REF_POSITION, value=1.5)}) == {"id": 2, "outcome": "sent"}
     while one.receive("state")["jointState"][0]["position"] != "1.500000":
         pass
     assert one.ask({"id": "3", "command": {"armOrder": 0, "jointCommand": []}})["reason"] == "not a command document"
-    assert one.ask("{}") == {"outcome": "refused", "reason": "not a command document"}
     assert one.ask({"control": "give"}, "control") == {"held": False, "yours": False}
     other.take()
     assert other.do(command(SERVO_ON))["outcome"] == "confirmed"
@@ -116,7 +109,7 @@ def test_arm_stops_without_its_commander(sim, bridge, viewer, how):
     if how == "stopped by a viewer":
         other.send({"stop": True})
         assert commander.do(command(SERVO_ON))["reason"] == "dead-man"
-    while trajectory(other) not in ("5", "6"):
+    while other.receive("state")["jointState"][0]["trjStatus"] not in ("5", "6"):
         pass
     if how == "stopped by a viewer":
         commander.send({"control": "give"})
@@ -126,55 +119,31 @@ def test_arm_stops_without_its_commander(sim, bridge, viewer, how):
     assert other.do(command(SERVO_ON))["outcome"] == "confirmed"
 
 
-def test_giving_back_stops_nothing(sim, bridge, viewer):
-    program = bridge(sim(), "--allow-commands", "--control-timeout", "300ms")
-    commander = viewer(program.url)
-    commander.take()
-    begin_slow_move(commander)
-    commander.send({"control": "give"})
-    before = commander.receive("state")
-    while int(commander.receive("state")["timestamp"]) < int(before["timestamp"]) + 1_000_000:
-        pass
-    assert trajectory(commander) == "2"
-
-
-def test_viewers_may_only_stop_without_allow_commands(sim, bridge, viewer):
-    program = bridge(sim())
-    watcher = viewer(program.url)
-    for message in ({"control": "take"}, {"command": command(SERVO_ON)}, {"rearm": True}):
-        assert watcher.ask(message)["reason"] == "commands not allowed"
-    watcher.send({"stop": True})
-    while watcher.receive("event")["kind"] != "dead-man":
-        pass
-    strict = bridge(sim(), "--no-viewer-stop")
-    assert viewer(strict.url).ask({"stop": True})["reason"] == "stop not allowed"
-
-
-def test_stop_documents_replace_the_stop(sim, bridge, viewer, tmp_path):
+def test_viewers_may_only_stop_without_allow_commands(sim, bridge, viewer, tmp_path):
     stop = tmp_path / "stop.json"
     stop.write_text(json.dumps(command(MODE, joint=2, value=1)))
     watcher = viewer(bridge(sim(), "--stop-documents", stop).url)
+    assert watcher.ask({"control": "take"})["reason"] == "commands not allowed"
     watcher.send({"stop": True})
     while watcher.receive("state")["jointState"][1]["ctrlMode"] != "1":
         pass
+    strict = bridge(sim(), "--no-viewer-stop")
+    assert viewer(strict.url).ask({"stop": True})["reason"] == "stop not allowed"
 
 
 def test_requests_are_let_in_by_host_origin_and_token(sim, bridge, viewer, tmp_path):
     secret = tmp_path / "token"
     secret.write_text("open sesame\n")
     program = bridge(sim(), "--token-file", secret, "--allow-host", "arm.example", "--allow-commands")
-    port = program.url.rstrip("/").rsplit(":", 1)[1]
     bearer = {"Authorization": "Bearer open sesame"}
     for path, headers, status in [
         ("/", {}, 200),
         ("/", {"Host": "arm.example"}, 200),
         ("/", {"Host": "evil.example"}, 403),
-        ("/", {"Origin": f"http://127.0.0.1:{port}"}, 200),
         ("/", {"Origin": "http://evil.example"}, 403),
         ("/api/state", {}, 401),
         ("/api/state", {"Authorization": "Bearer open sesam"}, 401),
         ("/api/state", bearer, 200),
-        ("/api/statistics", bearer, 200),
         ("/nothing", bearer, 404),
     ]:
         assert get(program.url, path, headers)[0] == status, (path, headers)
@@ -290,10 +259,8 @@ def test_service_manager_hears_that_it_is_ready_and_alive(sim, run, tmp_path):
 
 @pytest.mark.parametrize("arguments, complaint", [
     ([], "give --web, --mqtt or both"),
-    (["--web", "8080"], "bad --web '8080'"),
     (["--web", "localhost:99999"], "bad --web"),
     (["--mqtt", "http://x/y"], "bad --mqtt 'http://x/y': it begins with mqtt://"),
-    (["--mqtt", "mqtt://x"], "it ends with /PREFIX"),
     (["--web", "127.0.0.1:0", "--control-timeout", "1ms"], "bad --control-timeout '1ms'"),
     (["--web", "127.0.0.1:0", "--tls-cert", "x"], "--tls-key"),
 ])

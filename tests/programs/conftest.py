@@ -125,6 +125,22 @@ def velta():
         program.kill()
 
 
+@pytest.fixture
+def tshark(tmp_path):
+    """tshark(path, options..., fields=...): the values of each packet's fields, as the second pass with our dissector has
+    them; without fields, the lines of all that it shows."""
+
+    def run(path, *options, fields=""):
+        shape = ["-T", "fields", *(word for field in fields.split() for word in ("-e", field))] if fields else ["-V"]
+        script = pathlib.Path(__file__).parents[2] / "wireshark/velta.lua"
+        shown = subprocess.run(["tshark", "-2", "-X", f"lua_script:{script}", "-r", path, *shape, *options], text=True,
+                               capture_output=True, timeout=60, env={**os.environ, "HOME": str(tmp_path)})
+        assert shown.returncode == 0 and "Lua" not in shown.stderr, shown.stderr
+        return [tuple(line.split("\t")) for line in shown.stdout.split("\n")[:-1]]
+
+    return run
+
+
 class Controller(str):
     """The link of a running `velta sim`; `program` is the process."""
 

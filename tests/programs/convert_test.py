@@ -1,8 +1,7 @@
 # SPDX-License-Identifier: MIT
 import json
 
-from frames import command, damaged, status
-from recordings import CLOSED, OPENED, TO_CONTROLLER, TO_HOST, WALL, record, recording
+from frames import CLOSED, OPENED, TO_CONTROLLER, TO_HOST, WALL, command, damaged, record, recording, status
 
 
 def arm(path, **more):

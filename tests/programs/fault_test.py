@@ -7,6 +7,7 @@ import stat
 
 import pytest
 from conftest import wait_until
+from frames import connect
 
 
 def controlled(sim, endpoint):
@@ -18,10 +19,10 @@ def exchange(endpoint, *lines):
     """Sends lines at once; returns the answers."""
     if endpoint.startswith("unix:"):
         to = socket.socket(socket.AF_UNIX)
+        to.settimeout(30)
         to.connect(endpoint[5:])
     else:
-        to = socket.create_connection(("127.0.0.1", int(endpoint.rsplit(":", 1)[1])))
-    to.settimeout(30)
+        to = connect(endpoint)
     with to, to.makefile("rw") as stream:
         stream.write("".join(line + "\n" for line in lines))
         stream.flush()
@@ -70,7 +71,6 @@ def test_odd_faults_are_refused_before_anything_begins(velta, sim, tmp_path):
 
 @pytest.mark.parametrize("endpoint, error", [
     ("unix:{0}/missing", "No such file or directory"),
-    ("tcp://127.0.0.1:1", "Connection refused"),
     ("tcp://192.0.2.1:5000", "only unix:PATH and tcp://127.0.0.1:PORT are for control lines"),
     ("unix:{0}/" + "x" * 200, "the path is too long for a socket"),
 ])

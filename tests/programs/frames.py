@@ -5,6 +5,8 @@ import socket
 import struct
 
 HOST, CONTROLLER = 40000, 45000  # ports
+TO_CONTROLLER, TO_HOST, OPENED, CLOSED = range(4)  # of a recording's records
+WALL = 17 * 10**17  # of a recording's begin, ns
 
 
 def crc16(data):
@@ -43,10 +45,14 @@ def damaged(frame):
     return frame[:15] + bytes([frame[15] ^ 1]) + frame[16:]
 
 
-def patient(end):
-    """A blocking socket, so that MSG_WAITALL holds, whose waits end after 30 s."""
-    end.settimeout(None)
+def connect(link, **options):
+    """A blocking socket, so that MSG_WAITALL holds, whose waits end after 30 s; options: SO_... of it"""
+    end = socket.socket(type=socket.SOCK_DGRAM if link.startswith("udp:") else socket.SOCK_STREAM)
     end.setsockopt(socket.SOL_SOCKET, socket.SO_RCVTIMEO, struct.pack("ll", 30, 0))
+    for option, value in options.items():
+        end.setsockopt(socket.SOL_SOCKET, getattr(socket, option), value)
+    host, port = link.split("://")[1].split(":")
+    end.connect((host, int(port)))
     return end
 
 
@@ -89,24 +95,41 @@ class Recording:
         self.bytes = _frame(head)
 
     def add(self, seconds, event, data=b""):
-        """event: 0 to the controller, 1 to the host, 2 opened, 3 closed"""
         ns = round(seconds * 1e9)
-        self.bytes += _frame(struct.pack("<BBHQQ", 0x52, event, len(data), 10**12 + ns, 17 * 10**17 + ns) + data)
+        self.bytes += _frame(struct.pack("<BBHQQ", 0x52, event, len(data), 10**12 + ns, WALL + ns) + data)
 
     def write(self, path):
         path.write_bytes(self.bytes)
         return path
 
 
+def recording(path, joints, *passed, tail=b""):
+    """Writes a file of what passed, with bytes after the last record; returns its path."""
+    made = Recording(joints)
+    for each in passed:
+        made.add(*each)
+    made.bytes += tail
+    return made.write(path)
+
+
+def record(event, seconds, data=b""):
+    return seconds, event, data
+
+
+def passed(path):
+    """The records as (event, monotonic ns, wall ns, bytes)."""
+    return records(path)[2]
+
+
 def records(path):
-    """A recording's link, joint count, and (event, wall ns, bytes) of its records; checks every CRC."""
+    """A recording's link, joint count, and records; checks every CRC."""
     data = path.read_bytes()
     magic, version, joints, size = struct.unpack_from("<8sHHH", data)
     assert (magic, version) == (b"\x89VREC\r\n\x1a", 1)
     link, at, found = data[14:14 + size].decode(), 16 + size, []
     while at < len(data):
-        mark, event, length, _, wall = struct.unpack_from("<BBHQQ", data, at)
+        mark, event, length, monotonic, wall = struct.unpack_from("<BBHQQ", data, at)
         assert mark == 0x52 and _frame(data[at:at + 20 + length]) == data[at:at + 22 + length]
-        found.append((event, wall, data[at + 20:at + 20 + length]))
+        found.append((event, monotonic, wall, data[at + 20:at + 20 + length]))
         at += 22 + length
     return link, joints, found

@@ -22,9 +22,7 @@ def test_measures_every_kind_of_link(velta, sim, endpoint, options):
 
 @pytest.mark.parametrize("fault, status, first, verdict", [
     ("late-echo=20", 0, "12 commands, 12 echoed, 0.0 % lost, 0 resends", ""),
-    ("garbage=1:40", 0, "12 commands, 12 echoed, ", "look at the link: "),
     ("no-echo", 1, "10 commands, 0 echoed, 100.0 % lost, 40 resends", "the controller sends statuses, but echoes no command"),
-    ("drop-status", 1, "10 commands, 0 echoed, ", "no answer at all"),
     ("close=5", 1, "", "look at the link: it was lost"),
 ])
 def test_says_where_to_look(velta, sim, fault, status, first, verdict):
@@ -35,11 +33,7 @@ def test_says_where_to_look(velta, sim, fault, status, first, verdict):
 
 def test_waits_its_timeout_for_each_of_five_attempts(velta, sim):
     run = velta("ping", "-n", 3, sim("--fault", "no-echo"), "--count", 1, "--timeout", "300ms")
-    assert run.stdout.startswith("1 commands, 0 echoed, 100.0 % lost, 4 resends\n")
-    assert run.seconds >= 1.5
-
-
-def test_waits_its_interval_between_commands(velta, sim):
+    assert run.stdout.startswith("1 commands, 0 echoed, 100.0 % lost, 4 resends\n") and run.seconds >= 1.5
     assert velta("ping", "-n", 3, sim(), "--count", 4, "--interval", "200ms").seconds >= 0.6
 
 
@@ -61,7 +55,6 @@ def test_check_says_whether_a_controller_answers(velta, sim, check):
 @pytest.mark.parametrize("options, trouble", [
     (["--fault", "no-echo"], "status frames arrive, but none echoes a command"),
     (["-n", 4], "no status frame arrives, but other bytes do; check the joint count"),
-    (["--fault", "drop-status"], "no status frame arrives"),
     (["--fault", "refuse"], "Connection refused"),
 ])
 def test_check_says_how_far_it_came(velta, sim, options, trouble):

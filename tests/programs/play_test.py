@@ -1,23 +1,13 @@
 # SPDX-License-Identifier: MIT
 import socket
 
-import recordings
-from frames import command, damaged, patient, status
-from recordings import CLOSED, OPENED, TO_CONTROLLER, TO_HOST, record, recording
+from frames import CLOSED, OPENED, TO_CONTROLLER, TO_HOST, command, connect, damaged, record, recording, status
 
 COMMANDS = [command(stamp, 1, {0: (17, stamp)}) for stamp in (3, 1, 2)]
 
 
 def run_of(*seconds, event=TO_CONTROLLER, frames=COMMANDS):
     return [record(OPENED, 0)] + [record(event, s, f) for s, f in zip(seconds, frames)] + [record(CLOSED, 200)]
-
-
-def host_of(program, **options):
-    end = patient(socket.socket())
-    for option, value in options.items():
-        end.setsockopt(socket.SOL_SOCKET, getattr(socket, option), value)
-    end.connect(("127.0.0.1", int(program.link.rsplit(":", 1)[1])))
-    return end
 
 
 def test_sends_the_good_commands_unchanged_at_their_times(velta, listener, tmp_path):
@@ -50,12 +40,12 @@ def test_serves_every_host_from_the_first_whole_frame_on(velta, tmp_path):
     large = status(1, 2, 828)  # more of these than a connection holds, so that one is cut
     file = recording(tmp_path / "run.vrec", 828, *[record(TO_HOST, 0, large)] * 150)
     program = velta.start("play", file, "--serve", "tcp://127.0.0.1:0")
-    program.link = program.line("listening on ")
-    first = host_of(program, SO_RCVBUF=4096)
+    link = program.line("listening on ")
+    first = connect(link, SO_RCVBUF=4096)
     first.sendall(b"x" * 10)
     assert first.recv(2, socket.MSG_WAITALL) == b"\xab\xcd"
     first.close()
-    second = host_of(program)
+    second = connect(link)
     second.sendall(command(1, 828)[:100])
     received = b""
     while data := second.recv(1 << 20):
@@ -69,6 +59,5 @@ def test_loops_until_it_is_stopped(velta, tmp_path):
     frames = [status(stamp, 0, 1) for stamp in (8, 9)]
     file = recording(tmp_path / "run.vrec", 1, *run_of(0, 0.01, event=TO_HOST, frames=frames))
     program = velta.start("play", file, "--serve", "tcp://127.0.0.1:0", "--loop")
-    program.link = program.line("listening on ")
-    assert host_of(program).recv(103 * 7, socket.MSG_WAITALL) == (b"".join(frames) * 4)[:103 * 7]
+    assert connect(program.line("listening on ")).recv(103 * 7, socket.MSG_WAITALL) == (b"".join(frames) * 4)[:103 * 7]
     assert program.stop().status == 0

@@ -3,17 +3,12 @@ import re
 import socket
 import time
 
+import frames
 import pytest
-import recordings
 from conftest import wait_until
-from frames import command, patient, status
+from frames import command, connect, status
 
 STATUS = status(5, 0, 1)
-
-
-def connect(link):
-    host, port = link.split("://")[1].split(":")
-    return patient(socket.create_connection((host, int(port))))
 
 
 @pytest.fixture
@@ -21,7 +16,7 @@ def tap(velta, listener, tmp_path):
     """A recorder of a one-joint arm between hosts and the listening controller."""
     program = velta.start("record", "-n", 1, listener.link, tmp_path / "run.vrec", "--via", "tcp://localhost:0")
     program.link = program.line("listening on ")
-    program.records = lambda: recordings.read(tmp_path / "run.vrec")
+    program.records = lambda: frames.passed(tmp_path / "run.vrec")
     return program
 
 
@@ -35,12 +30,12 @@ def test_between_a_host_and_its_controller_nothing_is_changed_or_missed(tap, lis
     host.close()
     assert listener.read(1) == b""
     listener.close()
-    wait_until(lambda: tap.records()[-1][0] == recordings.CLOSED)
+    wait_until(lambda: tap.records()[-1][0] == frames.CLOSED)
     assert tap.stop().status == 0
     records = tap.records()
-    assert [records[0][0], records[-1][0]] == [recordings.OPENED, recordings.CLOSED]
-    assert b"".join(r[3] for r in records if r[0] == recordings.TO_CONTROLLER) == sent
-    assert b"".join(r[3] for r in records if r[0] == recordings.TO_HOST) == answered
+    assert [records[0][0], records[-1][0]] == [frames.OPENED, frames.CLOSED]
+    assert b"".join(r[3] for r in records if r[0] == frames.TO_CONTROLLER) == sent
+    assert b"".join(r[3] for r in records if r[0] == frames.TO_HOST) == answered
     monotonic = [r[1] for r in records]
     assert monotonic == sorted(monotonic)
     assert 0 <= time.monotonic_ns() - monotonic[0] < 60e9 and 0 <= time.time_ns() - records[0][2] < 60e9
@@ -71,20 +66,20 @@ def test_asks_only_a_silent_controller(velta, sim, tmp_path):
     talking, silent = sim(), sim("--on-command")
     for link, poll, asked in ((talking, "200ms", False), (silent, "10ms", True), (silent, "0", False)):
         assert velta("record", "-n", 3, link, tmp_path / "run.vrec", "--force", "--for", "500ms", "--poll", poll).status == 0
-        events = {event for event, *_ in recordings.read(tmp_path / "run.vrec")}
-        assert (recordings.TO_CONTROLLER in events) == asked
-        assert (recordings.TO_HOST in events) == (asked or link is talking)
+        events = {event for event, *_ in frames.passed(tmp_path / "run.vrec")}
+        assert (frames.TO_CONTROLLER in events) == asked
+        assert (frames.TO_HOST in events) == (asked or link is talking)
 
 
 def test_a_lost_link_and_a_full_disk_end_with_status_1(velta, listener, tmp_path):
     program = velta.start("record", "-n", 1, listener.link, tmp_path / "run.vrec", "--poll", "1ms")
     listener.read(31)
     listener.send(STATUS)
-    wait_until(lambda: any(r[0] == recordings.TO_HOST for r in recordings.read(tmp_path / "run.vrec")))
+    wait_until(lambda: any(r[0] == frames.TO_HOST for r in frames.passed(tmp_path / "run.vrec")))
     link = listener.link
     listener.close()
     assert program.wait().status == 1 and program.stderr.startswith(f"velta: {link}: ")
-    assert recordings.read(tmp_path / "run.vrec")[-1][0] == recordings.CLOSED
+    assert frames.passed(tmp_path / "run.vrec")[-1][0] == frames.CLOSED
     full = velta("record", "-n", 1, "udp://127.0.0.1:9", "/dev/full", "--force", "--for", "1s")
     assert (full.status, full.stderr) == (1, "velta: /dev/full: No space left on device\n")
 
@@ -92,12 +87,9 @@ def test_a_lost_link_and_a_full_disk_end_with_status_1(velta, listener, tmp_path
 def test_leaves_no_file_of_a_failed_start_and_replaces_none_unasked(velta, sim, tmp_path):
     file = tmp_path / "run.vrec"
     assert velta("record", "-n", 3, "tcp://127.0.0.1:9", file).status == 1
-    unknown = velta("record", "-n", 3, "tcp://no-such-host.invalid:9", file)
-    assert unknown.status == 1 and "cannot resolve 'no-such-host.invalid'" in unknown.stderr
-    assert velta("record", "-n", 3, sim(), file, "--via", "udp://127.0.0.1:0").status == 2
     assert not file.exists()
     file.write_text("mine")
     refused = velta("record", "-n", 3, sim(), file, "--for", "10ms")
     assert refused.status == 1 and "--force" in refused.stderr and file.read_text() == "mine"
     assert velta("record", "-n", 3, sim(), file, "--for", "10ms", "--force").status == 0
-    assert recordings.read(file)[0][0] == recordings.OPENED
+    assert frames.passed(file)[0][0] == frames.OPENED

@@ -56,24 +56,16 @@ def test_every_word_becomes_the_frame_of_the_table(velta):
 @pytest.mark.parametrize("words, complaint", [
     ("servo-on", "servo-on needs --select: all, or indices from 0 as in 0/2/5"),
     ("servo-on --select 3", "--select 3: '3' is not a joint of this arm (0 to 2)"),
-    ("servo-on --select 0//1", "--select 0//1: '' is not a joint of this arm (0 to 2)"),
-    ("servo-on --select 0/", "--select 0/: '' is not a joint of this arm (0 to 2)"),
-    ("servo-on --select ALL", "--select ALL: 'ALL' is not a joint of this arm (0 to 2)"),
     ("servo-on 1 --select all", "servo-on takes 0 arguments, not 1; velta send --list shows them"),
     ("ref-position 30deg --select all", "ref-position: position '30deg' is not a finite 32-bit real number"),
-    ("ref-position nan --select all", "ref-position: position 'nan' is not a finite 32-bit real number"),
-    ("ref-position 1e39 --select all", "ref-position: position '1e39' is not a finite 32-bit real number"),
     ("control-mode 1.5 --select all", "control-mode: mode '1.5' is not an integer of up to 24 bits"),
     ("control-mode 16777217 --select all", "control-mode: mode '16777217' is not an integer of up to 24 bits"),
-    ("control-mode -2147483648 --select all", "control-mode: mode '-2147483648' is not an integer of up to 24 bits"),
     ("trajectory-pvt 1 2 3 yes --select all", "trajectory-pvt: flag 'yes' is not 0 or 1"),
     ("payload 1 2 3 4 --select 0", "payload commands the whole arm and takes no --select"),
     ("servo-no --select all", "unknown command 'servo-no' (did you mean 'servo-on'?); velta send --list shows all"),
     ("", "send takes either a command or --document; velta send --list shows the commands"),
     ("--document {} --select all", "--document names its joints itself; leave --select out"),
     ("servo-on --select all --timeout 2", "'2' is not a duration: give a number and its unit, as in 200ms, 0.5s or 2min"
-     "; see velta send --help"),
-    ("servo-on --select all --timeout 2h", "'2h' is not a duration: give a number and its unit, as in 200ms, 0.5s or 2min"
      "; see velta send --help"),
     ("servo-on --select all --timeout 1ms", "--timeout takes 10ms to 60min, not 1ms; see velta send --help"),
 ])

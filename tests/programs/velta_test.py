@@ -2,11 +2,11 @@
 """What all commands have in common: help, mistyped words, options, the environment."""
 
 import signal
-import struct
 import time
 
 import frames
 import pytest
+from frames import TO_CONTROLLER, TO_HOST, recording
 
 COMMANDS = ["sim", "monitor", "record", "convert", "plot", "play", "send", "ping", "doctor"]
 
@@ -28,11 +28,8 @@ def test_environment_stands_in_for_link_and_joints(velta, sim):
 
 @pytest.mark.parametrize("line, error", [
     ("pign -n 3 tcp://127.0.0.1:1", "there is no command 'pign' (did you mean 'ping'?); see velta --help"),
-    ("nonsense", "there is no command 'nonsense'; see velta --help"),
-    ("--versoin", "velta has no option '--versoin' (did you mean '--version'?); see velta --help"),
     ("ping --cuont 5 -n 3 tcp://127.0.0.1:1",
      "velta ping has no option '--cuont' (did you mean '--count'?); see velta ping --help"),
-    ("ping -n 3", "LINK is required; see velta ping --help"),
     ("ping tcp://127.0.0.1:1", "--joints is required; see velta ping --help"),
     ("ping -n 3 tcp://127.0.0.1:1 more", "'more' is one argument too many; see velta ping --help"),
 ])
@@ -48,49 +45,35 @@ def test_every_command_has_help_with_an_example(velta, command):
     assert f" velta {command} " in run.stdout.split("Example")[1], run.stdout
 
 
-def recording(folder):
-    """A recording of 3 joints: a command, a status and a minute later another command."""
-    def sealed(data):
-        return data + struct.pack("<H", frames.crc16(data))
-
-    def record(event, seconds, data):
-        times = (5 * 10**9 + seconds * 10**9, 10**9 + seconds * 10**9)
-        return sealed(b"R" + struct.pack("<BHQQ", event, len(data), *times) + data)
-
-    path = folder / "recorded.vrec"
-    path.write_bytes(sealed(b"\x89VREC\r\n\x1a" + struct.pack("<3H", 1, 3, 0)) + record(0, 0, frames.command(1, 3)) +
-                     record(1, 1, frames.status(1, 0, 3)) + record(0, 60, frames.command(2, 3)))
-    return path
+def a_recording(folder):
+    """Of 3 joints: a command, a status and a minute later another command."""
+    return recording(folder / "recorded.vrec", 3, (0, TO_CONTROLLER, frames.command(1, 3)),
+                     (1, TO_HOST, frames.status(1, 0, 3)), (60, TO_CONTROLLER, frames.command(2, 3)))
 
 
 @pytest.mark.parametrize("line, status, complaint", [
     ("record -n 3 NOWHERE", 2, "FILE is required"),
-    ("record -n 3 here FOLDER/new", 2, "LINK is required"),
     ("record -n 3 NOWHERE FOLDER/new --via udp://127.0.0.1:0", 2, "udp:// goes with udp://"),
-    ("record -n 3 serial:///dev/null FOLDER/new", 1, "not a serial device"),
     ("record -n 3 udp://127.0.0.1:9 TAPE", 1, "there is such a file already"),
     ("record -n 3 NOWHERE FOLDER/no/file --via HERE", 1, "No such file"),
     ("convert FOLDER/note", 1, "not a recording"),
-    ("convert FOLDER", 1, "Is a directory"),
     ("convert TAPE -o FOLDER/no/file", 1, "No such file"),
     ("convert TAPE -o /dev/full", 1, "cannot write"),
     ("convert TAPE --from 2s --to 1s", 2, "--from"),
     ("plot TAPE -o FOLDER/new.jpg", 2, "a plot is a .png or a .svg"),
     ("plot TAPE --fields position,speed", 2, "no field 'speed'"),
-    ("plot TAPE --select 3", 2, "'3' is not a joint of this arm (0 to 2)"),
     ("plot TAPE -n 2", 1, "no good status frame to plot"),
     ("plot TAPE -o FOLDER/no/file.png", 1, "No such file"),
     ("play TAPE", 2, "LINK"),
     ("play TAPE NOWHERE -n 1", 1, "no good command frame to play for 1 joints"),
     ("play TAPE --serve HERE -n 2", 1, "no good status frame to play for 2 joints"),
     ("doctor -n 3 tcp://127.0.0.1:port", 2, "bad link 'tcp://127.0.0.1:port'"),
-    ("doctor -n 3 pty:/tmp/arm", 2, "pty:/tmp/arm"),
     ("ping -n 3 NOWHERE", 1, "tcp://127.0.0.1:1: Connection refused"),
     ("ping -n 3 tcp://no-such-host.invalid:5000", 1, "no-such-host.invalid"),
     ("monitor -n 3 serial:///dev/null", 1, "not a serial device"),
 ])
 def test_refuses_in_one_line_and_changes_nothing(velta, tmp_path, line, status, complaint):
-    tape = recording(tmp_path)
+    tape = a_recording(tmp_path)
     (tmp_path / "note").write_text("precious")
     before = {path.name: path.read_bytes() for path in tmp_path.iterdir()}
     for name, meaning in (("FOLDER", tmp_path), ("TAPE", tape), ("NOWHERE", "tcp://127.0.0.1:1"),
@@ -122,7 +105,7 @@ STOPS = [
 @pytest.mark.parametrize("line, at_work, status, end", STOPS)
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM])
 def test_ends_with_its_summary_when_asked_to(velta, listener, tmp_path, line, at_work, status, end, number):
-    line = line.replace("FOLDER", str(tmp_path)).replace("TAPE", str(recording(tmp_path)))
+    line = line.replace("FOLDER", str(tmp_path)).replace("TAPE", str(a_recording(tmp_path)))
     program = velta.start(*line.replace("LINK", listener.link).split(" "))
     if at_work is None:
         assert len(listener.read(67)) == 67

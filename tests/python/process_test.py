@@ -8,7 +8,6 @@ import random
 import signal
 import subprocess
 import sys
-import time
 
 import pytest
 import velta

@@ -276,17 +276,6 @@ def test_control_c_ends_every_wait(arm):
     silent.close()
 
 
-def test_the_gil_is_free_in_every_wait(arm):
-    """A wait in this thread; another one must run meanwhile to end it."""
-    dead = Controller(answers=lambda command: False)
-    with velta.connect(dead.link, joints=2, silence=0, period=1) as slow:
-        never = slow.send(velta.Command(2), confirm=True)
-        threading.Timer(0.05, slow.stop).start()
-        with pytest.raises(velta.DiscardedError):
-            never.wait(PATIENCE)
-        assert list(slow.states(PATIENCE)) == []
-
-
 def test_a_forked_child_has_no_session(arm):
     mock = velta.MasterControllerClientMock(1)
     ticket = arm.send(velta.Command(3), confirm=True)
