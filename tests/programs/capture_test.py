@@ -4,7 +4,7 @@
 import struct
 
 import pytest
-from frames import CONTROLLER, HOST, Capture, Recording, command, records, status
+from frames import CONTROLLER, HOST, Capture, command, recording, records, status
 
 STAMP = 1_700_000_000_000_000_000
 TO_CONTROLLER, TO_HOST = (HOST, CONTROLLER), (CONTROLLER, HOST)
@@ -13,20 +13,13 @@ PASSED = [(0, 2, b""), (0.001, 1, status(1, 0, 3)), (0.0021, 0, command(STAMP, 3
           (2, 3, b"")]
 
 
-def recording(path, link, passed=PASSED):
-    made = Recording(link=link)
-    for record in passed:
-        made.add(*record)
-    return made.write(path)
-
-
 @pytest.mark.parametrize("link", ["tcp://192.168.1.5:5000", "tcp://127.0.0.1:5000", "udp://10.0.0.9:5000",
                                   "serial:///dev/ttyUSB0?baud=9600"])
 def test_a_recording_survives_the_way_through_a_capture(velta, tmp_path, link):
     passed = PASSED
     if not link.startswith("tcp"):  # where nothing shows that a connection ends and another begins
         passed = [record for record in PASSED if record[1] < 2]
-    first = recording(tmp_path / "run.vrec", link, [(0, 2, b""), *passed[passed[0][1] == 2:]])
+    first = recording(tmp_path / "run.vrec", 3, (0, 2), *passed[passed[0][1] == 2:], link=link)
     capture, back = tmp_path / "run.pcapng", tmp_path / "back.vrec"
     assert velta("convert", first, capture).status == 0
     run = velta("convert", capture, back, *(["--port", 5000] if "://1" in link else []))
@@ -46,7 +39,7 @@ def test_a_recording_survives_the_way_through_a_capture(velta, tmp_path, link):
 @pytest.mark.parametrize("link, packets", [("tcp://192.168.1.5:45000", 16), ("udp://192.168.1.5:45000", 5),
                                            ("serial:///dev/ttyUSB0?baud=9600", 5)])
 def test_tshark_reads_a_capture_and_finds_nothing_wrong(velta, tshark, tmp_path, link, packets):
-    velta("convert", recording(tmp_path / "run.vrec", link), tmp_path / "run.pcapng")
+    velta("convert", recording(tmp_path / "run.vrec", 3, *PASSED, link=link), tmp_path / "run.pcapng")
     checked = [word for layer in ("tcp", "udp", "ip") for word in ("-o", f"{layer}.check_checksum:TRUE")]
     shown = tshark(tmp_path / "run.pcapng", *checked, fields="velta.timestamp velta.timeStamp velta.round_trip "
                    "frame.time_epoch _ws.expert.message tcp.checksum.status udp.checksum.status ip.checksum.status")

@@ -1,15 +1,15 @@
 # SPDX-License-Identifier: MIT
 import json
 
-from frames import CLOSED, OPENED, TO_CONTROLLER, TO_HOST, WALL, command, damaged, record, recording, status
+from frames import CLOSED, OPENED, TO_CONTROLLER, TO_HOST, WALL, command, damaged, recording, status
 
 
 def arm(path, **more):
     """A recording of a one-joint arm."""
-    return recording(path / "run.vrec", 1, record(OPENED, 0), record(TO_CONTROLLER, 0.25, command(7, 1, {0: (17, 1.5)}, arm=3)),
-                     record(TO_HOST, 1, status(11, 7, 1, {0: 3}, {0: 0.1}, {0: 9})[:60]),
-                     record(TO_HOST, 1.000000001, status(11, 7, 1, {0: 3}, {0: 0.1}, {0: 9})[60:]),
-                     record(TO_HOST, 2, damaged(status(12, 7, 1)) + status(13, 7, 1)), record(CLOSED, 3), **more)
+    return recording(path / "run.vrec", 1, (0, OPENED), (0.25, TO_CONTROLLER, command(7, 1, {0: (17, 1.5)}, arm=3)),
+                     (1, TO_HOST, status(11, 7, 1, {0: 3}, {0: 0.1}, {0: 9})[:60]),
+                     (1.000000001, TO_HOST, status(11, 7, 1, {0: 3}, {0: 0.1}, {0: 9})[60:]),
+                     (2, TO_HOST, damaged(status(12, 7, 1)) + status(13, 7, 1)), (3, CLOSED), **more)
 
 
 def test_csv_has_a_row_for_each_status(velta, tmp_path):
@@ -36,7 +36,7 @@ def test_an_excerpt_and_a_file_that_is_whole_or_not_there(velta, tmp_path):
     target = tmp_path / "out.csv"
     assert velta("convert", arm(tmp_path), "--from", "1500ms", "--to", "2s", "-o", target).status == 0
     assert [line[:5] for line in target.read_text().splitlines()] == ["time_", "2.000"]
-    bad = recording(tmp_path / "bad.vrec", 1, record(OPENED, 0), tail=b"Rx")
+    bad = recording(tmp_path / "bad.vrec", 1, (0, OPENED), tail=b"Rx")
     bad.write_bytes(bad.read_bytes() + bytes(40))
     target.unlink()
     assert velta("convert", bad, "-o", target).status == 1

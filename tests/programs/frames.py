@@ -87,33 +87,14 @@ class Capture:
         return path
 
 
-class Recording:
-    """A recording, one record after the other."""
-
-    def __init__(self, joints=3, link="tcp://127.0.0.1:5000"):
-        head = struct.pack("<8sHHH", b"\x89VREC\r\n\x1a", 1, joints, len(link)) + link.encode()
-        self.bytes = _frame(head)
-
-    def add(self, seconds, event, data=b""):
-        ns = round(seconds * 1e9)
-        self.bytes += _frame(struct.pack("<BBHQQ", 0x52, event, len(data), 10**12 + ns, WALL + ns) + data)
-
-    def write(self, path):
-        path.write_bytes(self.bytes)
-        return path
-
-
-def recording(path, joints, *passed, tail=b""):
-    """Writes a file of what passed, with bytes after the last record; returns its path."""
-    made = Recording(joints)
-    for each in passed:
-        made.add(*each)
-    made.bytes += tail
-    return made.write(path)
-
-
-def record(event, seconds, data=b""):
-    return seconds, event, data
+def recording(path, joints, *passed, link="tcp://127.0.0.1:5000", tail=b""):
+    """Writes a file of what passed, (seconds, event, bytes) each, with bytes after the last record; returns its path."""
+    data = _frame(struct.pack("<8sHHH", b"\x89VREC\r\n\x1a", 1, joints, len(link)) + link.encode())
+    for seconds, event, *content in passed:
+        content, ns = b"".join(content), round(seconds * 1e9)
+        data += _frame(struct.pack("<BBHQQ", 0x52, event, len(content), 10**12 + ns, WALL + ns) + content)
+    path.write_bytes(data + tail)
+    return path
 
 
 def passed(path):

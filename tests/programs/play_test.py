@@ -1,13 +1,13 @@
 # SPDX-License-Identifier: MIT
 import socket
 
-from frames import CLOSED, OPENED, TO_CONTROLLER, TO_HOST, command, connect, damaged, record, recording, status
+from frames import CLOSED, OPENED, TO_CONTROLLER, TO_HOST, command, connect, damaged, recording, status
 
 COMMANDS = [command(stamp, 1, {0: (17, stamp)}) for stamp in (3, 1, 2)]
 
 
 def run_of(*seconds, event=TO_CONTROLLER, frames=COMMANDS):
-    return [record(OPENED, 0)] + [record(event, s, f) for s, f in zip(seconds, frames)] + [record(CLOSED, 200)]
+    return [(0, OPENED)] + [(s, event, f) for s, f in zip(seconds, frames)] + [(200, CLOSED)]
 
 
 def test_sends_the_good_commands_unchanged_at_their_times(velta, listener, tmp_path):
@@ -38,7 +38,7 @@ def test_a_lost_link_is_a_failure(velta, listener, tmp_path):
 
 def test_serves_every_host_from_the_first_whole_frame_on(velta, tmp_path):
     large = status(1, 2, 828)  # more of these than a connection holds, so that one is cut
-    file = recording(tmp_path / "run.vrec", 828, *[record(TO_HOST, 0, large)] * 150)
+    file = recording(tmp_path / "run.vrec", 828, *[(0, TO_HOST, large)] * 150)
     program = velta.start("play", file, "--serve", "tcp://127.0.0.1:0")
     link = program.line("listening on ")
     first = connect(link, SO_RCVBUF=4096)

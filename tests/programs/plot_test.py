@@ -3,7 +3,7 @@ import os
 import re
 
 import pytest
-from frames import OPENED, TO_CONTROLLER, TO_HOST, command, record, recording, status
+from frames import OPENED, TO_CONTROLLER, TO_HOST, command, recording, status
 
 GNUPLOT = '#!/bin/sh\ncat > "$SCRIPT"\necho "a picture"\n'
 # In ten seconds and 2,000 columns: a peak and a trough between others of the same column.
@@ -17,9 +17,9 @@ def plot(velta, tmp_path):
     tool.parent.mkdir()
     tool.write_text(GNUPLOT)
     tool.chmod(0o755)
-    statuses = [record(TO_HOST, s, status(1, 0, 2, {0: 2 if s < 7 else 3}, {0: p, 1: -7})) for s, p in POSITIONS]
-    ask = record(TO_CONTROLLER, 3, command(1, 2, {0: (0xA2, )}))
-    file = recording(tmp_path / "run.vrec", 2, record(OPENED, 0), *statuses[:2], ask, *statuses[2:])
+    statuses = [(s, TO_HOST, status(1, 0, 2, {0: 2 if s < 7 else 3}, {0: p, 1: -7})) for s, p in POSITIONS]
+    ask = (3, TO_CONTROLLER, command(1, 2, {0: (0xA2, )}))
+    file = recording(tmp_path / "run.vrec", 2, (0, OPENED), *statuses[:2], ask, *statuses[2:])
 
     def start(*options):
         script = tmp_path / "script"
@@ -54,6 +54,6 @@ def test_an_excerpt_of_some_joints_and_fields(plot, tmp_path):
 
 
 def test_gnuplot_draws_it(velta, tmp_path):
-    file = recording(tmp_path / "a b.vrec", 1, *[record(TO_HOST, s, status(1, 0, 1, {}, {0: s})) for s in (0, 1, 2)])
+    file = recording(tmp_path / "a b.vrec", 1, *[(s, TO_HOST, status(1, 0, 1, {}, {0: s})) for s in (0, 1, 2)])
     assert velta("plot", file, "-o", tmp_path / "a b.svg").status == 0
     assert re.match(r"<\?xml.*<svg", (tmp_path / "a b.svg").read_text(), re.S)
