@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: MIT
-// Sessions against the simulated controller: every fault over every link, restarts, peers that say nothing, hosts that
-// hang, callbacks that misbehave. VELTA_PROOF_COMMANDS is how many commands a fault gets (60), VELTA_PROOF_SECONDS how
+// Sessions against the simulated controller: every fault over every link, peers that say nothing, callbacks that
+// misbehave. VELTA_PROOF_COMMANDS is how many commands a fault gets (60), VELTA_PROOF_SECONDS how
 // long at most (1).
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -14,13 +15,14 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <filesystem>
 #include <memory>
-#include <mutex>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "support/served_controller.h"
+#include "server.h"
 #include "velta_session.h"
 
 namespace velta {
@@ -40,10 +42,10 @@ int Setting(const char* name, int otherwise) {
   return text != nullptr ? std::atoi(text) : otherwise;
 }
 
-SessionOptions Options(const std::string& link, int joints = kJoints) {
+SessionOptions Options(const std::string& link) {
   SessionOptions options;
   options.link = link;
-  options.joints = joints;
+  options.joints = kJoints;
   options.period = std::chrono::microseconds(500);
   options.silence = milliseconds(150);
   options.ask = milliseconds(30);
@@ -84,7 +86,7 @@ class Witness {
       if (at + sizeof value > frame.size()) return;
       std::memcpy(&value, &frame[at], sizeof value);
       const int now = static_cast<int>(value);
-      if (now < newest_[joint] && now != 0) ++went_back;  // 0: the controller was restarted
+      if (now < newest_[joint]) ++went_back;
       newest_[joint] = now;
     }
   }
@@ -155,15 +157,53 @@ const Row kRows[] = {{"None", ""},
 
 void PrintTo(const Row& row, std::ostream* out) { *out << row.name; }
 
+/// A simulated controller, served by a thread of the test.
+class ServedController {
+ public:
+  ServedController(Kind kind, const std::string& rule, Witness& witness)
+      : server_(Config(kind, rule, witness)), link(server_.Links().at(0)), thread_([this] { server_.Run(stop_fd_); }) {}
+  ServedController(const ServedController&) = delete;
+  ServedController& operator=(const ServedController&) = delete;
+  ~ServedController() {
+    eventfd_write(stop_fd_, 1);
+    thread_.join();
+    close(stop_fd_);
+  }
+
+ private:
+  static sim::ServerConfig Config(Kind kind, const std::string& rule, Witness& witness) {
+    const auto path = std::filesystem::temp_directory_path() / ("velta-served-" + std::to_string(getpid()));
+    sim::ServerConfig config;
+    config.joints = kJoints;
+    config.cycle_ms = 1;
+    config.listen.push_back({kind, "127.0.0.1", 0, kind == Kind::kPty ? path.string() : "", 115200, 1});
+    config.on_status = [&witness](const std::vector<char>& frame) { witness.Note(frame); };
+    std::istringstream script(rule);
+    if (!rule.empty()) {
+      config.faults = rule[0] == '{' ? sim::ParseFaultScript(script, "rule") : std::vector{sim::ParseFaultFlag(rule)};
+    }
+    return config;
+  }
+
+  const int stop_fd_ = eventfd(0, EFD_CLOEXEC);
+  sim::Server server_;
+
+ public:
+  const std::string link;  ///< read while the server is not at work
+
+ private:
+  std::thread thread_;
+};
+
 class SessionUnderFault : public testing::TestWithParam<std::tuple<Row, Kind>> {};
 
 TEST_P(SessionUnderFault, AnswersEachCommandOnceAndTruly) {
   const auto& [row, kind] = GetParam();
   Witness witness;
-  test::ServedController controller(kind, kJoints, 1, row.rule, [&](const auto& frame) { witness.Note(frame); });
   std::array<Hosted, kJoints> hosts;
   {
-    Session arm(Options(controller.Link()));
+    const ServedController controller(kind, row.rule, witness);
+    Session arm(Options(controller.link));
     std::vector<Source> sources;
     for (int i = 0; i < kSources; ++i) sources.push_back(arm.AddSource("source"));
     arm.Start();
@@ -180,7 +220,6 @@ TEST_P(SessionUnderFault, AnswersEachCommandOnceAndTruly) {
       std::this_thread::sleep_for(std::chrono::microseconds(300));
     }
   }
-  controller.Stop();
   int confirmed = 0;
   for (Hosted& host : hosts) {
     EXPECT_EQ(host.lies, 0);
@@ -201,37 +240,6 @@ INSTANTIATE_TEST_SUITE_P(, SessionUnderFault,
                          testing::Combine(testing::ValuesIn(kRows),
                                           testing::Values(Kind::kTcp, Kind::kUdp, Kind::kPty)),
                          Name);
-
-TEST(SessionProof, SurvivesAControllerThatIsRestartedAgainAndAgain) {
-  Witness witness;
-  const auto note = [&](const auto& frame) { witness.Note(frame); };
-  auto controller = std::make_unique<test::ServedController>(Kind::kTcp, kJoints, 1, "", note);
-  const std::string link = controller->Link();
-  const int port = std::stoi(link.substr(link.rfind(':') + 1));
-  Hosted host;
-  {
-    Session arm(Options(link));
-    arm.Start();
-    const int rounds = 5 * Setting("VELTA_PROOF_SECONDS", 1);
-    for (int round = 0; round < rounds; ++round) {
-      for (const auto end = Clock::now() + milliseconds(200); Clock::now() < end;) {
-        host.Drive(arm, nullptr, 0, witness);
-        std::this_thread::sleep_for(milliseconds(1));
-      }
-      controller.reset();
-      controller = std::make_unique<test::ServedController>(Kind::kTcp, kJoints, 1, "", note, port);
-    }
-    EXPECT_GE(arm.GetStatistics().reconnections, static_cast<unsigned>(rounds) / 3);
-    const int before = host.outcomes[static_cast<std::size_t>(Outcome::kConfirmed)];
-    EXPECT_TRUE(Eventually([&] {
-      host.Drive(arm, nullptr, 0, witness);
-      return host.outcomes[static_cast<std::size_t>(Outcome::kConfirmed)] > before;
-    }));
-  }
-  EXPECT_EQ(host.lies, 0);
-  EXPECT_EQ(host.answers, host.given);
-  EXPECT_EQ(witness.went_back, 0);
-}
 
 /// A listener that nobody serves: it takes connections and says nothing, or lets them hang once its queue is full.
 class DeafPeer {
@@ -319,27 +327,6 @@ TEST(SessionProof, CallbacksMayThrowBlockAndStop) {
   go_on = true;
   other.join();
   EXPECT_EQ(arm.Send(SetKp(0, 1)).Reason(), Reason::kStopped);
-}
-
-TEST(SessionProof, TheArmIsStoppedWhileTheHostHangs) {
-  std::atomic<bool> is_cancelled{false};
-  test::ServedController controller(Kind::kUdp, kJoints, 1, "", [&](const std::vector<char>& frame) {
-    constexpr std::uint8_t kCancelled = 6;
-    const auto status = static_cast<std::uint8_t>(frame[sizeof(rxHeader_t) + offsetof(rxJoint_t, trjStatus)]);
-    if (status == kCancelled) is_cancelled = true;
-  });
-  SessionOptions options = Options(controller.Link());
-  options.dead_man = milliseconds(100);
-  Session arm(options);
-  arm.Start();
-  ASSERT_TRUE(arm.WaitConnected(seconds(10)));
-  SendPacket servo(kJoints);
-  servo.SetServoOn("all");
-  EXPECT_EQ(arm.Send(servo, Confirm::kYes).Wait(seconds(10)), Outcome::kConfirmed);
-  EXPECT_FALSE(is_cancelled);
-  arm.KeepAlive();  // and never again
-  EXPECT_TRUE(Eventually([&] { return is_cancelled.load(); }));
-  EXPECT_TRUE(arm.IsDeadMan());
 }
 
 TEST(SessionProof, RunsInTheHostsOwnLoop) {

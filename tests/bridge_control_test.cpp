@@ -116,14 +116,6 @@ TEST_F(ControlTest, AfterAStopCommandsWaitForTheHolderToRearm) {
   EXPECT_EQ(Command("a").refusal, Refusal::kDeadMan);
 }
 
-TEST_F(ControlTest, WithoutCommandsEverybodyMayStillStop) {
-  Configure(false, true);
-  for (const Event event : {&Control::Take, &Control::Keep, &Control::Give, &Control::Command, &Control::Rearm}) {
-    EXPECT_EQ(On(event, "a"), Refused(Refusal::kNotAllowed));
-  }
-  EXPECT_EQ(Stop("a"), kStopped);
-}
-
 TEST_F(ControlTest, WithoutViewerStopOnlyTheHolderStops) {
   Configure(true, false);
   EXPECT_EQ(Stop("a"), Refused(Refusal::kNoStop));
@@ -193,27 +185,6 @@ TEST(Messages, NestingIsCountedOutsideStrings) {
   EXPECT_TRUE(NestsDeeperThan("[[[", 2));
 }
 
-TEST(Messages, AreWrittenAsOneCompactObject) {
-  EXPECT_EQ(ControlText(true, false), R"({"control":{"held":true,"yours":false}})");
-  EXPECT_EQ(OutcomeText("\"7\"", "discarded", "link lost"),
-            R"({"outcome":{"id":"7","outcome":"discarded","reason":"link lost"}})");
-  EXPECT_EQ(OutcomeText("", "confirmed", ""), R"({"outcome":{"outcome":"confirmed"}})");
-}
-
-TEST(Messages, DocumentsArePacketsByTheLibrarysRules) {
-  Codec codec(3);
-  const auto packet = codec.ReadCommand(kDocument);
-  ASSERT_TRUE(packet);
-  EXPECT_EQ(packet->joints[1].order, 17);
-  EXPECT_EQ(+packet->joints[1].value1, 0.5f);
-  EXPECT_FALSE(codec.ReadCommand(R"({"armOrder":0,"jointCommand":[]})"));
-  RecvPacket status(3);
-  status.header.timestamp = 12;
-  EXPECT_NE(codec.WriteState(status).find(R"("timestamp":"12")"), std::string::npos);
-  status.header.timestamp = 13;
-  EXPECT_NE(codec.WriteState(status).find(R"("timestamp":"13")"), std::string::npos);
-}
-
 TEST(StopDocuments, AreReadOneAfterAnotherOrNotAtAll) {
   const std::string path = testing::TempDir() + "stop_documents.json";
   const auto read = [&](const std::string& text) {
@@ -246,15 +217,6 @@ TEST(RequestHeads, AreForThisHostAndFromItsOwnPages) {
     const char* wrong = gate.Check(row.host, row.origin, "192.0.2.1");
     EXPECT_STREQ(wrong ? wrong : "", row.wrong) << row.host << " from " << row.origin;
   }
-}
-
-TEST(RequestHeads, BringTheToken) {
-  const Gate gate({}, "secret");
-  EXPECT_TRUE(gate.IsBearer("bearer secret"));
-  for (const char* bad : {"", "secret", "Bearer", "Bearer secre", "Bearer secrets", "Basic secret"}) {
-    EXPECT_FALSE(gate.IsBearer(bad)) << bad;
-  }
-  EXPECT_FALSE(Gate({}, "").IsToken(""));
 }
 
 TEST(RefusalsTest, AreCountedAlwaysAndLoggedOncePerPeerAndMinute) {

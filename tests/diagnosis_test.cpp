@@ -45,15 +45,6 @@ class DiagnosisTest : public testing::Test {
   Observation seen;
 };
 
-TEST_F(DiagnosisTest, OfAHealthyLinkIsFourTimesGood) {
-  EXPECT_EQ(Shown(),
-            (std::vector<std::string>{
-                "k 10 good statuses of 2 joints", "k the controller echoes 10 of 10 commands, usually after 1.00 ms",
-                "k clocks run steadily", "k no joint reports anything that keeps it from moving"}));
-  seen.unasked = 0;
-  EXPECT_EQ(Shown()[0], "k 10 good statuses of 2 joints, only in answer to commands");
-}
-
 TEST_F(DiagnosisTest, OfSilenceNamesWhatToCheckOnEachKindOfLink) {
   seen.bytes.clear();
   const std::string check = ": check the port, that the controller runs, and that 2 is its joint count";

@@ -200,18 +200,6 @@ TYPED_TEST(SocketLink, ConnectOpensAFreshSocketAndKeepsTheOldOne) {
   EXPECT_EQ(close(old), 0);
 }
 
-TYPED_TEST(SocketLink, WorksAboveDescriptor1023) {
-  std::vector<int> taken;
-  for (int fd = dup(0); fd >= 0 && fd < 1030; fd = dup(0)) taken.push_back(fd);
-  if (!taken.empty() && taken.back() >= 1029) {
-    auto link = this->Open();
-    EXPECT_GE(link->sockfd_, 1024);
-    EXPECT_EQ(Read(*link), (Did{0, "", kKept}));
-    EXPECT_EQ(Write(*link), (Did{1, ""}));
-  }
-  for (const int fd : taken) close(fd);
-}
-
 using Tcp = SocketLink<TcpClient>;
 using Udp = SocketLink<UdpClient>;
 

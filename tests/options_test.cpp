@@ -36,14 +36,4 @@ TEST(Selections, NameJointsOfTheArmOnly) {
   }
 }
 
-TEST(DidYouMean, OffersTheClosestWordOnlyWhenItIsClose) {
-  const std::vector<std::string> words = {"ping", "play", "plot", "record", "monitor"};
-  constexpr std::pair<const char*, const char*> kTyped[] = {
-      {"pign", "ping"}, {"plya", "play"}, {"recrod", "record"}, {"mon", "monitor"}, {"monitro", "monitor"}};
-  for (const auto& [typed, word] : kTyped) {
-    EXPECT_EQ(DidYouMean(typed, words), std::string(" (did you mean '") + word + "'?)");
-  }
-  for (const char* typed : {"p", "xxxx", "recipe", "velta"}) EXPECT_EQ(DidYouMean(typed, words), "") << typed;
-}
-
 }  // namespace
