@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 // Sessions against the simulated controller: every fault over every link, peers that say nothing, callbacks that
-// misbehave. VELTA_PROOF_COMMANDS is how many commands a fault gets (60), VELTA_PROOF_SECONDS how
-// long at most (1).
+// misbehave. VELTA_PROOF_COMMANDS is how many commands a fault gets (60), VELTA_PROOF_SECONDS how long at most (1).
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <sys/eventfd.h>

@@ -253,10 +253,13 @@ TEST_F(Client, AnUnconfirmedCommandIsSentFiveTimesThenTheQueueIsDropped) {
   Queue(900);
   File("k", 800);
   Steps(1);
+  SendPacket resent = Command(100);
   EXPECT_EQ(Sent(), Stamps{100});
   for (std::uint64_t timeout = 1; timeout <= 4; ++timeout) {
     EXPECT_EQ(Steps(100), "");
     EXPECT_EQ(Steps(1), "Timeout: " + std::to_string(timeout) + "\n");
+    resent.SetTimeStamp(100 + timeout);
+    EXPECT_EQ(client.link->writes.at(0), resent.GetCharVector());
     EXPECT_EQ(Sent(), Stamps{100 + timeout});
   }
   EXPECT_EQ(Steps(100), "");
@@ -273,6 +276,13 @@ TEST_F(Client, AnUnconfirmedCommandIsSentFiveTimesThenTheQueueIsDropped) {
             R"({"bytes_discarded":0,"bytes_received":0,"commands_confirmed":0,"commands_dropped":1,)"
             R"("commands_given_up":1,"commands_queued":0,"frames_bad_crc":0,"frames_received":0,"frames_sent":6,)"
             R"("frames_sent_again":4,"packets_refused":0,"packets_waiting":0,"reconnections":0})");
+}
+
+TEST_F(Client, TheGateStaysShutWhileNeitherReadyNorWaiting) {
+  client.ready_to_send_ = false;
+  Queue(1);
+  EXPECT_EQ(Steps(300), "");
+  EXPECT_EQ(Sent(), Stamps{});
 }
 
 TEST_F(Client, NamedBuffersMergeIntoTheQueueAndTheUniqueMap) {

@@ -5,6 +5,7 @@
 #include <fstream>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 
 #include "control.h"
 #include "gate.h"
@@ -15,30 +16,19 @@ namespace {
 
 using std::chrono::milliseconds;
 
-/// What came of one event, in a form that compares: what the bridge has to do.
-struct Did {
-  Refusal refusal = Refusal::kNone;
-  bool stop = false, disarm = false, keep_alive = false, rearm = false, changed = false;
-};
+/// What the bridge has to do after an event, in a form that compares:
+/// {refusal, stop, disarm, keep_alive, rearm, changed}.
+using Did = std::tuple<Refusal, bool, bool, bool, bool, bool>;
 
-bool operator==(const Did& a, const Did& b) {
-  return a.refusal == b.refusal && a.stop == b.stop && a.disarm == b.disarm && a.keep_alive == b.keep_alive &&
-         a.rearm == b.rearm && a.changed == b.changed;
-}
-
-std::ostream& operator<<(std::ostream& out, const Did& did) {
-  return out << "refusal '" << ToString(did.refusal) << "' stop " << did.stop << " disarm " << did.disarm
-             << " keep_alive " << did.keep_alive << " rearm " << did.rearm << " changed " << did.changed;
-}
-
-Did Refused(Refusal why) { return {why}; }
-const Did kNothing;
-const Did kAlive{Refusal::kNone, false, false, true};
+Did Refused(Refusal why) { return {why, false, false, false, false, false}; }
+const Did kNothing = Refused(Refusal::kNone);
+const Did kAlive{Refusal::kNone, false, false, true, false, false};
 const Did kTaken{Refusal::kNone, false, false, true, false, true};
 const Did kGiven{Refusal::kNone, false, true, false, false, true};
-const Did kRearmed{Refusal::kNone, false, false, true, true};
-const Did kStopped{Refusal::kNone, true};
+const Did kRearmed{Refusal::kNone, false, false, true, true, false};
+const Did kStopped{Refusal::kNone, true, false, false, false, false};
 const Did kLostHolder{Refusal::kNone, true, false, false, false, true};
+const Did kAliveButStopped{Refusal::kDeadMan, false, false, true, false, false};
 
 class ControlTest : public testing::Test {
  protected:
@@ -51,13 +41,10 @@ class ControlTest : public testing::Test {
   Did Command(const char* sender) { return On(&Control::Command, sender); }
   Did Rearm(const char* sender) { return On(&Control::Rearm, sender); }
   Did Stop(const char* sender) { return On(&Control::Stop, sender); }
-  Did Unknown(const char* sender) { return On(&Control::Unknown, sender); }
   Did Leave(const char* sender) { return From(control_.Leave(sender)); }
   Did Expire() { return From(control_.Expire(now_)); }
   void Wait(int ms) { now_ += milliseconds(ms); }
-  void Configure(bool allow_commands, bool viewer_stop) {
-    control_ = Control({allow_commands, viewer_stop, milliseconds(500)});
-  }
+  void ForbidViewersToStop() { control_ = Control({true, false, milliseconds(500)}); }
 
  private:
   static Did From(const Control::Effects& e) { return {e.refusal, e.stop, e.disarm, e.keep_alive, e.rearm, e.changed}; }
@@ -84,7 +71,7 @@ TEST_F(ControlTest, EveryMessageOfTheHolderKeepsControl) {
   Take("a");
   for (const Event event : {&Control::Keep, &Control::Command, &Control::Take, &Control::Rearm}) {
     Wait(500);
-    EXPECT_TRUE(On(event, "a").keep_alive);
+    EXPECT_TRUE(std::get<3>(On(event, "a")));
   }
   Wait(400);
   Keep("b");  // somebody else's does not
@@ -105,23 +92,23 @@ TEST_F(ControlTest, AHolderThatFallsSilentOrLeavesStopsTheArm) {
 TEST_F(ControlTest, AfterAStopCommandsWaitForTheHolderToRearm) {
   Take("a");
   EXPECT_EQ(Stop("viewer"), kStopped);
-  EXPECT_EQ(Command("a"), (Did{Refusal::kDeadMan, false, false, true}));
+  EXPECT_EQ(Command("a"), kAliveButStopped);
   Give("a");
   Take("b");
-  EXPECT_EQ(Command("b").refusal, Refusal::kDeadMan) << "a new holder must rearm, too";
+  EXPECT_EQ(Command("b"), kAliveButStopped) << "a new holder must rearm, too";
   EXPECT_EQ(Rearm("b"), kRearmed);
   EXPECT_EQ(Command("b"), kAlive);
   Leave("b");
   Take("a");
-  EXPECT_EQ(Command("a").refusal, Refusal::kDeadMan);
+  EXPECT_EQ(Command("a"), kAliveButStopped);
 }
 
 TEST_F(ControlTest, WithoutViewerStopOnlyTheHolderStops) {
-  Configure(true, false);
+  ForbidViewersToStop();
   EXPECT_EQ(Stop("a"), Refused(Refusal::kNoStop));
   Take("a");
   EXPECT_EQ(Stop("b"), Refused(Refusal::kNoStop));
-  EXPECT_EQ(Stop("a"), (Did{Refusal::kNone, true, false, true}));
+  EXPECT_EQ(Stop("a"), (Did{Refusal::kNone, true, false, true, false, false}));
 }
 
 TEST(ExecutedIdsTest, ForgetsTheOldestAndKeepsSendersApart) {
