@@ -4,12 +4,12 @@ import json
 from frames import CLOSED, OPENED, TO_CONTROLLER, TO_HOST, WALL, command, damaged, recording, status
 
 
-def arm(path, **more):
+def arm(path):
     """A recording of a one-joint arm."""
     return recording(path / "run.vrec", 1, (0, OPENED), (0.25, TO_CONTROLLER, command(7, 1, {0: (17, 1.5)}, arm=3)),
                      (1, TO_HOST, status(11, 7, 1, {0: 3}, {0: 0.1}, {0: 9})[:60]),
                      (1.000000001, TO_HOST, status(11, 7, 1, {0: 3}, {0: 0.1}, {0: 9})[60:]),
-                     (2, TO_HOST, damaged(status(12, 7, 1)) + status(13, 7, 1)), (3, CLOSED), **more)
+                     (2, TO_HOST, damaged(status(12, 7, 1)) + status(13, 7, 1)), (3, CLOSED), tail=b"R\3\0\0torn!")
 
 
 def test_csv_has_a_row_for_each_status(velta, tmp_path):
@@ -19,7 +19,8 @@ def test_csv_has_a_row_for_each_status(velta, tmp_path):
     assert titles.count(",") == 28 and titles.endswith(",j0_general_2,j0_general_3")
     assert first == f"1.000000001,{WALL + 1000000001},11,7,0.5,0,1,3,20,9,0,7,0,1,2,3,4,5,0.1,7,8,9,10,11,12,13,14,15,16"
     assert second.startswith(f"2.000000000,{WALL + 2000000000},13,")
-    assert (run.status, run.stderr) == (0, "")
+    assert run.status == 0
+    assert run.stderr.endswith("run.vrec: the recording was cut short; the last 9 bytes are no whole record and were left out\n")
 
 
 def test_json_lines_have_the_librarys_documents(velta, tmp_path):
@@ -43,9 +44,3 @@ def test_an_excerpt_and_a_file_that_is_whole_or_not_there(velta, tmp_path):
     assert sorted(path.name for path in tmp_path.iterdir()) == ["bad.vrec", "run.vrec"]
     backwards = velta("convert", bad, "--from", "2s", "--to", "1s")
     assert (backwards.status, backwards.stderr) == (2, "velta: --from must not be after --to\n")
-
-
-def test_what_a_crash_left_is_reported_and_left_out(velta, tmp_path):
-    run = velta("convert", arm(tmp_path, tail=b"R\3\0\0torn!"))
-    assert run.status == 0 and len(run.stdout.splitlines()) == 3
-    assert run.stderr.endswith("run.vrec: the recording was cut short; the last 9 bytes are no whole record and were left out\n")

@@ -55,6 +55,16 @@ def test_json_bridge_confirms_documents_and_refuses_others(play, sim):
     assert '"systemMode":"2"' in run.stdout[third:fourth]
 
 
+@pytest.mark.parametrize("command, status, error", [
+    ("session_move tcp://127.0.0.1:1", 1, "session_move: Connection refused\n"),
+    ("drive_arm --tcp 127.0.0.1:1", 1, "drive_arm: cannot reach 127.0.0.1:1: Connection refused\n"),
+    ("move_joint", 2, "usage: move_joint "),
+])
+def test_says_what_is_wrong(play, command, status, error):
+    run = play(*command.split())
+    assert run.status == status and error in run.stderr + run.stdout
+
+
 def test_reconnect_sends_nothing_old_over_the_new_link(play, run, velta, sim):
     deaf = sim("-n", 6, "--fault", "drop-command")  # confirms nothing, so commands stay queued
     example = run.start(BUILD / "examples/reconnect", *deaf.address.split(":"))
@@ -65,24 +75,6 @@ def test_reconnect_sends_nothing_old_over_the_new_link(play, run, velta, sim):
     assert example.wait().status == 0, example.stderr
     assert positions(velta, arm, 6)[0] == pytest.approx(20, abs=0.01)
     assert arm.stop()["commands"] in range(5, 10)  # only those of the new session; a busy machine has some sent again
-
-
-@pytest.mark.parametrize("command, status, error", [
-    ("drive_arm --tcp nonsense", 2, "drive_arm: --tcp: needs IP:PORT\n"),
-    ("session_move tcp://127.0.0.1:1", 1, "session_move: Connection refused\n"),
-    ("drive_arm --tcp 127.0.0.1:1", 1, "drive_arm: cannot reach 127.0.0.1:1: Connection refused\n"),
-    ("move_joint", 2, "usage: move_joint "),
-])
-def test_says_what_is_wrong(play, command, status, error):
-    run = play(*command.split())
-    assert run.status == status and error in run.stderr + run.stdout
-
-
-def test_says_that_commands_are_not_confirmed(play, sim):
-    run = play("drive_arm", "--tcp", sim("-n", 2, "--fault", "no-echo").address, "-n", 2)
-    assert (run.status, run.stderr) == (1, "drive_arm: the controller does not confirm\n")
-    run = play("confirmed_commands", *sim("-n", 6, "--fault", "drop-command").address.split(":"))
-    assert run.status == 1 and "brakes off: not confirmed\n" in run.stdout + run.stderr
 
 
 @pytest.fixture(params=["sim:", "tcp", "udp"])

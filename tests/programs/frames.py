@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: MIT
 """The wire format, recordings and captures of it, written down a second time: nothing here comes from the code under test."""
 
+import functools
 import socket
 import struct
 
@@ -9,7 +10,8 @@ TO_CONTROLLER, TO_HOST, OPENED, CLOSED = range(4)  # of a recording's records
 WALL = 17 * 10**17  # of a recording's begin, ns
 
 
-def crc16(data):
+@functools.lru_cache
+def crc16(data):  # of large frames it takes long, and tests repeat them
     crc = 0xFFFF
     for byte in data:
         crc ^= byte
@@ -18,7 +20,7 @@ def crc16(data):
     return crc ^ 0xFFFF
 
 
-def _frame(body):
+def sealed(body):
     return body + struct.pack("<H", crc16(body[:len(body) & 0xFFFF]))  # its length has 16 bits
 
 
@@ -28,7 +30,7 @@ def command(stamp, joints, orders={}, arm=0):
     for joint in range(joints):
         code, *values = orders.get(joint, (0,))
         body += struct.pack("<BB4f", joint & 255, code, *values, *[0.0] * (4 - len(values)))
-    return _frame(body)
+    return sealed(body)
 
 
 def status(timestamp, echoed, joints, modes={}, positions={}, errors={}, velocities={}, trajectory=0, control=20):
@@ -38,7 +40,7 @@ def status(timestamp, echoed, joints, modes={}, positions={}, errors={}, velocit
         reals = [float(i) for i in range(17)]
         reals[6], reals[7] = positions.get(joint, 0.0), velocities.get(joint, 7.0)
         body += struct.pack("<4BIBH17f", 0, 1, modes.get(joint, 2), control, errors.get(joint, 0), trajectory, 7, *reals)
-    return _frame(body)
+    return sealed(body)
 
 
 def damaged(frame):
@@ -89,10 +91,10 @@ class Capture:
 
 def recording(path, joints, *passed, link="tcp://127.0.0.1:5000", tail=b""):
     """Writes a file of what passed, (seconds, event, bytes) each, with bytes after the last record; returns its path."""
-    data = _frame(struct.pack("<8sHHH", b"\x89VREC\r\n\x1a", 1, joints, len(link)) + link.encode())
+    data = sealed(struct.pack("<8sHHH", b"\x89VREC\r\n\x1a", 1, joints, len(link)) + link.encode())
     for seconds, event, *content in passed:
         content, ns = b"".join(content), round(seconds * 1e9)
-        data += _frame(struct.pack("<BBHQQ", 0x52, event, len(content), 10**12 + ns, WALL + ns) + content)
+        data += sealed(struct.pack("<BBHQQ", 0x52, event, len(content), 10**12 + ns, WALL + ns) + content)
     path.write_bytes(data + tail)
     return path
 
@@ -110,7 +112,7 @@ def records(path):
     link, at, found = data[14:14 + size].decode(), 16 + size, []
     while at < len(data):
         mark, event, length, monotonic, wall = struct.unpack_from("<BBHQQ", data, at)
-        assert mark == 0x52 and _frame(data[at:at + 20 + length]) == data[at:at + 22 + length]
+        assert mark == 0x52 and sealed(data[at:at + 20 + length]) == data[at:at + 22 + length]
         found.append((event, monotonic, wall, data[at + 20:at + 20 + length]))
         at += 22 + length
     return link, joints, found

@@ -2,7 +2,6 @@
 import json
 import pathlib
 import re
-import struct
 
 import frames
 import pytest
@@ -109,7 +108,7 @@ def test_words_are_those_of_the_table(listener, terminal):
     expected[-1] = ["99", "99", "99"]
     shown = terminal("monitor", "-n", joints, listener.link)
     listener.read(18 * joints + 13)
-    listener.send(body + struct.pack("<H", frames.crc16(body)))
+    listener.send(frames.sealed(bytes(body)))
     screen = shown.wait_for("interrupted")
     for joint, words in enumerate(expected):
         row = next(line for line in screen.splitlines() if re.match(rf"[ >]{joint}!? ", line))

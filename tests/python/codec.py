@@ -4,6 +4,8 @@
 import struct
 from typing import NamedTuple
 
+from frames import sealed
+
 MARK = b"\xab\xcd"
 STATUS_FIELDS = (
     "type com_status system_mode ctrl_mode ew_status trj_status trj_via_remain ref_current ref_position ref_velocity "
@@ -13,23 +15,10 @@ STATUS_JOINT = struct.Struct("<4BIBH13f4f")
 COMMAND_JOINT = struct.Struct("<BB4f")
 
 
-def crc(data):
-    value = 0xFFFF
-    for byte in data:
-        value ^= byte
-        for _ in range(8):
-            value = value >> 1 ^ (0xA001 if value & 1 else 0)
-    return value ^ 0xFFFF
-
-
-def seal(body):
-    return body + struct.pack("<H", crc(body))
-
-
 def command(stamp, joints, arm_order=0):
     """joints: (order, value1 to value4) each."""
     body = MARK + struct.pack("<QB", stamp, arm_order)
-    return seal(body + b"".join(COMMAND_JOINT.pack(i, *joint) for i, joint in enumerate(joints)))
+    return sealed(body + b"".join(COMMAND_JOINT.pack(i, *joint) for i, joint in enumerate(joints)))
 
 
 class Command(NamedTuple):
@@ -39,7 +28,7 @@ class Command(NamedTuple):
 
 
 def read_command(frame):
-    assert frame[:2] == MARK and seal(frame[:-2]) == frame
+    assert frame[:2] == MARK and sealed(frame[:-2]) == frame
     stamp, arm_order = struct.unpack_from("<QB", frame, 2)
     return Command(stamp, arm_order, [joint[1:] for joint in COMMAND_JOINT.iter_unpack(frame[11:-2])])
 
@@ -50,7 +39,7 @@ def status(time, host_time, duration, joints):
     for joint in joints:
         values = [joint.get(field, 0) for field in STATUS_FIELDS]
         body += STATUS_JOINT.pack(*values, *joint.get("general", (0, 0, 0, 0)))
-    return seal(body)
+    return sealed(body)
 
 
 def some_joints(n):

@@ -9,6 +9,7 @@ import pytest
 import velta
 
 import codec
+from frames import crc16
 
 # Every named setter: the arguments that make value1 to value4, code and the values (A, B, C, D are the arguments).
 A, B, C, D = 1.5, -2.25, 3.0, 0.125
@@ -149,7 +150,7 @@ def test_coalescing_and_documents():
                 '"value3":"0","value4":"0"}]}')
     assert velta.command_from_json(document, 2).joints["value1"].tolist() == [0, 0.5]
     assert '"position":"0.000000"' in velta.state_to_json(velta.RecvPacket(1))
-    assert velta.calc_crc16(b"123456789") == 0xB4C8 == codec.crc(b"123456789")
+    assert velta.calc_crc16(b"123456789") == 0xB4C8 == crc16(b"123456789")
 
 
 def test_the_bare_client_speaks_the_wire():

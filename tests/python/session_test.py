@@ -103,7 +103,7 @@ def test_frames_both_ways_are_those_of_the_codec():
 
 
 def test_a_silent_controller_is_told_apart(velta_sim):
-    controller = Controller(answers=lambda command: not any(joint[0] for joint in command.joints))
+    controller = Controller(answers=lambda command: False)
     with velta.connect(controller.link, joints=2, silence=0) as arm:
         waits = arm.send(velta.Command(2).servo_on("all"), confirm=True)
         behind = arm.send(velta.Command(2).servo_off("all"))
@@ -164,20 +164,12 @@ def test_what_is_sent_after_the_end_is_discarded(arm):
     assert len(list(states)) < 1000 and len(list(events)) < 100  # they end
 
 
-def test_iterators_have_positions_of_their_own(arm):
-    first, second = arm.states(), arm.states(timeout=datetime.timedelta(seconds=PATIENCE))
-    times = [next(first).time for _ in range(50)]
-    assert times == sorted(times)
-    assert abs(next(second).time - times[0]) <= 5000  # it began where the first one did
-    drained = wait_for(lambda: [s for s in [arm.drain()] if len(s)])[0]
-    assert set(times) <= set(drained.time.tolist()) | {times[-1]} and drained.left_out == 0
-
-
-def test_a_reader_that_is_too_slow_is_told_how_much_it_missed():
+def test_readers_have_positions_of_their_own_and_are_told_how_much_they_missed():
     with velta.connect("sim:", joints=1, status_buffer=10) as arm:
-        states = arm.states()
+        states, later = arm.states(), arm.states(timeout=datetime.timedelta(seconds=PATIENCE))
         wait_for(lambda: arm.statistics["frames_received"] > 100)
-        next(states)
+        times = [next(states).time for _ in range(3)]
+        assert times == sorted(set(times)) and next(later).time < times[-1] + 10_000_000
         drained = arm.drain()
         assert states.left_out > 10 and len(drained) <= 10 and drained.left_out > 50
 
