@@ -2,6 +2,7 @@
 """What the tests of velta-bridge share: the program, a client of its WebSocket, a broker."""
 
 import asyncio
+import contextlib
 import json
 import socket
 import subprocess
@@ -86,29 +87,20 @@ class Viewer:
         self._run(self.socket.wait_closed())
 
     def close(self):
-        self.abort()
-        self.loop.close()
+        if not self.loop.is_closed():
+            self.abort()
+            self.loop.close()
 
 
 @pytest.fixture
 def viewer():
-    viewers = []
-
-    def connect(url, **options):
-        viewers.append(Viewer(url, **options))
-        return viewers[-1]
-
-    yield connect
-    for each in viewers:
-        if not each.loop.is_closed():
-            each.close()
+    with contextlib.ExitStack() as viewers:
+        yield lambda url, **options: viewers.enter_context(contextlib.closing(Viewer(url, **options)))
 
 
 @pytest.fixture
 def bridge():
     """bridge(link, options...) starts a bridge of 3 joints; with a page unless there is another front end."""
-    started = Started()
-
     def start(link, *options):
         web = [] if any(str(option).startswith("--mqtt") for option in options) else ["--web", "127.0.0.1:0"]
         web = [] if "--web" in options else web
@@ -117,9 +109,8 @@ def bridge():
         program.url = program.line("listening on ") if web or "--web" in options else None
         return program
 
-    yield start
-    for program in started.programs:
-        program.kill()
+    with contextlib.closing(Started()) as started:
+        yield start
 
 
 def free_port():
@@ -131,9 +122,8 @@ def free_port():
 class Broker:
     """A real broker on a loopback port of its own."""
 
-    def __init__(self, folder):
-        self.port = free_port()
-        self.started = Started()
+    def __init__(self, folder, started):
+        self.port, self.started = free_port(), started
         self.config = folder / "mosquitto.conf"
         self.config.write_text(f"listener {self.port} 127.0.0.1\nallow_anonymous true\npersistence false\n")
         self.start()
@@ -161,13 +151,8 @@ class Broker:
         subprocess.run(["mosquitto_pub", "-h", "127.0.0.1", "-p", str(self.port), "-q", "1", "-t", topic, "-m", text,
                         *options], check=True, timeout=PATIENCE)
 
-    def close(self):
-        for program in self.started.programs:
-            program.kill()
-
 
 @pytest.fixture
 def broker(tmp_path):
-    running = Broker(tmp_path)
-    yield running
-    running.close()
+    with contextlib.closing(Started()) as started:
+        yield Broker(tmp_path, started)

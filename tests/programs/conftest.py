@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: MIT
 """Programs as their users meet them: arguments in; output, status and time out. Every wait has a deadline."""
 
+import contextlib
 import os
 import pathlib
 import queue
@@ -100,6 +101,10 @@ class Started:
         program.write(input)
         return program.wait()
 
+    def close(self):
+        for program in self.programs:
+            program.kill()
+
 
 class Velta(Started):
     """velta("ping", ...) runs the program to its end; velta.start(...) leaves it running."""
@@ -111,18 +116,14 @@ class Velta(Started):
 @pytest.fixture
 def run():
     """Any program: run(path, arguments...)."""
-    started = Started()
-    yield started
-    for program in started.programs:
-        program.kill()
+    with contextlib.closing(Started()) as started:
+        yield started
 
 
 @pytest.fixture
 def velta():
-    started = Velta()
-    yield started
-    for program in started.programs:
-        program.kill()
+    with contextlib.closing(Velta()) as started:
+        yield started
 
 
 @pytest.fixture
@@ -202,9 +203,8 @@ class Listener:
 
 @pytest.fixture
 def listener():
-    controller = Listener()
-    yield controller
-    controller.close()
+    with contextlib.closing(Listener()) as controller:
+        yield controller
 
 
 class Terminal:
@@ -255,12 +255,5 @@ class Terminal:
 @pytest.fixture
 def terminal():
     """terminal("monitor", ...) runs velta in a terminal."""
-    terminals = []
-
-    def start(*arguments, **size):
-        terminals.append(Terminal(VELTA, *arguments, **size))
-        return terminals[-1]
-
-    yield start
-    for each in terminals:
-        each.close()
+    with contextlib.ExitStack() as terminals:
+        yield lambda *arguments, **size: terminals.enter_context(contextlib.closing(Terminal(VELTA, *arguments, **size)))
