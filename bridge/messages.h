@@ -17,9 +17,9 @@
 /// The texts that pass between the bridge and whoever views or commands: JSON objects, one per message.
 namespace velta::bridge {
 
-constexpr std::size_t kMaxMessage = 64 * 1024;  ///< bytes of one message
-constexpr int kMaxNesting = 100;                ///< objects and arrays inside each other
-constexpr std::size_t kMaxId = 256;             ///< bytes of a command's id, as JSON
+constexpr std::size_t kMaxMessage = std::size_t{64} * 1024;  ///< bytes of one message
+constexpr int kMaxNesting = 100;                             ///< objects and arrays inside each other
+constexpr std::size_t kMaxId = 256;                          ///< bytes of a command's id, as JSON
 
 /// @return whether objects and arrays are nested deeper than levels; strings are passed over
 bool NestsDeeperThan(std::string_view text, int levels);

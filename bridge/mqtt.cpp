@@ -30,8 +30,6 @@ namespace {
 namespace asio = boost::asio;
 using nlohmann::json;
 using std::chrono::milliseconds;
-using std::chrono::seconds;
-using std::chrono::steady_clock;
 
 constexpr int kKeepAlive = 10;  // s, between this bridge and the broker
 constexpr double kStatisticsHz = 0.1;

@@ -25,7 +25,7 @@ using namespace recording;
 
 namespace {
 
-constexpr std::size_t kEnoughToFindJoints = 256 * 1024;
+constexpr std::size_t kEnoughToFindJoints = std::size_t{256} * 1024;
 
 struct Found {
   std::string link;
