@@ -163,7 +163,7 @@ void Complete(Options& options) {
   if (options.hub.control.allow_commands) session.dead_man = options.hub.control.timeout;
 }
 
-int Serve(Options options) {
+int Serve(const Options& options) {
   SetLogSink([](LogLevel, std::string_view) {});  // the session's events say it better
   asio::io_context io(1);
   asio::signal_set signals(io, SIGINT, SIGTERM);
@@ -242,7 +242,7 @@ int Run(int argc, char** argv) {
   } catch (const UsageError& error) {
     return Report(std::string(error.what()) + "; see velta-bridge --help", 2);
   }
-  return Serve(std::move(options));
+  return Serve(options);
 }
 
 }  // namespace
