@@ -410,7 +410,7 @@ class Connection final : public std::enable_shared_from_this<Connection<Stream>>
   Place place_;
   Stream stream_;
   std::string peer_, local_;
-  beast::flat_buffer in_{2 * kMaxHead};
+  beast::flat_buffer in_{std::size_t{2} * kMaxHead};
   std::optional<http::request_parser<http::string_body>> parser_;
   std::optional<Response> response_;
 };
