@@ -2,6 +2,8 @@
 """The wire format, recordings and captures of it, written down a second time: nothing here comes from the code under test."""
 
 import functools
+import pathlib
+import re
 import socket
 import struct
 
@@ -116,3 +118,19 @@ def records(path):
         found.append((event, monotonic, wall, data[at + 20:at + 20 + length]))
         at += 22 + length
     return link, joints, found
+
+
+def command_table():
+    """The commands of the table in docs/codes.md: (words to type, is it the arm's, code, values of the frame)."""
+    text = pathlib.Path(__file__).parents[2].joinpath("docs/codes.md").read_text()
+    for line in text.splitlines():
+        if match := re.match(r"\| `([a-z0-9-]+)((?: [A-Z]+)*)` \| (arm )?0x(..)(?: / 0x(..))? \| ([^|]*)\|", line):
+            word, names, arm, code, clear, values = match.groups()
+            names = names.split()
+            integers = ("MODE", "NUMBER", "FIRST", "SECOND")
+            arguments = [str(i + (2 if name in integers else 2.5)) for i, name in enumerate(names)]
+            flags = ["1", "0"] if "FLAG" in names else [None]
+            for flag, shown in zip(flags, (code, clear)):
+                typed = [flag if name == "FLAG" else argument for name, argument in zip(names, arguments)]
+                given = dict(zip(names, typed))
+                yield [word, *typed], bool(arm), int(shown, 16), [float(given.get(v, v)) for v in values.split()]

@@ -74,15 +74,6 @@ def test_ends_when_the_link_is_lost(velta, sim):
     assert "statuses 50 " in run.stdout
 
 
-def test_json_prints_one_document_per_status(velta, sim):
-    run = velta("monitor", "-n", 3, sim(), "--json", "--count", 20)
-    assert run.status == 0 and run.stderr.startswith("watched for ")
-    documents = [json.loads(line) for line in run.stdout.splitlines()]
-    stamps = [int(document["timestamp"]) for document in documents]
-    assert len(stamps) == 20 and stamps == sorted(stamps)
-    assert documents[0]["jointState"][2]["joint_id"] == "3"
-
-
 def test_via_shows_what_passes_between_host_and_controller(velta, sim):
     monitor = velta.start("monitor", "-n", 3, sim("--on-command"), "--via", "tcp://127.0.0.1:0", "--json")
     via = monitor.line("listening on ")

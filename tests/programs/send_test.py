@@ -1,15 +1,12 @@
 # SPDX-License-Identifier: MIT
 import json
-import pathlib
-import re
 import struct
 
 import pytest
 from conftest import wait_until
-from frames import command
+from frames import command, command_table
 
 NOWHERE = "tcp://127.0.0.1:1"
-INTEGERS = ("MODE", "NUMBER", "FIRST", "SECOND")
 DOCUMENT = ('{"armOrder":"0","jointCommand":[{"jointName":"2","jointOrder":"17","value1":"0.5","value2":"0",'
             '"value3":"0","value4":"0"}]}')
 
@@ -28,24 +25,9 @@ def velta_link(link):
     return link + "?baud=115200" if link.startswith("serial:") else link
 
 
-def rows():
-    """The commands of the table in docs/codes.md: (words to type, code, values of the frame)."""
-    text = pathlib.Path(__file__).parents[2].joinpath("docs/codes.md").read_text()
-    for line in text.splitlines():
-        if match := re.match(r"\| `([a-z0-9-]+)((?: [A-Z]+)*)` \| (arm )?0x(..)(?: / 0x(..))? \| ([^|]*)\|", line):
-            word, names, arm, code, clear, values = match.groups()
-            names = names.split()
-            arguments = [str(i + (2 if name in INTEGERS else 2.5)) for i, name in enumerate(names)]
-            flags = ["1", "0"] if "FLAG" in names else [None]
-            for flag, shown in zip(flags, (code, clear)):
-                typed = [flag if name == "FLAG" else argument for name, argument in zip(names, arguments)]
-                given = dict(zip(names, typed))
-                yield [word, *typed], bool(arm), int(shown, 16), [float(given.get(v, v)) for v in values.split()]
-
-
 def test_every_word_becomes_the_frame_of_the_table(velta):
     words = set()
-    for typed, of_arm, code, values in rows():
+    for typed, of_arm, code, values in command_table():
         words.add(typed[0])
         frame, expected = dry(velta, *typed, *([] if of_arm else ["--select", "0/2"]))
         by_hand = expected({0: (0, *values)}, code) if of_arm else expected({0: (code, *values), 2: (code, *values)})

@@ -9,71 +9,29 @@ import pytest
 import velta
 
 import codec
-from frames import crc16
+from frames import command_table, crc16
 
-# Every named setter: the arguments that make value1 to value4, code and the values (A, B, C, D are the arguments).
-A, B, C, D = 1.5, -2.25, 3.0, 0.125
-SETTERS = {
-    "reset": ((), 0xA0, ()), "servo_off": ((), 0xA1, ()), "servo_on": ((), 0xA2, ()), "brake_off": ((), 0xC0, ()),
-    "brake_on": ((), 0xC1, ()), "control_mode": ((4,), 0xA3, (4,)), "position_control_mode": ((), 0xA3, (20,)),
-    "velocity_control_mode": ((), 0xA3, (1,)), "current_control_mode": ((), 0xA3, (2,)),
-    "external_force_following_control_mode": ((), 0xA3, (5,)), "trajectory_control_mode": ((), 0xA3, (0,)),
-    "online_trajectory_control_mode": ((), 0xA3, (7,)), "rotation_fixed_control_mode": ((), 0xA3, (10,)),
-    "get_slave_effort_offset": ((), 0xAB, ()), "param_kp": ((A,), 0xB0, (A,)), "param_ki": ((A,), 0xB1, (A,)),
-    "param_kd": ((A,), 0xB2, (A,)), "param_windup_limit": ((A,), 0xB3, (A,)),
-    "param_velocity_override": ((A,), 0xBA, (A,)), "param_velocity_max": ((A,), 0xBB, (A,)),
-    "param_acceleration_max": ((A,), 0xBC, (A,)), "param_jerk_max": ((A,), 0xBD, (A,)),
-    "param_ext_ff_on_traj_softness_override": ((A,), 0xBF, (80, A)), "arbitrary_param": ((9, B), 0xBF, (9, B)),
-    "ref_current": ((A,), 0x10, (A,)), "ref_position": ((A,), 0x11, (A,)), "ref_velocity": ((A,), 0x12, (A,)),
-    "ref_position_velocity": ((A, B), 0x1A, (A, B)),
-    "ref_position_velocity_acceleration": ((A, B, C), 0x1B, (A, B, C)), "dynamics": ((A, B, C, D), 0x20, (A, B, C)),
-    "trajectory_via_clear": ((), 0x30, ()), "trajectory_control_start": ((), 0x35, ()),
-    "trajectory_control_cancel": ((), 0x36, ()), "trajectory_p_double_s": ((A,), 0x50, (A,)),
-    "trajectory_pt_lin_spline": ((A, B), 0x3A, (A, B)), "trajectory_pt_trapezoidal": ((A, B), 0x3B, (A, B)),
-    "trajectory_pt_double_s": ((A, B), 0x3C, (A, B)), "trajectory_pvt": ((A, B, C), 0x3D, (A, B, C)),
-    "trajectory_pvat": ((A, B, C, D), 0x3E, (A, B, C, D)), "move_home_position": ((), 0xD0, ()),
-    "general_register_type": ((3, 4), 0xE0, (3, 4)),
-}
-ARM_SETTERS = {"payload": (0xA0, 4), "payload_inertia_tensor_diagonal": (0xA1, 3),
-               "payload_inertia_tensor_triangle": (0xA2, 3), "gripper_max_effort": (0xB0, 1)}
+A = 1.5
+SETTERS = list(command_table())
 IDLE = (0, 0, 0, 0, 0)
 
 
-def padded(values):
-    return tuple(values) + (0,) * (4 - len(values))
-
-
-def own_names(cls):
-    return {name for name, value in vars(cls).items() if not name.startswith("_") and callable(value)}
-
-
 def test_the_table_has_every_setter():
-    assert own_names(velta.Command) == SETTERS.keys() | ARM_SETTERS.keys()
+    own = {name for name, value in vars(velta.Command).items() if not name.startswith("_") and callable(value)}
+    assert own == {words[0].replace("-", "_") for words, *_ in SETTERS}
 
 
-@pytest.mark.parametrize("name", SETTERS)
-def test_setter_writes_code_and_values_of_the_named_joints_only(name):
-    arguments, order, values = SETTERS[name]
-    named = (order, *padded(values))
-    for strict in (velta.Command(3), velta.SendPacket(3)):
-        if isinstance(strict, velta.Command):
-            assert getattr(strict, name)("0/2", *arguments) is strict
-        else:
-            flag = [True] if name.startswith(("trajectory_pt", "trajectory_pv")) else []
-            getattr(strict, "set_" + name)("0/2", *arguments, *flag)
-        strict.set_time_stamp(77)
-        assert bytes(strict) == codec.command(77, [named, IDLE, named])
-    if 0x3A <= order <= 0x3E:
-        clear = getattr(velta.Command(1), name)(0, *arguments, flag=False)
-        assert clear.joints["order"][0] == order + 0x10
-
-
-@pytest.mark.parametrize("name", ARM_SETTERS)
-def test_arm_setter_fills_header_and_first_joint(name):
-    code, count = ARM_SETTERS[name]
-    command = getattr(velta.Command(2), name)(*(A, B, C, D)[:count])
-    command.set_time_stamp(5)
-    assert bytes(command) == codec.command(5, [(0, *padded((A, B, C, D)[:count])), IDLE], code)
+@pytest.mark.parametrize("words, of_arm, code, values", SETTERS, ids=[" ".join(words) for words, *_ in SETTERS])
+def test_setter_writes_code_and_values_of_the_named_joints_only(words, of_arm, code, values):
+    name, *arguments = words[0].replace("-", "_"), *([] if of_arm else ["0/2"]), *(float(word) for word in words[1:])
+    values = tuple(values) + (0,) * (4 - len(values))
+    joints = [(0, *values), IDLE, IDLE] if of_arm else [(code, *values), IDLE, (code, *values)]
+    command, packet = velta.Command(3), velta.SendPacket(3)
+    assert getattr(command, name)(*arguments) is command
+    getattr(packet, "set_" + name)(*arguments)
+    for each in (command, packet):
+        each.set_time_stamp(77)
+        assert bytes(each) == codec.command(77, joints, code if of_arm else 0)
 
 
 @pytest.mark.parametrize("joints, named", [
