@@ -17,6 +17,7 @@ work=$(mktemp -d) controller=
 trap '[ -z "$controller" ] || kill "$controller" 2>/dev/null; rm -rf "$work"' EXIT
 prefix=$work/prefix
 mkdir "$work/bin" "$work/blocks"
+echo '{}' >"$work/limits.json" # a file that a page names
 page='' number=0
 fail() { echo "docs_test: $page, block $number: $*" >&2; exit 1; }
 quietly() { "$@" >"$work/log" 2>&1 || { cat "$work/log" >&2; fail "failed: $*"; }; }

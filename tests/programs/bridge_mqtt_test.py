@@ -113,8 +113,9 @@ def test_nothing_is_executed_twice_or_from_the_past(arm, broker):
     planner.answers.receive(lambda message: message.get("control", {}).get("yours"))
     assert planner.do("a", command(SERVO_ON))["outcome"] == "confirmed"
     assert planner.do("a", command(SERVO_ON)) == {"id": "a", "outcome": "refused", "reason": "repeated or retained"}
-    broker.publish("cell/arm/command/other", {"id": "b", "confirm": True, "command": command(SERVO_ON)}, "-r")
     other = Commander(broker, "other")
+    broker.publish("cell/arm/command/other", {"id": "b", "confirm": True, "command": command(SERVO_ON)}, "-r")
+    assert other.answers.outcome("b")["reason"] == "control not held"  # live
     arm("--allow-commands")  # a second bridge of the same arm gets what is retained
     assert other.answers.outcome("b")["reason"] == "repeated or retained"
 
