@@ -55,8 +55,8 @@ def test_screen_shows_the_arm_and_obeys_keys_and_resizing(velta, sim, terminal):
 def test_lines_come_from_a_controller_that_only_answers(velta, sim, endpoint):
     monitor = velta.start("monitor", "-n", 3, sim("--on-command", endpoint=endpoint), "--poll", "20ms")
     assert monitor.line().endswith(" | J0 0.0000 servo off | J1 0.0000 servo off | J2 0.0000 servo off")
-    rate = wait_until(lambda: float(monitor.line().split(" Hz")[0]))
-    assert rate < 51  # one question in 20 ms, not in 100 ms or less
+    # One question in 20 ms, neither in 100 ms nor all the time; a busy machine may bring some lines' answers in a burst.
+    wait_until(lambda: 11 < float(monitor.line().split(" Hz")[0]) < 51, "a rate of one question in 20 ms")
     assert monitor.stop().status == 0
 
 
