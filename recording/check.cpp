@@ -163,7 +163,7 @@ class TroubleWatcher {
     if (!command_ || command_->echoed) return;
     const bool was_waited_for =
         command_->statuses >= kEnoughStatuses || (is_last && time - command_->time >= kEnoughTime);
-    if (was_waited_for) suspects_[command_->first.header.timeStamp] = command_->time;
+    if (was_waited_for) suspects_[+command_->first.header.timeStamp] = command_->time;
   }
 
   void NoteEcho(std::uint64_t echo) {
