@@ -169,3 +169,8 @@ def test_correlation_data_comes_back(arm, broker):
     answers = broker.subscribe("cell/arm/outcome", "-V", "5", "-F", "%D %p")
     broker.publish("cell/arm/command", command(SERVO_ON), "-V", "5", "-D", "publish", "correlation-data", "c-17")
     assert json.loads(answers.line("c-17 "))["outcome"]["reason"] == "commands not allowed"
+
+
+def test_statistics_come_every_ten_seconds(arm, broker):
+    arm()
+    assert Listener(broker, "statistics").receive()["mqtt"]["connected"] is True

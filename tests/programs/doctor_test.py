@@ -126,4 +126,6 @@ def test_a_report_is_written_for_a_link_that_fails_too(velta, tmp_path):
     with tarfile.open(file) as archive:
         assert archive.getnames() == [f"case/{name}" for name in REPORT[:3]]
         said = archive.extractfile("case/doctor.txt").read().decode()
+    run = velta("doctor", "-n", 2, "tcp://127.0.0.1:1", "--report", tmp_path / "missing/case.tar.gz")
+    assert run.status == 1 and run.stderr.startswith(f"velta: {tmp_path}/missing/case.tar.gz: ")
     assert "localhost" not in said and "(host name)" in said and "refuses" in said

@@ -74,6 +74,7 @@ RESYNCHRONISATION = {  # what came -> stamps of the good frames, sizes of garbag
     "garbage": ([b"abcde", 1, 2], "1,2", "5", 0),
     "bad CRC": ([1, damaged(status(2, 0, 3)), 3], "1,3", "", 1),
     "false mark": ([1, b"\xab\xcd" + b"x" * 50, 2, 3], "1,3", str(52), 1),
+    "half a mark": ([1, b"\xab", 2], "1,2", "1", 0),
     "mark in two pieces": ([1, bytes(38), 2], "1,2", "38", 0),
 }
 

@@ -65,6 +65,12 @@ def test_what_names_nothing_is_refused_and_nothing_is_set(call):
             command.servo_on(**wrong)
 
 
+def test_the_bare_packet_skips_what_names_nothing_as_in_cpp():
+    packet = velta.SendPacket(2)
+    packet.set_servo_on("1/7/x")
+    assert packet.joints["order"].tolist() == [0, 0xA2] and packet.parse_id_string("1/7/x") == [1]
+
+
 @pytest.mark.parametrize("n", [1, 6, 828])
 def test_a_status_is_read_field_by_field_without_a_copy(n):
     joints = codec.some_joints(n if n < 100 else 2) + [{}] * (n - 2 if n >= 100 else 0)
