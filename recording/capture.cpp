@@ -254,7 +254,7 @@ void CaptureReader::Packet(Bytes packet) {
 
 void CaptureReader::Ip(Bytes packet) {
   if (packet.size < kIpHeader || packet.data[0] >> 4 != 4) return;
-  const std::size_t header = 4u * (packet.data[0] & 0x0F);
+  const std::size_t header = std::size_t{4} * (packet.data[0] & 0x0F);
   std::size_t total = Big16(packet.data + 2);
   if (total == 0) total = packet.size;   // left to the network card
   total = std::min(total, packet.size);  // without what pads a short Ethernet packet
@@ -275,7 +275,7 @@ void CaptureReader::Fragment(Bytes ip, std::uint8_t protocol, Bytes payload, uns
   key[10] = protocol;
   if (fragments_.size() == kMaxFragmented && fragments_.count(key) == 0) fragments_.clear();  // what is lost is lost
   Fragments& fragments = fragments_[key];
-  const std::size_t offset = 8u * (offset_and_flags & 0x1FFF);
+  const std::size_t offset = std::size_t{8} * (offset_and_flags & 0x1FFF);
   fragments.parts[offset].assign(payload.data, payload.data + payload.size);
   if ((offset_and_flags & 0x2000) == 0) fragments.size = offset + payload.size;  // no more to come
   std::vector<std::uint8_t> whole;
@@ -304,7 +304,7 @@ void CaptureReader::Payload(std::uint32_t source, std::uint32_t target, std::uin
 void CaptureReader::Segment(Address source, Address target, Bytes segment) {
   const bool to_controller = target.second == port_;
   const Event event = to_controller ? Event::kToController : Event::kToHost;
-  const std::size_t header = 4u * (segment.data[12] >> 4);
+  const std::size_t header = std::size_t{4} * (segment.data[12] >> 4);
   if (header < kTcpHeader || header > segment.size) return;
   const std::uint8_t flags = segment.data[13];
   const bool begins = to_controller && (flags & (kSyn | kAck)) == kSyn;
