@@ -133,7 +133,8 @@ std::optional<FaultRule::Span> TakeSpan(Json& members, const std::pair<const cha
 const FaultInfo& Info(Fault fault) { return kInfos[static_cast<std::size_t>(fault)]; }
 
 std::string Usage(const FaultInfo& info) {
-  const std::string name = info.name, unit = info.unit;
+  std::string name = info.name;
+  const std::string unit = info.unit;
   switch (info.takes) {
     case Takes::kRate:
       return name + "[=RATE]";
