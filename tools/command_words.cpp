@@ -77,6 +77,7 @@ SendPacket MakeCommand(int joint_num, const std::string& word, const std::vector
   const auto command = std::find_if(words.begin(), words.end(), [&](const CommandWord& w) { return word == w.name; });
   if (command == words.end()) {
     std::vector<std::string> names;
+    names.reserve(words.size());
     for (const CommandWord& each : words) names.emplace_back(each.name);
     throw UsageError(fmt::format("unknown command '{}'{}; velta send --list shows all", word, DidYouMean(word, names)));
   }
