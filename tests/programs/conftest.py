@@ -16,6 +16,7 @@ import pytest
 
 PATIENCE = 30  # s: far more than any case takes, also under a sanitizer on a busy machine
 BUILD = pathlib.Path(os.environ.get("VELTA_BUILD", pathlib.Path(__file__).parents[2] / "build/release"))
+SANITIZED = "-fsanitize=" in (BUILD / "CMakeCache.txt").read_text()  # then freed memory is kept
 VELTA = BUILD / "tools/velta"
 
 
