@@ -37,17 +37,18 @@ EOF
 compile "$@" "$work/document.cpp" -o "$work/document"
 
 stub() { printf '#!/usr/bin/env bash\n%s\n' "$2" >"$work/bin/$1"; chmod +x "$work/bin/$1"; }
+printf -v quoted_build_dir %q "$build_dir" # for the programs' texts below
 stub sudo 'exec "$@"'
 stub ldconfig ''
 stub apt ''
 stub cmake 'case $1 in
   --preset) grep -q "\"name\": \"$2\"" CMakePresets.json ;;
   --build) grep -q "\"name\": \"$3\"" CMakePresets.json ;;
-  --install) [ "$2" = build/release ] && '"$(command -v cmake)"' --install '"$build_dir"' --prefix '"$prefix"' ;;
+  --install) [ "$2" = build/release ] && '"$(command -v cmake)"' --install '"$quoted_build_dir"' --prefix '"$prefix"' ;;
 esac'
 stub g++ 'exec '"$(command -v "$1")"' "${@//\/usr\/local/'"$prefix"'}" -L'"$prefix"'/lib'
 stub velta 'set -- "${@//192.168.0.10:5000/127.0.0.1:$VELTA_PORT}"
-exec timeout 20 '"$build_dir"'/tools/velta "${@//0.0.0.0/127.0.0.1}"'
+exec timeout 20 '"$quoted_build_dir"'/tools/velta "${@//0.0.0.0/127.0.0.1}"'
 velta=$build_dir/tools/velta
 if [ -x "$velta" ]; then
   "$velta" sim -n 6 tcp://127.0.0.1:0 >"$work/sim" & controller=$!
