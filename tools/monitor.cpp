@@ -248,7 +248,7 @@ class OwnLink : public Source {
     wire_->Read(bytes);
     const std::int64_t now = MonotonicNs();
     if (!bytes.empty()) heard_at_ = now;
-    model_.Take(std::move(bytes), now);
+    model_.Take(bytes, now);
     if (options_.poll.count() == 0 || now < NextQuestion()) return;
     asked_at_ = now;
     wire_->Write(SendPacket(options_.joints).GetCharVector());

@@ -128,9 +128,9 @@ std::string BashCompletion(const CLI::App& app, const CompletionWords& words) {
     for (const CLI::Option* option : command->get_options()) {
       if (option->get_expected_max() == 0 || option->get_lnames().empty()) continue;
       const std::string& longest = option->get_lnames().front();
-      std::string pattern = name + ":--" + longest;
+      std::string pattern = fmt::format("{}:--{}", name, longest);
       for (const std::string& letter : option->get_snames()) pattern += fmt::format(" | {}:-{}", name, letter);
-      const auto known = words.find(name + " --" + longest);
+      const auto known = words.find(fmt::format("{} --{}", name, longest));
       const std::string value =
           ValueCompletion(*option, known == words.end() ? std::vector<std::string>{} : known->second);
       if (value.empty()) {
