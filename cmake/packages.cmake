@@ -78,8 +78,9 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "gnuplot-nox, velta-bridge")
 if(TARGET velta_python)
 velta_package(python python3-velta python "Python module that drives a robot arm's master controller" "${about}
 .
-This package contains the module velta for Python 3: sessions that run the loop,
-reconnect and answer every command, statuses as NumPy arrays, and recordings.")
+This package contains the module velta for Python 3: sessions that run the
+loop, reconnect and answer every command, statuses as NumPy arrays, and
+recordings.")
 math(EXPR python_next "${VELTA_PYTHON_MINOR} + 1")
 set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "python3 (>= 3.${VELTA_PYTHON_MINOR}~), python3 (<< 3.${python_next}), \
 python3-numpy, libvelta2 (>= ${PROJECT_VERSION})")
