@@ -151,6 +151,7 @@ class VELTA_API SendPacket {
   /// | 7    | position references, each by a trajectory planned when it arrives   |
   /// | 10   | nothing: its rotation is fixed                                      |
   /// | 20   | position references                                                 |
+  /// @param ids   joints, as an ID string
   /// @param mode  one of these, or any other number that the controller knows
   void SetControlMode(const std::string& ids, int mode);
   void SetPositionControlMode(const std::string& ids);                ///< mode 20

@@ -27,6 +27,7 @@ struct LinkAddress {
 };
 
 /// Reads a link's text. Nothing is opened or resolved.
+/// @param text  the link, as LinkAddress lists the forms
 /// @param[out] address  the link; untouched by a false result
 /// @param[out] why      one line that says what is wrong, without the text itself; untouched by a true result
 /// Thread-safe.

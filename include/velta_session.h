@@ -223,6 +223,7 @@ class VELTA_API Session {
   void Stop();  ///< ends everything within 50 ms; whatever waits is discarded. For good; nothing the second time.
 
   /// Waits for the first status of a connection; in a loop of the host's own, runs its steps meanwhile.
+  /// @param timeout  the longest wait; 0 looks only
   /// @param[out] why  if not null, one line that says why there is none
   bool WaitConnected(std::chrono::nanoseconds timeout, std::string* why = nullptr);
   bool IsConnected() const;  ///< the link is up and statuses arrive
@@ -275,6 +276,7 @@ class VELTA_API Session {
   SessionStatistics GetStatistics() const;
 
   /// Writes what the flight recorder holds, as a recording.
+  /// @param path  the file to write; one of that name is replaced
   /// @param[out] why  if not null, one line that says what went wrong
   bool WriteFlightRecord(const std::string& path, std::string* why = nullptr);
   /// @}
