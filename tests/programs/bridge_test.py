@@ -35,7 +35,10 @@ def statistics(program):
 
 
 def refused(program, reason):
-    return statistics(program)["web"]["refused"].get(reason, 0)
+    """How many connections ended for this reason; none while the program is too full to say."""
+    with contextlib.suppress(ConnectionError):
+        return statistics(program)["web"]["refused"].get(reason, 0)
+    return 0
 
 
 def begin_slow_move(commander):
