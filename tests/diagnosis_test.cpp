@@ -8,7 +8,7 @@
 #include "support/bytes.h"
 
 using namespace velta;
-using namespace velta::tools;
+using namespace velta::analysis;
 using velta::test::StatusFrame;
 
 namespace {

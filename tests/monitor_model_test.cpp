@@ -6,7 +6,7 @@
 #include "support/bytes.h"
 
 using velta::test::Bytes;
-using velta::tools::MonitorModel;
+using velta::analysis::MonitorModel;
 
 namespace {
 

@@ -5,7 +5,7 @@
 
 #include <nlohmann/json.hpp>
 
-using namespace velta::tools;
+using namespace velta::analysis;
 
 namespace {
 

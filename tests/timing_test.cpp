@@ -5,7 +5,7 @@
 
 #include <utility>
 
-using namespace velta::tools;
+using namespace velta::analysis;
 
 namespace {
 

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "argument_text.h"
 #include "link.h"
 
 namespace CLI {
@@ -18,6 +19,8 @@ class Option;
 ///
 /// Errors: UsageError, one line. What is passed by reference must live as long as the command.
 namespace velta::tools {
+
+using namespace analysis;  // the tools show what it finds
 
 /// How help shows options: "--timeout DURATION (default 100ms)". Also makes defaults visible; for the top command,
 /// before subcommands are added.
@@ -49,20 +52,6 @@ CLI::Option* AddDurationOption(CLI::App& command, const std::string& names, std:
 
 /// Adds `--for DURATION`, after which a command ends by itself; 0, the default, is no end.
 CLI::Option* AddForOption(CLI::App& command, std::chrono::nanoseconds& value);
-
-/// @param text  a number and its unit: "500us", "200ms", "0.5s", "2min"; a bare 0 needs none
-std::chrono::nanoseconds ReadDuration(const std::string& text);
-
-/// @return the shortest text that ReadDuration reads as this duration: "100ms", "2s"
-std::string DurationText(std::chrono::nanoseconds duration);
-
-/// @param text    "all", or joint indices from 0 separated by '/'
-/// @param joints  of the arm
-/// @return the joints in the order of the text; every one exists
-std::vector<int> ReadSelection(const std::string& text, int joints);
-
-/// @return " (did you mean 'ping'?)" when one of the candidates is close to what was typed; else nothing
-std::string DidYouMean(const std::string& typed, const std::vector<std::string>& candidates);
 
 }  // namespace velta::tools
 

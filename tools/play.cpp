@@ -14,6 +14,7 @@
 #include "SendPacket.h"
 #include "command.h"
 #include "controller_end.h"
+#include "counted.h"
 #include "excerpt.h"
 #include "frame_stream.h"
 #include "host_end.h"
@@ -101,8 +102,6 @@ class Schedule {
   std::int64_t start_ns_ = 0;
 };
 
-std::string Count(std::uint64_t n, const char* what) { return fmt::format("{} {}{}", n, what, n == 1 ? "" : "s"); }
-
 /// Sends the recorded commands, and listens to what the controller says of them.
 int SendCommands(const Options& options) {
   const Link link = ParseLink(options.link);
@@ -126,8 +125,8 @@ int SendCommands(const Options& options) {
   const auto finish = [&] {
     progress.Clear();
     ReportLostTail(schedule.Recorded());
-    Out() << "sent " << Count(sent, "command") << ", " << echoed << " echoed before the next, "
-          << Count(stream.Frames(), "status frame") << " received" << std::endl;
+    Out() << "sent " << Counted(sent, "command") << ", " << echoed << " echoed before the next, "
+          << Counted(stream.Frames(), "status frame") << " received" << std::endl;
   };
   try {
     schedule.Start(MonotonicNs());
@@ -146,7 +145,7 @@ int SendCommands(const Options& options) {
       std::copy_n(frame.begin() + 2, sizeof stamp, reinterpret_cast<char*>(&stamp));
       awaited = stamp;
       listen();
-      if (progress.IsDue()) progress.Show("sent " + Count(sent, "command"));
+      if (progress.IsDue()) progress.Show("sent " + Counted(sent, "command"));
     }
     // The last command's echo is on its way; a second is plenty, and a stop does not wait.
     const std::int64_t patience = MonotonicNs() + 1'000'000'000;
@@ -178,12 +177,12 @@ class Replay {
       } else {
         Wait();
       }
-      if (progress_.IsDue()) progress_.Show("sent " + Count(sent_, "status frame"));
+      if (progress_.IsDue()) progress_.Show("sent " + Counted(sent_, "status frame"));
     }
     progress_.Clear();
     ReportLostTail(schedule_.Recorded());
-    Out() << "served " << Count(hosts_, "host") << ": sent " << Count(sent_, "status frame") << ", "
-          << Count(commands_.Frames(), "command") << " received" << std::endl;
+    Out() << "served " << Counted(hosts_, "host") << ": sent " << Counted(sent_, "status frame") << ", "
+          << Counted(commands_.Frames(), "command") << " received" << std::endl;
     return 0;
   }
 

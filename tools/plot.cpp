@@ -11,11 +11,8 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cmath>
 #include <csignal>
 #include <cstring>
-#include <limits>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -23,14 +20,12 @@
 #include <vector>
 
 #include "command.h"
-#include "command_words.h"
+#include "counted.h"
 #include "excerpt.h"
 #include "fd.h"
-#include "fields.h"
 #include "output_file.h"
-#include "status_words.h"
+#include "plot_data.h"
 #include "stop.h"
-#include "timing.h"
 
 namespace velta::tools {
 
@@ -45,295 +40,88 @@ struct Options {
 
 constexpr int kWidth = 1400;
 constexpr int kPanelHeight = 300;
-constexpr std::size_t kBins = 2000;  ///< more than a picture has columns
 
-/// A curve of any length in as many points as a picture can show: the least and the greatest value per bin of time, so
-/// that no peak is lost.
-class Curve {
- public:
-  Curve() : bins_(kBins) {}
-
-  void Add(std::size_t bin, double time, double value) {
-    if (!std::isfinite(value)) return;
-    Bin& b = bins_[bin];
-    if (!b.used || value < b.least.second) b.least = {time, value};
-    if (!b.used || value > b.greatest.second) b.greatest = {time, value};
-    b.used = true;
-    empty_ = false;
+/// @param take  called with every moment of the excerpt
+template <typename Take>
+void ReadAll(Timeline& timeline, Take take) {
+  Progress progress;
+  while (const std::optional<Moment> moment = timeline.Next()) {
+    take(*moment);
+    if (progress.IsDue()) progress.Show(fmt::format("read {} s", moment->since_start_ns / 1'000'000'000));
   }
+  if (StopRequested()) throw Failure("stopped before the end of the recording");
+}
 
-  bool Empty() const { return empty_; }
+PlotData Read(Timeline& timeline, const Options& options) {
+  PlotData data(ReadFields(options.fields), ReadSelection(options.selection, timeline.Joints()), timeline.Joints());
+  ReadAll(timeline, [&](const Moment& moment) { data.Measure(moment); });
+  if (!data.HasStatus()) throw Failure(options.excerpt.file + ": no good status frame to plot");
+  timeline.Rewind();
+  ReadAll(timeline, [&](const Moment& moment) { data.Add(moment); });
+  return data;
+}
 
-  void AppendTo(std::string& script) const {
-    for (const Bin& b : bins_) {
-      if (!b.used) continue;
-      const auto& [first, second] = std::minmax(b.least, b.greatest);
-      script += fmt::format("{} {}\n", first.first, first.second);
-      if (second != first) script += fmt::format("{} {}\n", second.first, second.second);
-    }
+std::string Quoted(const std::string& text) {
+  std::string quoted = "'";
+  for (const char c : text) quoted += c == '\'' ? "''" : std::string(1, static_cast<unsigned char>(c) < ' ' ? '?' : c);
+  return quoted + "'";
+}
+
+/// A block of data of gnuplot's; one without a point has one outside the picture.
+void AddBlock(std::string& script, const std::string& name, const std::string& data) {
+  script += name + " << EOD\n" + (data.empty() ? "0 -9 \"\"\n" : data) + "EOD\n";
+}
+
+void AddBlock(std::string& script, const std::string& name, const std::vector<PlotPoint>& points) {
+  std::string data;
+  for (const PlotPoint& point : points) data += fmt::format("{} {}\n", point.time, point.value);
+  AddBlock(script, name, data);
+}
+
+void AddData(std::string& script, const PlotData& data) {
+  AddBlock(script, "$points", data.Events().Points());
+  std::string texts;
+  for (const PlotText& text : data.Events().Texts(data.From(), data.To())) {
+    texts += fmt::format("{} {} \"{}\"\n", text.time, text.height, text.text);
   }
-
- private:
-  struct Bin {
-    std::pair<double, double> least, greatest;  ///< time, value
-    bool used = false;
-  };
-  std::vector<Bin> bins_;
-  bool empty_ = true;
-};
-
-/// The last panel: what happened, a row per kind, with words where there is room for them.
-class Events {
- public:
-  enum Kind { kLink, kCommand, kMode, kTrajectory, kFault, kKinds };
-
-  explicit Events(int joints) : joints_(joints), before_(static_cast<std::size_t>(joints)) {
-    for (const CommandWord& word : CommandWords()) {  // from the commands' own setters, so that no code is listed twice
-      SendPacket packet(1);
-      const std::array<float, 8> arguments{};
-      word.apply(packet, "0", arguments.data());
-      AddName(word.of_arm, word.of_arm ? packet.header.armOrder : packet.joints[0].order, word.name);
-      if (word.of_arm || std::strchr(word.kinds, 'b') == nullptr) continue;
-      const std::array<float, 8> flag{1, 1, 1, 1, 1, 1, 1, 1};
-      word.apply(packet, "0", flag.data());
-      AddName(false, packet.joints[0].order, word.name);
-    }
+  AddBlock(script, "$texts", texts);
+  for (std::size_t i = 0; i < data.Curves().size(); ++i) {
+    AddBlock(script, fmt::format("$curve{}", i), data.Curves()[i].Points());
   }
+}
 
-  void Take(const Moment& moment, std::size_t bin, double time) {
-    if (const RecvPacket* const status = moment.Status()) {
-      TakeStatus(*status, bin, time);
-    } else if (const SendPacket* const command = moment.Command()) {
-      TakeCommand(*command, bin, time);
-    } else {
-      Add(kLink, bin, time, moment.event == Event::kOpened ? "opened" : "closed");
-    }
+/// @param field  index of a field
+void AddPanel(std::string& script, const PlotData& data, std::size_t field) {
+  script += fmt::format("set ylabel {}\n", Quoted(data.Fields()[field]->name));
+  std::string curves;
+  for (std::size_t j = 0; j < data.Joints().size(); ++j) {
+    const std::size_t i = field * data.Joints().size() + j;
+    if (data.Curves()[i].Points().empty()) continue;
+    curves += fmt::format("{}$curve{} using 1:2 with lines lw 1.5 lt {} title 'joint {}'",
+                          curves.empty() ? "plot " : ", ", i, j + 1, data.Joints()[j]);
   }
+  // Without a finite number there is nothing to scale the axis by.
+  script += curves.empty() ? "set yrange [-1:1]\nplot NaN notitle\nset yrange [*:*]\n" : curves + "\n";
+}
 
-  void AppendPoints(std::string& script) const {
-    for (const Mark& event : events_) script += fmt::format("{} {}\n", event.time, static_cast<int>(event.kind));
-  }
-
-  /// A text stands above its point, or below where it would be written over its neighbour; what fits nowhere is left
-  /// out.
-  void AppendTexts(std::string& script, double from, double to) const {
-    constexpr std::array<double, 2> kLanes{0.25, -0.3};
-    constexpr double kLettersAcross = 190;
-    std::array<std::array<double, kLanes.size()>, kKinds> free;
-    for (auto& lanes : free) lanes.fill(from);
-    for (const Mark& event : events_) {
-      auto& lanes = free[static_cast<std::size_t>(event.kind)];
-      const auto lane = std::find_if(lanes.begin(), lanes.end(), [&](double left) { return left <= event.time; });
-      if (event.text.empty() || lane == lanes.end()) continue;
-      const double height = static_cast<int>(event.kind) + kLanes[static_cast<std::size_t>(lane - lanes.begin())];
-      script += fmt::format("{} {} \"{}\"\n", event.time, height, event.text);
-      *lane = event.time + (to - from) * (static_cast<double>(event.text.size()) + 2) / kLettersAcross;
-    }
-  }
-
- private:
-  struct Mark {
-    Kind kind;
-    double time;
-    std::string text;
-  };
-  struct JointState {
-    int mode = 0, control = 0, trajectory = 0;
-    std::uint32_t fault = 0;
-  };
-
-  void AddName(bool of_arm, int code, const std::string& name) {
-    std::string& known = names_[{of_arm, code}];
-    if (known.empty() || name.size() < known.size()) known = name;  // the common name of a family is the shortest
-  }
-
-  std::string Name(bool of_arm, int code) const {
-    const auto found = names_.find({of_arm, code});
-    return found != names_.end() ? found->second : (of_arm ? "arm order " : "order ") + std::to_string(code);
-  }
-
-  /// Points that fall on one column of the picture are one point.
-  void Add(Kind kind, std::size_t bin, double time, const std::string& text) {
-    auto& last = last_bin_[static_cast<std::size_t>(kind)];
-    if (last == bin && text.empty()) return;
-    last = bin;
-    events_.push_back({kind, time, text});
-  }
-
-  /// Joints that share a word are named together.
-  using Words = std::map<std::string, std::vector<std::size_t>>;
-  std::string Text(const Words& words) const {
-    std::string text;
-    for (const auto& [word, joints] : words) {
-      text += (text.empty() ? "" : ", ") + word;
-      if (joints.size() == static_cast<std::size_t>(joints_)) continue;
-      for (std::size_t i = 0; i < joints.size() && i < 4; ++i)
-        text += (i == 0 ? " j" : "/") + std::to_string(joints[i]);
-      if (joints.size() > 4) text += "/..";
-    }
-    return text;
-  }
-
-  void TakeCommand(const SendPacket& command, std::size_t bin, double time) {
-    Words words;
-    if (command.header.armOrder != 0) words[Name(true, command.header.armOrder)] = {};
-    for (std::size_t i = 0; i < command.joints.size(); ++i) {
-      if (command.joints[i].order != 0) words[Name(false, command.joints[i].order)].push_back(i);
-    }
-    if (words.empty()) return;
-    // Of a stream of like commands the first one is named.
-    const std::string text = Text(words);
-    Add(kCommand, bin, time, text == last_command_ ? "" : text);
-    last_command_ = text;
-  }
-
-  void TakeStatus(const RecvPacket& status, std::size_t bin, double time) {
-    Words modes, trajectories, faults;
-    for (std::size_t i = 0; i < status.joints.size(); ++i) {
-      const rxJoint_t& joint = status.joints[i];
-      JointState& before = before_[i];
-      const bool fault = HasFault(joint);
-      const JointState now{joint.systemMode, joint.ctrlMode, joint.trjStatus, fault ? joint.ewStatus | 1u << 31 : 0u};
-      if (!is_first_) {
-        if (now.mode != before.mode) modes[SystemModeWord(joint.systemMode)].push_back(i);
-        if (now.control != before.control) modes[ControlModeWord(joint.ctrlMode)].push_back(i);
-        if (now.trajectory != before.trajectory) trajectories[TrajectoryWord(joint.trjStatus)].push_back(i);
-      }
-      if (now.fault != before.fault) faults[fault ? StatusWord(joint.ewStatus) : "cleared"].push_back(i);
-      before = now;
-    }
-    is_first_ = false;
-    if (!modes.empty()) Add(kMode, bin, time, Text(modes));
-    if (!trajectories.empty()) Add(kTrajectory, bin, time, Text(trajectories));
-    if (!faults.empty()) Add(kFault, bin, time, Text(faults));
-  }
-
-  int joints_;
-  std::map<std::pair<bool, int>, std::string> names_;
-  std::vector<JointState> before_;
-  bool is_first_ = true;
-  std::string last_command_;
-  std::array<std::optional<std::size_t>, kKinds> last_bin_;
-  std::vector<Mark> events_;
-};
-
-class Plot {
- public:
-  Plot(const Options& options, Timeline& timeline) : joints_(ReadSelection(options.selection, timeline.Joints())) {
-    for (const std::string& name : CLI::detail::split(options.fields, ',')) fields_.push_back(Field(name));
-    curves_.resize(fields_.size() * joints_.size());
-    Events events(timeline.Joints());
-
-    // The first reading finds the time that the picture spans.
-    bool any_status = false;
-    const std::size_t statuses = ReadAll(timeline, [&](const Moment& moment, double time) {
-      if (!any_status && from_ > time) from_ = time;
-      to_ = std::max(to_, time);
-      from_ = std::min(from_, time);
-      any_status = any_status || moment.Status() != nullptr;
-    });
-    if (statuses == 0) throw Failure(options.excerpt.file + ": no good status frame to plot");
-    if (to_ <= from_) to_ = from_ + 1e-3;
-    timeline.Rewind();
-    ReadAll(timeline, [&](const Moment& moment, double time) {
-      const auto bin = static_cast<std::size_t>((time - from_) / (to_ - from_) * (kBins - 1));
-      events.Take(moment, bin, time);
-      if (const RecvPacket* const status = moment.Status()) AddStatus(*status, bin, time);
-    });
-    events.AppendPoints(points_);
-    events.AppendTexts(texts_, from_, to_);
-  }
-
-  /// @param terminal  "pngcairo" or "svg"
-  std::string Script(const std::string& terminal, const std::string& title) const {
-    const std::size_t panels = fields_.size() + 1;
-    std::string script = fmt::format("set terminal {} noenhanced size {},{} background rgb 'white'\n", terminal, kWidth,
-                                     kPanelHeight * panels);
-    Block(script, "$points", points_);
-    Block(script, "$texts", texts_);
-    for (std::size_t i = 0; i < curves_.size(); ++i) {
-      std::string data;
-      curves_[i].AppendTo(data);
-      Block(script, fmt::format("$curve{}", i), data);
-    }
-    script += fmt::format(
-        "set multiplot layout {},1 title {} noenhanced\nset grid\nset lmargin 14\nset rmargin 14\n"
-        "set xrange [{}:{}]\nset key outside right center\n",
-        panels, Quoted(title), from_, to_);
-    if (joints_.size() > 24) script += "unset key\n";
-    for (std::size_t f = 0; f < fields_.size(); ++f) {
-      script += fmt::format("set ylabel {}\n", Quoted(fields_[f]->name));
-      std::string curves;
-      for (std::size_t j = 0; j < joints_.size(); ++j) {
-        const std::size_t i = f * joints_.size() + j;
-        if (curves_[i].Empty()) continue;
-        curves += fmt::format("{}$curve{} using 1:2 with lines lw 1.5 lt {} title 'joint {}'",
-                              curves.empty() ? "plot " : ", ", i, j + 1, joints_[j]);
-      }
-      // Without a finite number there is nothing to scale the axis by.
-      script += curves.empty() ? "set yrange [-1:1]\nplot NaN notitle\nset yrange [*:*]\n" : curves + "\n";
-    }
-    return script +
-           "unset key\nset ylabel 'events'\nset xlabel 'seconds since the start of the recording'\n"
-           "set yrange [-0.5:4.9]\nset ytics ('link' 0, 'command' 1, 'mode' 2, 'trajectory' 3, 'fault' 4)\n"
-           "plot $points using 1:2 with points pt 7 ps 0.6 lc rgb '#c03030', "
-           "$texts using 1:2:3 with labels left font ',8'\nunset multiplot\n";
-  }
-
-  std::string Summary() const {
-    return fmt::format("{:.3f}", to_ - from_) + " s of " + std::to_string(joints_.size()) +
-           (joints_.size() == 1 ? " joint" : " joints");
-  }
-
- private:
-  static const JointField* Field(const std::string& name) {
-    for (const JointField& field : JointFields()) {
-      if (field.name == name) return &field;
-    }
-    throw UsageError("--fields: a status has no field '" + name + "'");
-  }
-
-  /// @return status frames read
-  template <typename Take>
-  static std::size_t ReadAll(Timeline& timeline, Take take) {
-    std::size_t statuses = 0;
-    Progress progress;
-    while (const std::optional<Moment> moment = timeline.Next()) {
-      if (moment->Status() != nullptr) ++statuses;
-      take(*moment, static_cast<double>(moment->since_start_ns) / 1e9);
-      if (progress.IsDue()) progress.Show(fmt::format("read {} s", moment->since_start_ns / 1'000'000'000));
-    }
-    if (StopRequested()) throw Failure("stopped before the end of the recording");
-    return statuses;
-  }
-
-  void AddStatus(const RecvPacket& status, std::size_t bin, double time) {
-    for (std::size_t f = 0; f < fields_.size(); ++f) {
-      for (std::size_t j = 0; j < joints_.size(); ++j) {
-        const rxJoint_t& joint = status.joints[static_cast<std::size_t>(joints_[j])];
-        curves_[f * joints_.size() + j].Add(bin, time, fields_[f]->value(joint));
-      }
-    }
-  }
-
-  static void Block(std::string& script, const std::string& name, const std::string& data) {
-    script += name + " << EOD\n" + (data.empty() ? "0 -9 \"\"\n" : data) + "EOD\n";
-  }
-
-  static std::string Quoted(const std::string& text) {
-    std::string quoted = "'";
-    for (const char c : text)
-      quoted += c == '\'' ? "''" : std::string(1, static_cast<unsigned char>(c) < ' ' ? '?' : c);
-    return quoted + "'";
-  }
-
-  std::vector<int> joints_;
-  std::vector<const JointField*> fields_;
-  std::vector<Curve> curves_;  ///< a field's joints, then the next field's
-  std::string points_, texts_;
-  double from_ = std::numeric_limits<double>::infinity();
-  double to_ = 0;
-};
+/// @param terminal  "pngcairo" or "svg"
+std::string Script(const PlotData& data, const std::string& terminal, const std::string& title) {
+  const std::size_t panels = data.Fields().size() + 1;
+  std::string script = fmt::format("set terminal {} noenhanced size {},{} background rgb 'white'\n", terminal, kWidth,
+                                   kPanelHeight * panels);
+  AddData(script, data);
+  script += fmt::format(
+      "set multiplot layout {},1 title {} noenhanced\nset grid\nset lmargin 14\nset rmargin 14\n"
+      "set xrange [{}:{}]\nset key outside right center\n",
+      panels, Quoted(title), data.From(), data.To());
+  if (data.Joints().size() > 24) script += "unset key\n";
+  for (std::size_t field = 0; field < data.Fields().size(); ++field) AddPanel(script, data, field);
+  return script +
+         "unset key\nset ylabel 'events'\nset xlabel 'seconds since the start of the recording'\n"
+         "set yrange [-0.5:4.9]\nset ytics ('link' 0, 'command' 1, 'mode' 2, 'trajectory' 3, 'fault' 4)\n"
+         "plot $points using 1:2 with points pt 7 ps 0.6 lc rgb '#c03030', "
+         "$texts using 1:2:3 with labels left font ',8'\nunset multiplot\n";
+}
 
 Fd MemoryFile(const std::string& content) {
   Fd file(memfd_create("velta", MFD_CLOEXEC));
@@ -406,13 +194,15 @@ int Run(Options options) {
   const bool svg = ends_with(".svg");
   if (!svg && !ends_with(".png")) throw UsageError(output + ": a plot is a .png or a .svg");
   Timeline timeline = OpenExcerpt(options.excerpt);
-  const Plot plot(options, timeline);
+  const PlotData data = Read(timeline, options);
   OutputFile file(output);
-  Draw(plot.Script(svg ? "svg" : "pngcairo", options.excerpt.file + "  " + timeline.RecordedLink()),
+  Draw(Script(data, svg ? "svg" : "pngcairo", options.excerpt.file + "  " + timeline.RecordedLink()),
        file.WorkingPath());
   file.Commit();
   ReportLostTail(timeline);
-  Out() << "plotted " << plot.Summary() << " to " << output << std::endl;
+  Out() << fmt::format("plotted {:.3f} s of {} to {}", data.To() - data.From(), Counted(data.Joints().size(), "joint"),
+                       output)
+        << std::endl;
   return 0;
 }
 

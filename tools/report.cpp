@@ -151,7 +151,7 @@ void WriteReport(const std::string& path, const std::vector<ReportPart>& parts) 
   OutputFile output(path);
   const std::unique_ptr<archive, decltype(&archive_write_free)> file(archive_write_new(), archive_write_free);
   const auto check = [&](la_ssize_t result) {
-    if (result < ARCHIVE_OK) throw Failure(path + ": " + archive_error_string(file.get()));
+    if (result < ARCHIVE_OK) throw analysis::Failure(path + ": " + archive_error_string(file.get()));
   };
   check(archive_write_add_filter_gzip(file.get()));
   check(archive_write_set_format_ustar(file.get()));

@@ -11,6 +11,9 @@
 
 namespace velta::tools {
 
+using analysis::Finding;
+using analysis::Findings;
+
 /// @param proc    the process file system, normally /proc
 /// @param device  path of a device, also a symbolic link to it
 /// @return the other processes that hold the device open, as "name (pid 123)"; those of other users only for root

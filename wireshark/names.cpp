@@ -70,7 +70,7 @@ void PrintFaultModes() {
   for (unsigned code = 0; code < 256; ++code) {
     rxJoint_t joint{};
     joint.systemMode = static_cast<std::uint8_t>(code);
-    if (velta::tools::HasFault(joint)) std::printf("[%u] = true", code);
+    if (velta::analysis::HasFault(joint)) std::printf("[%u] = true", code);
   }
   std::printf("}\n");
 }
@@ -79,8 +79,8 @@ void PrintFaultModes() {
 
 int main() {
   PrintCommands();
-  PrintCodes("system_modes", velta::tools::SystemModeWord);
-  PrintCodes("control_modes", velta::tools::ControlModeWord);
-  PrintCodes("trajectory_states", velta::tools::TrajectoryWord);
+  PrintCodes("system_modes", velta::analysis::SystemModeWord);
+  PrintCodes("control_modes", velta::analysis::ControlModeWord);
+  PrintCodes("trajectory_states", velta::analysis::TrajectoryWord);
   PrintFaultModes();
 }

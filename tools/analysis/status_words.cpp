@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <iterator>
 
-namespace velta::tools {
+namespace velta::analysis {
 
 namespace {
 
@@ -41,4 +41,4 @@ bool HasFault(const rxJoint_t& joint) { return joint.systemMode == kFaultMode ||
 
 std::string StatusWord(std::uint32_t ew_status) { return ew_status == 0 ? "ok" : fmt::format("{:#010x}", ew_status); }
 
-}  // namespace velta::tools
+}  // namespace velta::analysis

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-#ifndef VELTA_TOOLS_MONITOR_MODEL_H_
-#define VELTA_TOOLS_MONITOR_MODEL_H_
+#ifndef VELTA_ANALYSIS_MONITOR_MODEL_H_
+#define VELTA_ANALYSIS_MONITOR_MODEL_H_
 
 #include <array>
 #include <cstddef>
@@ -15,7 +15,7 @@
 #include "frame_stream.h"
 #include "timing.h"
 
-namespace velta::tools {
+namespace velta::analysis {
 
 /// What `velta monitor` shows, without the screen: it takes statuses in and gives texts.
 ///
@@ -85,7 +85,7 @@ class MonitorModel {
   std::uint64_t Discarded() const { return stream_.Discarded() - cut_off_; }
   void Compare(const RecvPacket& status, std::int64_t now_ns);
   std::function<void(const RecvPacket&)> on_status_;
-  StatusStream stream_;
+  wire::StatusStream stream_;
   std::uint64_t cut_off_ = 0;  ///< bytes of frames that the end of a connection cut: not damaged
   RecvPacket last_;
   std::vector<Joint> joints_;
@@ -93,6 +93,6 @@ class MonitorModel {
   std::int64_t next_sample_ = 0;
 };
 
-}  // namespace velta::tools
+}  // namespace velta::analysis
 
-#endif  // VELTA_TOOLS_MONITOR_MODEL_H_
+#endif  // VELTA_ANALYSIS_MONITOR_MODEL_H_

@@ -1,15 +1,13 @@
 // SPDX-License-Identifier: MIT
-#ifndef VELTA_TOOLS_TIMING_H_
-#define VELTA_TOOLS_TIMING_H_
+#ifndef VELTA_ANALYSIS_TIMING_H_
+#define VELTA_ANALYSIS_TIMING_H_
 
 #include <cstdint>
 #include <deque>
 #include <string>
 #include <vector>
 
-#include "link.h"
-
-namespace velta::tools {
+namespace velta::analysis {
 
 /// @return a duration in the unit that suits it, with three digits: "850 ns", "12.3 us", "4.56 ms", "1.20 s"
 std::string RoundedDuration(double ns);
@@ -53,6 +51,6 @@ class Arrivals {
   std::int64_t gaps_ = 0;
 };
 
-}  // namespace velta::tools
+}  // namespace velta::analysis
 
-#endif  // VELTA_TOOLS_TIMING_H_
+#endif  // VELTA_ANALYSIS_TIMING_H_

@@ -10,7 +10,7 @@
 
 #include "status_words.h"
 
-namespace velta::tools {
+namespace velta::analysis {
 
 namespace {
 
@@ -132,4 +132,4 @@ std::string MonitorModel::Line(std::int64_t now_ns) const {
   return line;
 }
 
-}  // namespace velta::tools
+}  // namespace velta::analysis

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
-#ifndef VELTA_TOOLS_ERRORS_H_
-#define VELTA_TOOLS_ERRORS_H_
+#ifndef VELTA_ANALYSIS_ERRORS_H_
+#define VELTA_ANALYSIS_ERRORS_H_
 
 #include <stdexcept>
 
-namespace velta::tools {
+namespace velta::analysis {
 
 /// A failure of the job: "velta: <text>" on standard error, exit status 1.
 struct Failure : std::runtime_error {
@@ -16,6 +16,6 @@ struct UsageError : std::invalid_argument {
   using std::invalid_argument::invalid_argument;
 };
 
-}  // namespace velta::tools
+}  // namespace velta::analysis
 
-#endif  // VELTA_TOOLS_ERRORS_H_
+#endif  // VELTA_ANALYSIS_ERRORS_H_

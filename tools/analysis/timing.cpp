@@ -7,7 +7,7 @@
 #include <cmath>
 #include <cstddef>
 
-namespace velta::tools {
+namespace velta::analysis {
 
 std::string RoundedDuration(double ns) {
   struct Unit {
@@ -82,4 +82,4 @@ Rhythm Arrivals::Measure() const {
   return rhythm;
 }
 
-}  // namespace velta::tools
+}  // namespace velta::analysis

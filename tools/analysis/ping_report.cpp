@@ -9,7 +9,7 @@
 
 #include "RecvPacket.h"
 
-namespace velta::tools {
+namespace velta::analysis {
 
 namespace {
 
@@ -125,4 +125,4 @@ nlohmann::ordered_json ToJson(const PingReport& report) {
           {"verdict", Verdict(report)}};
 }
 
-}  // namespace velta::tools
+}  // namespace velta::analysis

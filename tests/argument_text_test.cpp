@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "options.h"
+#include "argument_text.h"
 
 #include <gtest/gtest.h>
 
@@ -7,7 +7,7 @@
 
 #include "errors.h"
 
-using namespace velta::tools;
+using namespace velta::analysis;
 using namespace std::chrono_literals;
 
 namespace {

@@ -9,10 +9,10 @@
 #include <cmath>
 #include <sstream>
 
+#include "argument_text.h"
 #include "errors.h"
-#include "options.h"
 
-namespace velta::tools {
+namespace velta::analysis {
 
 namespace {
 
@@ -96,4 +96,4 @@ SendPacket MakeCommand(int joint_num, const std::string& word, const std::vector
   return packet;
 }
 
-}  // namespace velta::tools
+}  // namespace velta::analysis

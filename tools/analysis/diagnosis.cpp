@@ -12,7 +12,7 @@
 #include "status_words.h"
 #include "timing.h"
 
-namespace velta::tools {
+namespace velta::analysis {
 
 namespace {
 
@@ -232,4 +232,4 @@ void ClockWatch::Add(std::int64_t monotonic_before_ns, std::int64_t system_ns, s
   offset_ = offset;
 }
 
-}  // namespace velta::tools
+}  // namespace velta::analysis

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-#ifndef VELTA_TOOLS_PING_REPORT_H_
-#define VELTA_TOOLS_PING_REPORT_H_
+#ifndef VELTA_ANALYSIS_PING_REPORT_H_
+#define VELTA_ANALYSIS_PING_REPORT_H_
 
 #include <cstdint>
 #include <nlohmann/json_fwd.hpp>
@@ -9,7 +9,7 @@
 
 #include "timing.h"
 
-namespace velta::tools {
+namespace velta::analysis {
 
 /// What one run of `velta ping` measured, and what the numbers mean.
 ///
@@ -33,6 +33,6 @@ std::vector<std::string> Verdict(const PingReport& report);
 std::string ToText(const PingReport& report);  ///< several lines
 nlohmann::ordered_json ToJson(const PingReport& report);
 
-}  // namespace velta::tools
+}  // namespace velta::analysis
 
-#endif  // VELTA_TOOLS_PING_REPORT_H_
+#endif  // VELTA_ANALYSIS_PING_REPORT_H_

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-#ifndef VELTA_TOOLS_COMMAND_WORDS_H_
-#define VELTA_TOOLS_COMMAND_WORDS_H_
+#ifndef VELTA_ANALYSIS_COMMAND_WORDS_H_
+#define VELTA_ANALYSIS_COMMAND_WORDS_H_
 
 #include <string>
 #include <vector>
@@ -8,7 +8,7 @@
 #include "SendPacket.h"
 #include "command_table.h"
 
-namespace velta::tools {
+namespace velta::analysis {
 
 using wire::CommandWord;
 using wire::CommandWords;
@@ -26,6 +26,6 @@ std::vector<std::string> ListCommandWords();
 SendPacket MakeCommand(int joint_num, const std::string& word, const std::vector<std::string>& arguments,
                        const std::string& joints);
 
-}  // namespace velta::tools
+}  // namespace velta::analysis
 
-#endif  // VELTA_TOOLS_COMMAND_WORDS_H_
+#endif  // VELTA_ANALYSIS_COMMAND_WORDS_H_

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-#ifndef VELTA_TOOLS_DIAGNOSIS_H_
-#define VELTA_TOOLS_DIAGNOSIS_H_
+#ifndef VELTA_ANALYSIS_DIAGNOSIS_H_
+#define VELTA_ANALYSIS_DIAGNOSIS_H_
 
 #include <cstdint>
 #include <map>
@@ -13,7 +13,7 @@
 #include "velta_link.h"
 
 /// What `velta doctor` concludes, apart from how it looks.
-namespace velta::tools {
+namespace velta::analysis {
 
 struct Finding {
   enum class Kind { kGood, kWarning, kFailure };
@@ -71,6 +71,6 @@ class ClockWatch {
   std::int64_t jump_ = 0;
 };
 
-}  // namespace velta::tools
+}  // namespace velta::analysis
 
-#endif  // VELTA_TOOLS_DIAGNOSIS_H_
+#endif  // VELTA_ANALYSIS_DIAGNOSIS_H_
