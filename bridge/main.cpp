@@ -71,6 +71,7 @@ void AddOptions(CLI::App& app, Options& options) {
   tools::AddJointsOption(app, session.joints);
   app.add_option("LINK", session.link, "The arm: tcp://HOST:PORT, udp://HOST:PORT, serial:///dev/ttyX?baud=N or sim:")
       ->required()
+      ->type_name("")
       ->envname("VELTA_LINK");
   app.add_flag("--allow-commands", options.hub.control.allow_commands, "Let one commander at a time command the arm");
   app.add_option_function<std::string>(
@@ -88,52 +89,53 @@ void AddOptions(CLI::App& app, Options& options) {
   app.add_flag("--no-viewer-stop", options.no_viewer_stop, "Only who holds control may stop the arm");
   app.add_option("--stop-documents", options.stop_documents, "Command documents that stop the arm, in this order")
       ->option_text("FILE");
+}
 
-  const CLI::Range rate(0.1, 1000.0);
-  const char* const web = "In a browser";
-  app.add_option("--web", options.web_address, "Where to listen; port 0 picks one")
-      ->option_text("HOST:PORT")
-      ->group(web);
-  app.add_option("--web-hz", options.web.hz, "States per second")->check(rate)->option_text("HZ")->group(web);
-  app.add_option("--token-file", options.token_file, "Ask for the token in the file's first line")
-      ->option_text("FILE")
-      ->group(web);
-  auto* const cert = app.add_option("--tls-cert", options.web.certificate, "Certificate chain, PEM");
-  auto* const key = app.add_option("--tls-key", options.web.key, "Its private key, PEM");
-  cert->option_text("FILE")->group(web)->needs(key);
-  key->option_text("FILE")->group(web)->needs(cert);
-  app.add_flag("--insecure", options.web.insecure, "Listen on other addresses than loopback without token and TLS")
-      ->group(web);
-  app.add_option("--allow-host", options.web.allow_hosts, "Another name that browsers may use; may be repeated")
-      ->option_text("NAME")
+/// Adds options of one group: (NAME, TARGET, DESCRIPTION, what the value is called).
+auto AddTo(CLI::App& app, const char* group) {
+  return [&app, group](const std::string& name, auto& target, const char* description, const char* value) {
+    return app.add_option(name, target, description)->type_name(value)->group(group);
+  };
+}
+
+/// Adds a certificate and its key, of which neither is of use without the other.
+template <typename Add>
+void AddCertificate(const Add& add, const std::string& prefix, const char* description, std::string& certificate,
+                    std::string& key) {
+  CLI::Option* const first = add(prefix + "cert", certificate, description, "FILE");
+  CLI::Option* const second = add(prefix + "key", key, "Its private key, PEM", "FILE");
+  first->needs(second);
+  second->needs(first);
+}
+
+CLI::Range Rate() { return {0.1, 1000.0}; }  // states per second
+
+void AddWebOptions(CLI::App& app, Options& options) {
+  const char* const group = "In a browser";
+  const auto add = AddTo(app, group);
+  WebOptions& web = options.web;
+  add("--web", options.web_address, "Where to listen; port 0 picks one", "")->option_text("HOST:PORT");
+  add("--web-hz", web.hz, "States per second", "HZ")->check(Rate());
+  add("--token-file", options.token_file, "Ask for the token in the file's first line", "FILE");
+  AddCertificate(add, "--tls-", "Certificate chain, PEM", web.certificate, web.key);
+  app.add_flag("--insecure", web.insecure, "Listen on other addresses than loopback without token and TLS")
+      ->group(group);
+  add("--allow-host", web.allow_hosts, "Another name that browsers may use; may be repeated", "NAME")
       ->allow_extra_args(false)
-      ->group(web);
+      ->default_str("");
+}
 
-  const char* const mqtt = "Through a broker";
-  app.add_option("--mqtt", options.mqtt_address, "mqtt://HOST[:PORT]/PREFIX or mqtts://; PREFIX of all topics")
-      ->option_text("URL")
-      ->group(mqtt);
-  app.add_option("--mqtt-hz", options.mqtt.hz, "States per second")->check(rate)->option_text("HZ")->group(mqtt);
-  app.add_option("--mqtt-version", options.mqtt_version, "5, or 3.1.1 for old brokers")
-      ->check(CLI::IsMember({"5", "3.1.1"}))
-      ->option_text("VERSION")
-      ->group(mqtt);
-  app.add_option("--mqtt-user", options.mqtt.user, "Name at the broker")->option_text("NAME")->group(mqtt);
-  app.add_option("--mqtt-password-file", options.password_file, "Password, in the file's first line")
-      ->option_text("FILE")
-      ->group(mqtt);
-  app.add_option("--mqtt-ca", options.mqtt.ca, "Whom to trust, PEM; else the system's")
-      ->option_text("FILE")
-      ->group(mqtt);
-  auto* const own = app.add_option("--mqtt-cert", options.mqtt.certificate, "Certificate of this bridge, PEM");
-  auto* const own_key = app.add_option("--mqtt-key", options.mqtt.key, "Its private key, PEM");
-  own->option_text("FILE")->group(mqtt)->needs(own_key);
-  own_key->option_text("FILE")->group(mqtt)->needs(own);
-  app.footer(
-      "The page on this machine, in two terminals:\n"
-      "  velta sim -n 6 tcp://127.0.0.1:43210\n"
-      "  velta-bridge -n 6 tcp://127.0.0.1:43210 --web 127.0.0.1:8080 --allow-commands\n"
-      "Exit status: 0 success, 1 the job failed, 2 bad usage.");
+void AddMqttOptions(CLI::App& app, Options& options) {
+  const auto add = AddTo(app, "Through a broker");
+  MqttOptions& mqtt = options.mqtt;
+  add("--mqtt", options.mqtt_address, "mqtt://HOST[:PORT]/PREFIX or mqtts://; PREFIX of all topics", "URL");
+  add("--mqtt-hz", mqtt.hz, "States per second", "HZ")->check(Rate());
+  add("--mqtt-version", options.mqtt_version, "5, or 3.1.1 for old brokers", "VERSION")
+      ->check(CLI::IsMember({"5", "3.1.1"}));
+  add("--mqtt-user", mqtt.user, "Name at the broker", "NAME");
+  add("--mqtt-password-file", options.password_file, "Password, in the file's first line", "FILE");
+  add("--mqtt-ca", mqtt.ca, "Whom to trust, PEM; else the system's", "FILE");
+  AddCertificate(add, "--mqtt-", "Certificate of this bridge, PEM", mqtt.certificate, mqtt.key);
 }
 
 /// What the options mean together. Files are read here.
@@ -148,12 +150,16 @@ void Complete(Options& options) {
     try {
       ReadMqttAddress(options.mqtt_address, options.mqtt);
     } catch (const std::invalid_argument& error) {
-      throw UsageError("bad --mqtt '" + options.mqtt_address + "': " + error.what());
+      const bool has_secret = options.mqtt_address.find('@') != std::string::npos;  // perhaps
+      throw UsageError("bad --mqtt" + (has_secret ? "" : " '" + options.mqtt_address + "'") + ": " + error.what());
     }
   }
   const MqttOptions& mqtt = options.mqtt;
   if (!mqtt.tls && !(mqtt.ca + mqtt.certificate).empty()) throw UsageError("--mqtt-ca and --mqtt-cert need mqtts://");
   if (mqtt.user.empty() && !options.password_file.empty()) throw UsageError("--mqtt-password-file needs --mqtt-user");
+  for (const std::string& path : {options.web.certificate, options.web.key, mqtt.ca, mqtt.certificate, mqtt.key}) {
+    if (!path.empty() && !std::ifstream(path)) throw std::runtime_error("cannot read " + path);
+  }
   options.mqtt.is_version_5 = options.mqtt_version == "5";
   options.hub.control.viewer_stop = !options.no_viewer_stop;
   if (!options.token_file.empty()) options.web.token = ReadSecret(options.token_file);
@@ -226,6 +232,13 @@ int Run(int argc, char** argv) {
                        "Show the version");
   app.set_help_flag("-h,--help", "Show this help");
   AddOptions(app, options);
+  AddWebOptions(app, options);
+  AddMqttOptions(app, options);
+  app.footer(
+      "The page on this machine, in two terminals:\n"
+      "  velta sim -n 6 tcp://127.0.0.1:43210\n"
+      "  velta-bridge -n 6 tcp://127.0.0.1:43210 --web 127.0.0.1:8080 --allow-commands\n"
+      "Exit status: 0 success, 1 the job failed, 2 bad usage.");
   app.add_flag_callback("--man-page",
                         [&app] {  // for the build, which installs what this prints
                           std::cout << ManPage(app.help());

@@ -152,11 +152,13 @@ struct Mqtt::Parts {
   int waiting = 0;    ///< messages that the broker has not acknowledged
   std::uint64_t shown = 0;
   std::uint64_t connections = 0, left_out = 0, repeated = 0;
+  std::string reported;           ///< why there was no connection, when it was said last
   Commander last_holder, sender;  ///< who held control before; whose message is being handled
   ExecutedIds executed;
 
   // The connection's thread:
   bool was_connected = false;
+  std::string complaint;      ///< why the broker, or the TLS library, ends a connection
   bool is_duplicate = false;  ///< the message that comes next
 
   // Both:
@@ -207,9 +209,12 @@ void Mqtt::Parts::Run() {
   while (!is_stopping) {
     lock.unlock();
     was_connected = false;
+    complaint.clear();
     int result = mosquitto_connect_bind_v5(client, options.host.c_str(), options.port, kKeepAlive, nullptr, nullptr);
     while (result == MOSQ_ERR_SUCCESS) result = mosquitto_loop(client, 1000, 1);
-    const std::string why = result == MOSQ_ERR_ERRNO ? std::strerror(errno) : mosquitto_strerror(result);
+    std::string why = result == MOSQ_ERR_ERRNO ? std::strerror(errno) : mosquitto_strerror(result);
+    if (!complaint.empty()) why = complaint;
+    if (!why.empty() && why.back() == '.') why.pop_back();
     Post([this, why] { Lost(why); });
     pause = was_connected ? kBackOff : std::min(2 * pause, kBackOffLimit);
     lock.lock();
@@ -288,6 +293,7 @@ void Mqtt::Parts::ShowState() {
 
 void Mqtt::Parts::Connected() {
   is_connected = true;
+  reported.clear();
   ++connections;
   state_mid = 0;
   for (const char* topic : {"command", "command/+"}) {
@@ -298,7 +304,10 @@ void Mqtt::Parts::Connected() {
 }
 
 void Mqtt::Parts::Lost(const std::string& why) {
-  if (std::exchange(is_connected, false)) std::cerr << "velta-bridge: lost the broker: " << why << std::endl;
+  const char* const what = std::exchange(is_connected, false) ? "lost the broker " : "no connection to the broker ";
+  if (std::exchange(reported, why) != why) {
+    std::cerr << "velta-bridge: " << what << options.host << ": " << why << "; trying again" << std::endl;
+  }
   hub.LeaveAll(kNamePrefix);
 }
 
@@ -331,9 +340,8 @@ void Mqtt::Parts::PublishControl(const Commander& to) {
 void Mqtt::Parts::OnConnect(mosquitto*, void* self, int result, int, const mosquitto_property*) {
   auto& parts = *static_cast<Parts*>(self);
   if (result != 0) {  // refused; the loop ends with an error
-    parts.Post([result] {
-      std::cerr << "velta-bridge: the broker refuses: " << mosquitto_reason_string(result) << std::endl;
-    });
+    const bool is_version_5 = parts.options.is_version_5;
+    parts.complaint = is_version_5 ? mosquitto_reason_string(result) : mosquitto_connack_string(result);
     return;
   }
   parts.was_connected = true;
@@ -376,6 +384,7 @@ void Mqtt::Parts::OnPublish(mosquitto*, void* self, int mid, int, const mosquitt
 /// The client library shows a message's duplicate flag nowhere else: "... received PUBLISH (d1, q1, ...", just before
 /// it calls back with the message.
 void Mqtt::Parts::OnLog(mosquitto*, void* self, int level, const char* text) {
+  if (level == MOSQ_LOG_ERR) static_cast<Parts*>(self)->complaint = text;
   if (level != MOSQ_LOG_DEBUG) return;
   const char* const at = std::strstr(text, " received PUBLISH (d");
   if (at != nullptr) static_cast<Parts*>(self)->is_duplicate = at[std::strlen(" received PUBLISH (d")] == '1';

@@ -297,6 +297,7 @@ class Connection final : public std::enable_shared_from_this<Connection<Stream>>
     Lowest().expires_after(kHeadTime);
     if constexpr (std::is_same_v<Stream, Tls>) {
       stream_.async_handshake(asio::ssl::stream_base::server, [self = this->shared_from_this()](error_code error) {
+        if (error == beast::error::timeout) self->shared_->Refuse("slow request", self->peer_);
         if (!error) self->Read();
       });
     } else {
@@ -312,10 +313,10 @@ class Connection final : public std::enable_shared_from_this<Connection<Stream>>
   void Read() {
     parser_.emplace();
     parser_->header_limit(kMaxHead);
-    parser_->body_limit(0);
     Lowest().expires_after(kHeadTime);  // for all of it, however slowly it comes
-    http::async_read(stream_, in_, *parser_,
-                     [self = this->shared_from_this()](error_code error, std::size_t) { self->OnRequest(error); });
+    http::async_read_header(stream_, in_, *parser_, [self = this->shared_from_this()](error_code error, std::size_t) {
+      self->OnRequest(error);
+    });
   }
 
   void OnRequest(error_code error) {
@@ -389,7 +390,7 @@ class Connection final : public std::enable_shared_from_this<Connection<Stream>>
     response.set(http::field::cache_control, "no-store");
     if (status == http::status::unauthorized) response.set(http::field::www_authenticate, "Bearer");
     if (status == http::status::method_not_allowed) response.set(http::field::allow, "GET, HEAD");
-    response.keep_alive(may_keep && request.keep_alive());
+    response.keep_alive(may_keep && parser_->is_done() && request.keep_alive());  // a body is not read
     response.body() = std::move(body);
     response.prepare_payload();
     if (request.method() == http::verb::head) response.body().clear();
@@ -411,7 +412,7 @@ class Connection final : public std::enable_shared_from_this<Connection<Stream>>
   Stream stream_;
   std::string peer_, local_;
   beast::flat_buffer in_{std::size_t{2} * kMaxHead};
-  std::optional<http::request_parser<http::string_body>> parser_;
+  std::optional<http::request_parser<http::empty_body>> parser_;
   std::optional<Response> response_;
 };
 

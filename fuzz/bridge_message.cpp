@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// What a stranger may send to the bridge: a message, or a request's head.
+// What a stranger may send to the bridge: a message, or a request's head, of which Host, Origin and Authorization decide who
+// is let in.
 #include <boost/asio/buffer.hpp>
 #include <boost/beast/http.hpp>
 #include <nlohmann/json.hpp>
@@ -38,15 +39,14 @@ void ReadHead(const std::string& text) {
     return std::string_view(value.data(), value.size());
   };
   static const Gate gate({"localhost", "127.0.0.1"}, "secret");
-  const std::string host = HostName(view(http::field::host));
-  const bool is_known = host == "localhost" || host == "127.0.0.1";
-  if (gate.Check(view(http::field::host), view(http::field::origin), "127.0.0.1") == nullptr) {
-    Check(is_known, "only known hosts are let in");
-    const std::string origin(view(http::field::origin));
-    Check(origin.empty() || origin.find(host) != std::string::npos || host != "127.0.0.1", "only own pages are let in");
+  const std::string_view origin = view(http::field::origin);
+  if (gate.Check(view(http::field::host), origin, "192.0.2.1") == nullptr) {
+    const std::string host = HostName(view(http::field::host));
+    Check(host == "localhost" || host == "127.0.0.1" || host == "192.0.2.1", "only known hosts are let in");
+    Check(origin.empty() || HostName(origin.substr(origin.find("://") + 3)) == host, "only own pages are let in");
   }
   const std::string_view bearer = view(http::field::authorization);
-  if (gate.IsBearer(bearer)) Check(bearer.substr(bearer.size() - 6) == "secret", "only the token is let in");
+  if (gate.IsBearer(bearer)) Check(bearer.substr(7) == "secret", "only the token is let in");
 }
 
 void Run(Input& in) {

@@ -25,8 +25,9 @@ class HelpStyle : public CLI::Formatter {
   }
 
   std::string make_option_opts(const CLI::Option* option) const override {
-    const std::string type = option->get_option_text().empty() ? option->get_type_name() : option->get_option_text();
-    const std::string shown = type.substr(0, type.find(':'));  // without the validators
+    const std::string type = option->get_type_name();
+    const std::string bare = type.substr(0, type.find(':'));  // without the validators
+    const std::string shown = option->get_option_text().empty() ? bare : option->get_option_text();
     return option->get_type_size() == 0 || shown.empty() ? "" : " " + shown;
   }
 

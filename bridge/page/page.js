@@ -182,6 +182,7 @@ function showHealth() {
   const old = Number.isFinite(age) ? ` The numbers are ${age.toFixed(0)} s old.` : '';
   const banner = !isOpen ? `The bridge is gone; trying again.${old}` :
       !there ? `The arm is away; the bridge tries again.${old}` :
+      stopped && !allowed ? 'The arm was stopped.' :
       stopped ? `The arm was stopped. It takes no commands until ${yours ? 'you rearm it' : 'who holds control rearms it'}.` : '';
   setText($('banner'), banner);
   $('banner').hidden = banner === '';

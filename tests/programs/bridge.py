@@ -119,13 +119,24 @@ def free_port():
         return any_port.getsockname()[1]
 
 
-class Broker:
-    """A real broker on a loopback port of its own."""
+def self_signed(folder):
+    """A certificate for this machine, which is its own authority, and its key."""
+    cert, key = folder / "cert.pem", folder / "key.pem"
+    subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-keyout",
+                    key, "-out", cert, "-subj", "/CN=localhost", "-addext", "subjectAltName=IP:127.0.0.1"], check=True,
+                   stderr=subprocess.DEVNULL)
+    return cert, key
 
-    def __init__(self, folder, started):
-        self.port, self.started = free_port(), started
+
+class Broker:
+    """A real broker on a loopback port of its own, for the arm cell1/arm3."""
+
+    prefix = "cell1/arm3"
+
+    def __init__(self, folder, started, *settings, client=()):
+        self.port, self.started, self.client = free_port(), started, client
         self.config = folder / "mosquitto.conf"
-        self.config.write_text(f"listener {self.port} 127.0.0.1\nallow_anonymous true\npersistence false\n")
+        self.config.write_text("\n".join([f"listener {self.port} 127.0.0.1", "persistence false", "user root", *settings, ""]))
         self.start()
 
     def start(self):
@@ -137,22 +148,24 @@ class Broker:
 
         wait_until(listens, "the broker")
 
-    def address(self, prefix="cell/arm"):
-        return f"mqtt://127.0.0.1:{self.port}/{prefix}"
+    def address(self, scheme="mqtt"):
+        return f"{scheme}://127.0.0.1:{self.port}/{self.prefix}"
+
+    def _command(self, program, topic, *options):
+        return [program, "-h", "127.0.0.1", "-p", str(self.port), *self.client, "-t", f"{self.prefix}/{topic}", *options]
 
     def subscribe(self, topic, *options):
         """Lines "TOPIC PAYLOAD" as they come."""
-        client = self.started.start("stdbuf", "-oL", "mosquitto_sub", "-h", "127.0.0.1", "-p", self.port, "-d", "-v", "-t", topic, *options)
+        client = self.started.start("stdbuf", "-oL", *self._command("mosquitto_sub", topic, "-d", "-v", *options))
         client.line("Subscribed (")
         return client
 
     def publish(self, topic, message, *options):
-        text = message if isinstance(message, str) else json.dumps(message)
-        subprocess.run(["mosquitto_pub", "-h", "127.0.0.1", "-p", str(self.port), "-q", "1", "-t", topic, "-m", text,
-                        *options], check=True, timeout=PATIENCE)
+        subprocess.run(self._command("mosquitto_pub", topic, "-q", "1", "-m", json.dumps(message), *options), check=True,
+                       timeout=PATIENCE)
 
 
 @pytest.fixture
 def broker(tmp_path):
     with contextlib.closing(Started()) as started:
-        yield Broker(tmp_path, started)
+        yield Broker(tmp_path, started, "allow_anonymous true")

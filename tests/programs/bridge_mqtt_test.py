@@ -1,25 +1,29 @@
 # SPDX-License-Identifier: MIT
 """velta-bridge through a real broker."""
 
+import contextlib
 import json
+import pathlib
 import signal
 import socket
+import subprocess
 import time
 
 import pytest
 
-from bridge import REF_POSITION, SERVO_ON, bridge, broker, command, viewer
+from bridge import REF_POSITION, SERVO_ON, Broker, bridge, broker, command, self_signed, viewer
+from conftest import Started
 
 
 class Listener:
     """What arrives on one topic."""
 
     def __init__(self, broker, topic, *options):
-        self.topic = f"cell/arm/{topic}"
-        self.client = broker.subscribe(self.topic, *options)
+        self.client = broker.subscribe(topic, *options)
+        self.beginning = f"{broker.prefix}/{topic} "
 
     def receive(self, accept=lambda message: True):
-        while not accept(message := json.loads(self.client.line(self.topic + " "))):
+        while not accept(message := json.loads(self.client.line(self.beginning))):
             pass
         return message
 
@@ -30,12 +34,12 @@ class Listener:
 class Commander:
     """Commands through the broker, under a name."""
 
-    def __init__(self, broker, name):
-        self.broker, self.topic = broker, f"cell/arm/command/{name}"
-        self.answers = Listener(broker, f"outcome/{name}")
+    def __init__(self, broker, name, *options):
+        self.broker, self.topic, self.options = broker, f"command/{name}", options
+        self.answers = Listener(broker, f"outcome/{name}", *options)
 
     def say(self, message, *options):
-        self.broker.publish(self.topic, message, *options)
+        self.broker.publish(self.topic, message, *self.options, *options)
 
     def take(self):
         self.say({"control": "take"})
@@ -76,7 +80,7 @@ def test_states_commands_and_farewell(arm, broker, version):
     assert planner.do("2", command(SERVO_ON)) == {"id": "2", "outcome": "confirmed"}
     assert state.receive(lambda it: it["jointState"][0]["systemMode"] == "2")
     unnamed = Listener(broker, "outcome")
-    broker.publish("cell/arm/command", {"id": "x", "command": command(SERVO_ON)})
+    broker.publish("command", {"id": "x", "command": command(SERVO_ON)})
     assert unnamed.outcome("x")["reason"] == "control not held"
     program.stop(signal.SIGTERM)
     assert program.status == 0
@@ -90,8 +94,8 @@ def test_last_will_is_left_by_a_bridge_that_is_killed(arm, broker):
     assert program.connection.receive(lambda it: it["connection"] != "online")["connection"] == "lost"
     late = Listener(broker, "connection")
     assert late.receive()["connection"] == "lost", "it is retained"
-    states = broker.subscribe("cell/arm/state", "-W", "1")
-    assert "\ncell/arm/state" not in states.wait().stdout, "states are not"
+    states = broker.subscribe("state", "-W", "1")
+    assert "\ncell1/arm3/state" not in states.wait().stdout, "states are not"
 
 
 def test_states_are_newest_and_end_with_the_arm(arm, broker):
@@ -109,13 +113,12 @@ def test_states_are_newest_and_end_with_the_arm(arm, broker):
 def test_nothing_is_executed_twice_or_from_the_past(arm, broker):
     arm("--allow-commands", *LONG)
     planner = Commander(broker, "planner")
-    broker.publish("cell/arm/command/planner", {"control": "take"}, "-r")  # live now, retained later
+    planner.say({"control": "take"}, "-r")  # live now, retained later
     planner.answers.receive(lambda message: message.get("control", {}).get("yours"))
     assert planner.do("a", command(SERVO_ON))["outcome"] == "confirmed"
     assert planner.do("a", command(SERVO_ON)) == {"id": "a", "outcome": "refused", "reason": "repeated or retained"}
     other = Commander(broker, "other")
-    broker.publish("cell/arm/command/other", {"id": "b", "confirm": True, "command": command(SERVO_ON)}, "-r")
-    assert other.answers.outcome("b")["reason"] == "control not held"  # live
+    assert other.do("b", command(SERVO_ON), "-r")["reason"] == "control not held"  # live
     arm("--allow-commands")  # a second bridge of the same arm gets what is retained
     assert other.answers.outcome("b")["reason"] == "repeated or retained"
 
@@ -166,11 +169,44 @@ def test_losing_the_broker_costs_its_control_and_nothing_else(arm, broker, viewe
 
 def test_correlation_data_comes_back(arm, broker):
     arm()
-    answers = broker.subscribe("cell/arm/outcome", "-V", "5", "-F", "%D %p")
-    broker.publish("cell/arm/command", command(SERVO_ON), "-V", "5", "-D", "publish", "correlation-data", "c-17")
+    answers = broker.subscribe("outcome", "-V", "5", "-F", "%D %p")
+    broker.publish("command", command(SERVO_ON), "-V", "5", "-D", "publish", "correlation-data", "c-17")
     assert json.loads(answers.line("c-17 "))["outcome"]["reason"] == "commands not allowed"
 
 
 def test_statistics_come_every_ten_seconds(arm, broker):
     arm()
     assert Listener(broker, "statistics").receive()["mqtt"]["connected"] is True
+
+
+def test_the_broker_says_who_may_view_and_who_may_command(sim, bridge, tmp_path):
+    """With the access list of docs/fleet.md, passwords, and certificates on both sides."""
+    doc = (pathlib.Path(__file__).parents[2] / "docs/fleet.md").read_text()
+    (tmp_path / "acl").write_text(doc.split("(`acl_file`):\n\n```\n")[1].split("```")[0])
+    passwords = tmp_path / "passwords"
+    for create, name in (["-c"], "arm3"), ([], "planner"), ([], "visitor"):
+        subprocess.run(["mosquitto_passwd", *create, "-b", passwords, name, f"{name}'s"], check=True, capture_output=True)
+    (tmp_path / "good").write_text("arm3's\n")
+    (tmp_path / "bad").write_text("planner's\n")
+    cert, key = self_signed(tmp_path)
+    with contextlib.closing(Started()) as started:
+        broker = Broker(tmp_path, started, f"password_file {passwords}", f"acl_file {tmp_path / 'acl'}", f"cafile {cert}",
+                        f"certfile {cert}", f"keyfile {key}", "require_certificate true",
+                        client=["--cafile", cert, "--cert", cert, "--key", key])
+        secure = ("--mqtt", broker.address("mqtts"), "--mqtt-user", "arm3", "--mqtt-ca", cert)
+        own = (*secure, "--mqtt-cert", cert, "--mqtt-key", key)
+        for reason, *options in [
+            ("Not authorized", *own, "--mqtt-password-file", tmp_path / "bad"),
+            ("Connection Refused: not authorised", *own, "--mqtt-password-file", tmp_path / "bad", "--mqtt-version", "3.1.1"),
+            ("certificate verify failed", *secure[:4]),
+        ]:
+            assert reason in bridge(sim(), *options).line("velta-bridge: no connection to the broker 127.0.0.1: ")
+        bridge(sim(), *own, "--mqtt-password-file", tmp_path / "good", "--allow-commands", "--control-timeout", "30s")
+        user = lambda name: ("-u", name, "-P", f"{name}'s")
+        visitor = Listener(broker, "state", *user("visitor"))
+        assert len(visitor.receive()["jointState"]) == 3
+        planner = Commander(broker, "planner", *user("planner"))
+        broker.publish("command/planner", {"control": "take"}, *user("visitor"))
+        assert planner.do("1", command(SERVO_ON))["reason"] == "control not held"
+        planner.take()
+        assert planner.do("2", command(SERVO_ON))["outcome"] == "confirmed"

@@ -8,14 +8,13 @@ import pathlib
 import random
 import socket
 import ssl
-import subprocess
 import time
 import urllib.parse
 
 import pytest
 import websockets
 
-from bridge import BRIDGE, MODE, POSITION, REF_POSITION, SERVO_ON, Viewer, bridge, command, free_port, viewer
+from bridge import BRIDGE, MODE, POSITION, REF_POSITION, SERVO_ON, Viewer, bridge, command, free_port, self_signed, viewer
 from conftest import SANITIZED, wait_until
 
 
@@ -174,10 +173,7 @@ def test_other_addresses_need_token_and_tls(sim, bridge, run, tmp_path):
     assert failed.stderr == ("velta-bridge: 0.0.0.0:0 can be reached from other machines: give --token-file, --tls-cert "
                              "and --tls-key, or --insecure\n")
     assert bridge(link, "--web", "0.0.0.0:0", "--insecure").url
-    key, cert, token = tmp_path / "key.pem", tmp_path / "cert.pem", tmp_path / "token"
-    subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-keyout",
-                    key, "-out", cert, "-subj", "/CN=localhost", "-addext", "subjectAltName=IP:127.0.0.1"], check=True,
-                   stderr=subprocess.DEVNULL)
+    token, (cert, key) = tmp_path / "token", self_signed(tmp_path)
     token.write_text("t")
     program = bridge(link, "--web", "0.0.0.0:0", "--tls-cert", cert, "--tls-key", key, "--token-file", token)
     trust = ssl.create_default_context(cafile=cert)
