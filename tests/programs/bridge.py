@@ -47,12 +47,10 @@ class Viewer:
     def send(self, message):
         self._run(self.socket.send(message if isinstance(message, (str, bytes)) else json.dumps(message)))
 
-    def receive(self, key, keep_control=False):
+    def receive(self, key):
         """Skips messages up to one that has the key; returns what it holds."""
         end = time.monotonic() + PATIENCE
         while time.monotonic() < end:
-            if keep_control:
-                self.send({"control": "keep"})
             message = json.loads(self._run(self.socket.recv()))
             if key in message:
                 return message[key]
@@ -63,6 +61,7 @@ class Viewer:
         return self.receive(key)
 
     def take(self):
+        self.receive("state")  # the arm is there
         while self.ask({"control": "take"}, "control") != {"held": True, "yours": True}:
             pass
 

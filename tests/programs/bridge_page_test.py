@@ -6,6 +6,7 @@ import pathlib
 import re
 import signal
 import time
+import urllib.parse
 
 import pytest
 from selenium import webdriver
@@ -82,11 +83,11 @@ class Page:
             self.browser.save_screenshot(str(pathlib.Path(folder, f"{name}.png")))
 
 
-@pytest.fixture
-def browser(tmp_path):
+@pytest.fixture(scope="module")
+def chromium(tmp_path_factory):
     options = webdriver.ChromeOptions()
     options.binary_location = "/usr/bin/chromium"
-    for argument in [*QUIET, f"--user-data-dir={tmp_path}/profile"]:
+    for argument in [*QUIET, f"--user-data-dir={tmp_path_factory.mktemp('profile')}"]:
         options.add_argument(argument)
     options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
     running = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
@@ -95,11 +96,23 @@ def browser(tmp_path):
 
 
 @pytest.fixture
+def browser(chromium):
+    """The browser with a new window, in front of one that stays empty."""
+    empty = chromium.current_window_handle
+    chromium.switch_to.new_window("window")
+    chromium.get_log("browser")
+    yield chromium
+    chromium.switch_to.window(empty)
+    for window in set(chromium.window_handles) - {empty}:
+        chromium.execute_cdp_cmd("Target.closeTarget", {"targetId": window.split("-")[-1]})  # also one that hangs
+
+
+@pytest.fixture
 def page(sim, bridge, browser):
     link = sim("-n", 6)
     program = bridge(link, "-n", 6, "--allow-commands", "--control-timeout", "5s")  # also on a busy machine
     shown = Page(browser, program.url)
-    shown.program, shown.arm = program, link.program
+    shown.program, shown.arm, shown.link = program, link.program, link
     wait_until(lambda: shown.text("#health") == "connected")
     return shown
 
@@ -109,6 +122,9 @@ def test_a_person_moves_the_arm_and_stops_it(page, browser):
     page.hold(page.jog(2, "+"))
     wait_until(lambda: page.position(2) > 3)
     assert page.cell(2, "mode") == "position"
+    wait_until(lambda: page.browser.find_elements(By.CSS_SELECTOR, "tbody tr:nth-child(2) td.lit"))
+    low, high = map(float, page.text("figure .range").split(" … "))
+    assert low <= 0 and high > 2, "the plot shows the motion"
     page.picture("bridge-page")
     page.release()
     rest = page.settled(2)
@@ -187,7 +203,7 @@ def test_a_hidden_page_gives_control_back(page, browser):
     assert page.text("#banner") == "", "which stops nothing"
 
 
-def test_what_is_gone_shows(page, browser):
+def test_what_is_gone_shows_and_comes_back(page, bridge):
     page.arm.process.send_signal(signal.SIGSTOP)
     wait_until(lambda: page.text("#health") == "arm away")
     wait_until(lambda: re.search(r"numbers are [1-9]\d* s old", page.text("#banner")))
@@ -197,6 +213,9 @@ def test_what_is_gone_shows(page, browser):
     wait_until(lambda: page.text("#health") == "connected")
     page.program.stop(signal.SIGKILL)
     wait_until(lambda: page.text("#health") == "bridge gone" and "bridge is gone" in page.text("#banner"))
+    bridge(page.link, "-n", 6, "--web", urllib.parse.urlsplit(page.program.url).netloc)
+    wait_until(lambda: page.text("#health") == "connected")
+    assert "View only" in page.text("#holder")
 
 
 def test_the_token_comes_from_the_fragment(sim, bridge, browser, tmp_path):

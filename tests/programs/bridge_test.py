@@ -6,6 +6,8 @@ import http.client
 import json
 import pathlib
 import random
+import re
+import signal
 import socket
 import ssl
 import time
@@ -44,7 +46,7 @@ def begin_slow_move(commander):
     """A trajectory of a minute for joint 1."""
     assert commander.do(command(SERVO_ON))["outcome"] == "confirmed"
     assert commander.do(command(REF_POSITION, value=1000))["outcome"] == "confirmed"  # mode 0: at 18 units a second
-    while commander.receive("state", keep_control=True)["jointState"][0]["trjStatus"] != "2":
+    while commander.receive("state")["jointState"][0]["trjStatus"] in ("0", "1"):
         pass
 
 
@@ -69,8 +71,8 @@ def test_arm_may_be_away_at_the_start_and_later(velta, bridge, viewer):
     watcher = viewer(program.url)
     for kind in ("connected", "back"):
         arm = velta.start("sim", "-n", 3, f"tcp://127.0.0.1:{port}")
-        while watcher.receive("event")["kind"] != kind:
-            pass
+        while (event := watcher.receive("event"))["kind"] != kind:
+            assert re.fullmatch(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z", event["time"])
         watcher.receive("state")
         arm.stop()
         while watcher.receive("event")["kind"] != "lost":
@@ -87,7 +89,10 @@ def test_one_commander_at_a_time(sim, bridge, viewer):
     one.take()
     assert other.receive("control") == {"held": True, "yours": False}
     assert other.ask({"control": "take"}) == {"outcome": "refused", "reason": "control held by another"}
+    for message in {"control": "keep"}, {"control": "give"}, {"rearm": True}, command(SERVO_ON):
+        assert other.ask(message) == {"outcome": "refused", "reason": "control not held"}
     assert one.do(command(SERVO_ON)) == {"id": "1", "outcome": "confirmed"}
+    assert 0 < statistics(program)["latency_ms"] < 10_000
     one.send(command(MODE, value=POSITION))  # bare, and without an answer
     assert one.ask({"id": 2, "command": command(REF_POSITION, value=1.5)}) == {"id": 2, "outcome": "sent"}
     while one.receive("state")["jointState"][0]["position"] != "1.500000":
@@ -98,14 +103,19 @@ def test_one_commander_at_a_time(sim, bridge, viewer):
     assert other.do(command(SERVO_ON))["outcome"] == "confirmed"
 
 
-@pytest.mark.parametrize("how", ["silent", "disconnected", "stopped by a viewer"])
+@pytest.mark.parametrize("how", ["silent", "disconnected", "stopped by a viewer", "bridge ended"])
 def test_arm_stops_without_its_commander(sim, bridge, viewer, how):
-    program = bridge(sim(), "--allow-commands", "--control-timeout", "1s" if how == "silent" else "30s")
-    commander, other = viewer(program.url), viewer(program.url)
+    link = sim()
+    program = bridge(link, "--allow-commands", "--control-timeout", "2s" if how == "silent" else "30s")
+    commander = viewer(program.url)
     commander.take()
     begin_slow_move(commander)
     if how == "disconnected":
         commander.abort()
+    if how == "bridge ended":
+        assert program.stop(signal.SIGTERM).status == 0
+        program = bridge(link, "--allow-commands", "--control-timeout", "30s")
+    other = viewer(program.url)
     if how == "stopped by a viewer":
         other.send({"stop": True})
         assert commander.do(command(SERVO_ON))["reason"] == "dead-man"
@@ -114,21 +124,25 @@ def test_arm_stops_without_its_commander(sim, bridge, viewer, how):
     if how == "stopped by a viewer":
         commander.send({"control": "give"})
     other.take()
-    assert other.do(command(SERVO_ON)) == {"id": "1", "outcome": "refused", "reason": "dead-man"}
-    other.send({"rearm": True})
+    if how != "bridge ended":
+        assert other.do(command(SERVO_ON)) == {"id": "1", "outcome": "refused", "reason": "dead-man"}
+        other.send({"rearm": True})
     assert other.do(command(SERVO_ON))["outcome"] == "confirmed"
 
 
-def test_viewers_may_only_stop_without_allow_commands(sim, bridge, viewer, tmp_path):
+def test_viewers_may_only_stop(sim, bridge, viewer, tmp_path):
     stop = tmp_path / "stop.json"
-    stop.write_text(json.dumps(command(MODE, joint=2, value=1)))
+    stop.write_text("\n".join(json.dumps(command(MODE, joint, value=1)) for joint in (1, 2)))
     watcher = viewer(bridge(sim(), "--stop-documents", stop).url)
     assert watcher.ask({"control": "take"})["reason"] == "commands not allowed"
     watcher.send({"stop": True})
-    while watcher.receive("state")["jointState"][1]["ctrlMode"] != "1":
+    while [joint["ctrlMode"] for joint in watcher.receive("state")["jointState"]] != ["1", "1", "0"]:
         pass
-    strict = bridge(sim(), "--no-viewer-stop")
-    assert viewer(strict.url).ask({"stop": True})["reason"] == "stop not allowed"
+    strict = viewer(bridge(sim(), "--no-viewer-stop", "--allow-commands", "--control-timeout", "30s").url)
+    assert strict.ask({"stop": True})["reason"] == "stop not allowed"
+    strict.take()
+    strict.send({"stop": True})
+    assert strict.do(command(SERVO_ON))["reason"] == "dead-man"
 
 
 def test_requests_are_let_in_by_host_origin_and_token(sim, bridge, viewer, tmp_path):
@@ -138,16 +152,17 @@ def test_requests_are_let_in_by_host_origin_and_token(sim, bridge, viewer, tmp_p
     bearer = {"Authorization": "Bearer open sesame"}
     for path, headers, status in [
         ("/", {}, 200),
-        ("/", {"Host": "arm.example"}, 200),
-        ("/", {"Host": "evil.example"}, 403),
-        ("/", {"Origin": "http://evil.example"}, 403),
+        ("/", {"Host": "Arm.Example:1", "Origin": "HTTPS://arm.example"}, 200),
+        ("/", {"Host": "localhost", "Origin": "http://localhost:8080"}, 200),
+        *(("/", {"Host": host}, 403) for host in ("evil.example", "localhost.evil.example", "localhost:x", "[::1", "")),
+        *(("/", {"Origin": origin}, 403) for origin in ("http://evil.example", "http://localhost", "null", "file://127.0.0.1")),
         ("/api/state", {}, 401),
         ("/api/state", {"Authorization": "Bearer open sesam"}, 401),
         ("/api/state", bearer, 200),
         ("/nothing", bearer, 404),
     ]:
         assert get(program.url, path, headers)[0] == status, (path, headers)
-    assert get(program.url, "/", method="POST")[0] == 405
+    assert get(program.url, "/", {"Content-Length": "9"}, "POST")[0] == 405
     policy = get(program.url)[1]["Content-Security-Policy"]
     assert "frame-ancestors 'none'" in policy and "default-src 'none'" in policy
     for options in ({"origin": "http://evil.example"}, {"extra_headers": {"Authorization": "Bearer x"}}):
@@ -162,7 +177,7 @@ def test_requests_are_let_in_by_host_origin_and_token(sim, bridge, viewer, tmp_p
     assert friend.ask({"token": "open sesame"}, "control") == {"held": False, "yours": False}
     viewer(program.url, extra_headers=bearer).receive("state")
     counts = json.loads(get(program.url, "/api/statistics", bearer)[2])["web"]["refused"]
-    assert counts == {"host": 1, "method": 1, "no token": 3, "not found": 1, "origin": 2, "wrong token": 3}
+    assert counts == {"host": 5, "method": 1, "no token": 3, "not found": 1, "origin": 5, "wrong token": 3}
     assert "sesame" not in program.stderr and program.stderr.count("refused 127.0.0.1") == 1
 
 
@@ -264,13 +279,15 @@ def test_service_manager_hears_that_it_is_ready_and_alive(sim, run, tmp_path):
 
 
 @pytest.mark.parametrize("arguments, complaint", [
+    (["--web", "127.0.0.1:0", "--stop-documents", "/dev/null"], "/dev/null: document 1 is no command"),
+    (["--mqtt", "mqtts://x/y", "--mqtt-ca", "/no.pem"], "cannot read /no.pem"),
     ([], "give --web, --mqtt or both"),
     (["--web", "localhost:99999"], "bad --web"),
     (["--mqtt", "http://x/y"], "bad --mqtt 'http://x/y': it begins with mqtt://"),
     (["--web", "127.0.0.1:0", "--control-timeout", "1ms"], "bad --control-timeout '1ms'"),
     (["--web", "127.0.0.1:0", "--tls-cert", "x"], "--tls-key"),
 ])
-def test_bad_usage(run, arguments, complaint):
+def test_bad_usage_and_bad_files(run, arguments, complaint):
     failed = run(BRIDGE, "-n", 3, "tcp://127.0.0.1:1", *arguments)
-    assert failed.status == 2 and failed.stdout == ""
+    assert failed.status == (2 if "see velta-bridge --help" in failed.stderr else 1) and failed.stdout == ""
     assert complaint in failed.stderr and failed.stderr.count("\n") == 1
