@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-#ifndef VELTA_RECORDING_RECORD_BYTES_H_
-#define VELTA_RECORDING_RECORD_BYTES_H_
+#ifndef VELTA_RECORD_BYTES_H_
+#define VELTA_RECORD_BYTES_H_
 
 #include <array>
 #include <cstddef>
@@ -22,7 +22,7 @@
 ///   14+T 2 CRC                                   20     L  the bytes, unchanged
 ///                                                20+L   2  CRC
 ///
-/// This unit is built into the library, too, and therefore uses nothing else of this room.
+/// Built into the library, whose flight recorder writes it, and into the room that reads it.
 namespace velta::recording {
 
 inline constexpr std::array<char, 8> kMagic{'\x89', 'V', 'R', 'E', 'C', '\r', '\n', '\x1a'};
@@ -71,4 +71,4 @@ std::vector<char> RecordBytes(Event event, std::uint64_t monotonic_ns, std::uint
 
 }  // namespace velta::recording
 
-#endif  // VELTA_RECORDING_RECORD_BYTES_H_
+#endif  // VELTA_RECORD_BYTES_H_
