@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::uint8_t kTcp = 6, kUdp = 17;
 constexpr std::uint8_t kFin = 0x01, kSyn = 0x02, kRst = 0x04, kPush = 0x08, kAck = 0x10;
-constexpr std::size_t kIpHeader = 20, kTcpHeader = 20, kUdpHeader = 8;
+constexpr std::size_t kIpHeader = 20, kIp6Header = 40, kTcpHeader = 20, kUdpHeader = 8;
 
 // ---------------------------------------------------------------------------------------------------------- writing
 
@@ -65,7 +65,10 @@ void Insert(std::string& bytes, std::size_t at, std::uint16_t checksum) { bytes.
 
 CaptureWriter::CaptureWriter(std::ostream& out, const std::string& link) : out_(out) {
   std::string why;
-  if (!ParseLinkAddress(link, link_, why)) link_.kind = LinkAddress::Kind::kSerial;
+  const std::size_t bracket = link.find(']');  // an IPv6 address, which is no name of a host
+  const std::string address =
+      bracket == std::string::npos ? link : link.substr(0, 6) + "host" + link.substr(bracket + 1);
+  if (!ParseLinkAddress(address, link_, why)) link_.kind = LinkAddress::Kind::kSerial;
   controller_.port = static_cast<std::uint16_t>(link_.port);
   if (inet_pton(AF_INET, link_.host.c_str(), controller_.address.data()) != 1) controller_.address = {192, 0, 2, 1};
   if (controller_.address[0] == 127) {
@@ -180,11 +183,21 @@ int LinkHeader(int type) {
       return 20;
     case DLT_RAW:
     case DLT_IPV4:
+    case DLT_IPV6:
     case kSerialLinkType:
       return 0;
     default:
       return kUnknown;
   }
+}
+
+/// An IPv6 address in brackets, as links have it.
+std::string AddressText(const std::array<std::uint8_t, 16>& address) {
+  char text[INET6_ADDRSTRLEN] = "";
+  constexpr std::array<std::uint8_t, 12> kMapped = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF};
+  if (std::equal(kMapped.begin(), kMapped.end(), address.begin()))
+    return inet_ntop(AF_INET, &address[12], text, sizeof text);
+  return "[" + std::string(inet_ntop(AF_INET6, address.data(), text, sizeof text)) + "]";
 }
 
 }  // namespace
@@ -247,70 +260,111 @@ void CaptureReader::Packet(Bytes packet) {
   if (packet.size <= header) return;
   if (link_type_ == DLT_EN10MB) {
     while (Big16(packet.data + header - 2) == 0x8100 && packet.size > header + 4) header += 4;  // VLAN
-    if (Big16(packet.data + header - 2) != 0x0800) return;
+    const std::uint16_t type = Big16(packet.data + header - 2);
+    if (type != 0x0800 && type != 0x86DD) return;
   }
-  Ip({packet.data + header, packet.size - header});
+  const Bytes ip{packet.data + header, packet.size - header};
+  if (ip.size >= kIpHeader && ip.data[0] >> 4 == 4) Ip4(ip);
+  if (ip.size >= kIp6Header && ip.data[0] >> 4 == 6) Ip6(ip);
 }
 
-void CaptureReader::Ip(Bytes packet) {
-  if (packet.size < kIpHeader || packet.data[0] >> 4 != 4) return;
-  const std::size_t header = std::size_t{4} * (packet.data[0] & 0x0F);
+void CaptureReader::Ip4(Bytes packet) {
+  const std::size_t size = std::size_t{4} * (packet.data[0] & 0x0F);
   std::size_t total = Big16(packet.data + 2);
   if (total == 0) total = packet.size;   // left to the network card
   total = std::min(total, packet.size);  // without what pads a short Ethernet packet
-  if (header < kIpHeader || header > total) return;
-  const Bytes payload{packet.data + header, total - header};
-  const unsigned offset_and_flags = Big16(packet.data + 6);
-  if ((offset_and_flags & 0x3FFF) != 0) {
-    Fragment(packet, packet.data[9], payload, offset_and_flags);
-  } else {
-    Payload(Big32(packet.data + 12), Big32(packet.data + 16), packet.data[9], payload);
-  }
+  if (size < kIpHeader || size > total) return;
+  IpHeader header;
+  header.source = header.target = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF};
+  std::copy_n(packet.data + 12, 4, header.source.begin() + 12);
+  std::copy_n(packet.data + 16, 4, header.target.begin() + 12);
+  header.protocol = packet.data[9];
+  header.id = Big16(packet.data + 4);
+  header.offset = std::size_t{8} * (Big16(packet.data + 6) & 0x1FFF);
+  header.more = (packet.data[6] & 0x20) != 0;
+  Fragment(header, {packet.data + size, total - size});
 }
 
-void CaptureReader::Fragment(Bytes ip, std::uint8_t protocol, Bytes payload, unsigned offset_and_flags) {
-  std::array<std::uint8_t, 11> key{};  // addresses, identification, protocol
-  std::memcpy(key.data(), ip.data + 12, 8);
-  std::memcpy(key.data() + 8, ip.data + 4, 2);
-  key[10] = protocol;
-  if (fragments_.size() == kMaxFragmented && fragments_.count(key) == 0) fragments_.clear();  // what is lost is lost
-  Fragments& fragments = fragments_[key];
-  const std::size_t offset = std::size_t{8} * (offset_and_flags & 0x1FFF);
-  fragments.parts[offset].assign(payload.data, payload.data + payload.size);
-  if ((offset_and_flags & 0x2000) == 0) fragments.size = offset + payload.size;  // no more to come
+void CaptureReader::Ip6(Bytes packet) {
+  constexpr std::uint8_t kHopByHop = 0, kRouting = 43, kFragment = 44, kOptions = 60;
+  IpHeader header;
+  std::copy_n(packet.data + 8, 16, header.source.begin());
+  std::copy_n(packet.data + 24, 16, header.target.begin());
+  header.protocol = packet.data[6];
+  std::size_t rest = packet.size - kIp6Header;
+  if (const std::size_t size = Big16(packet.data + 4); size != 0) rest = std::min(rest, size);
+  const std::uint8_t* at = packet.data + kIp6Header;
+  for (;;) {
+    const bool is_fragment = header.protocol == kFragment;
+    if (!is_fragment && header.protocol != kHopByHop && header.protocol != kRouting && header.protocol != kOptions)
+      break;
+    const std::size_t size = rest < 8 || is_fragment ? 8 : std::size_t{8} * (at[1] + std::size_t{1});
+    if (size > rest) return;
+    if (is_fragment) {
+      header.offset = Big16(at + 2) & 0xFFF8;
+      header.more = (at[3] & 1) != 0;
+      header.id = Big32(at + 4);
+    }
+    header.protocol = at[0];
+    at += size;
+    rest -= size;
+    if (is_fragment) break;
+  }
+  Fragment(header, {at, rest});
+}
+
+void CaptureReader::Fragment(const IpHeader& header, Bytes payload) {
+  if (header.offset == 0 && !header.more) return Payload(header, payload);
+  if (fragments_.size() == kMaxFragmented && fragments_.count(header) == 0) fragments_.clear();  // what is lost is lost
+  Fragments& fragments = fragments_[header];
+  fragments.parts[header.offset].assign(payload.data, payload.data + payload.size);
+  if (!header.more) fragments.size = header.offset + payload.size;
   std::vector<std::uint8_t> whole;
   for (const auto& [at, part] : fragments.parts) {
     if (at != whole.size()) return;
     whole.insert(whole.end(), part.begin(), part.end());
   }
   if (fragments.size == 0 || whole.size() != fragments.size) return;
-  fragments_.erase(key);
-  Payload(Big32(ip.data + 12), Big32(ip.data + 16), protocol, {whole.data(), whole.size()});
+  fragments_.erase(header);
+  Payload(header, {whole.data(), whole.size()});
 }
 
-void CaptureReader::Payload(std::uint32_t source, std::uint32_t target, std::uint8_t protocol, Bytes payload) {
-  if (payload.size < (protocol == kTcp ? kTcpHeader : kUdpHeader)) return;
-  const Address from{source, Big16(payload.data)}, to{target, Big16(payload.data + 2)};
+void CaptureReader::Payload(const IpHeader& header, Bytes payload) {
+  if (header.protocol != kTcp && header.protocol != kUdp) return;
+  if (payload.size < (header.protocol == kTcp ? kTcpHeader : kUdpHeader)) return;
+  const Address from{header.source, Big16(payload.data)}, to{header.target, Big16(payload.data + 2)};
   if (from.second != port_ && to.second != port_) return;
-  if (protocol == kTcp) return Segment(from, to, payload);
-  if (protocol != kUdp) return;
-  const bool to_controller = to.second == port_;
-  if (!Choose("udp", to_controller ? from : to, to_controller ? to : from, to_controller)) return;
+  const bool to_controller = IsToController(from, to, header.protocol, payload);
+  const auto take = header.protocol == kTcp ? &CaptureReader::Segment : &CaptureReader::Datagram;
+  (this->*take)(to_controller ? from : to, to_controller ? to : from, to_controller, payload);
+}
+
+bool CaptureReader::IsToController(const Address& from, const Address& to, std::uint8_t protocol, Bytes payload) const {
+  if (from.second != to.second) return to.second == port_;
+  if (!link_.empty()) return to == controller_;
+  if (protocol == kTcp && (payload.data[13] & kSyn) != 0) return (payload.data[13] & kAck) == 0;
+  const std::size_t header = protocol == kTcp ? std::size_t{4} * (payload.data[12] >> 4) : kUdpHeader;
+  const std::size_t size = payload.size - std::min(header, payload.size);
+  const bool is_status = size > 24 && (size - 24) % 79 == 0;  // bytes of a frame, whatever the joints are
+  const bool is_command = size > 13 && (size - 13) % 18 == 0;
+  return is_command || !is_status;
+}
+
+void CaptureReader::Datagram(const Address& host, const Address& controller, bool to_controller, Bytes payload) {
+  if (!Choose("udp", host, controller, to_controller)) return;
   const std::size_t size = std::min<std::size_t>(Big16(payload.data + 4), payload.size);
   Put(to_controller ? Event::kToController : Event::kToHost, reinterpret_cast<const char*>(payload.data) + kUdpHeader,
       std::max(size, kUdpHeader) - kUdpHeader);
 }
 
-void CaptureReader::Segment(Address source, Address target, Bytes segment) {
-  const bool to_controller = target.second == port_;
+void CaptureReader::Segment(const Address& host, const Address& controller, bool to_controller, Bytes segment) {
   const Event event = to_controller ? Event::kToController : Event::kToHost;
   const std::size_t header = std::size_t{4} * (segment.data[12] >> 4);
   if (header < kTcpHeader || header > segment.size) return;
   const std::uint8_t flags = segment.data[13];
   const bool begins = to_controller && (flags & (kSyn | kAck)) == kSyn;
-  const Address host = to_controller ? source : target;
   if (!open_ && !begins && (segment.size == header || host == host_)) return;  // what is left of one that is over
-  if (!Choose("tcp", host, to_controller ? target : source, begins)) return;
+  if (!Choose("tcp", host, controller, begins)) return;
   Stream& stream = streams_[static_cast<std::size_t>(event)];
   const std::uint32_t sequence = Big32(segment.data + 4) + ((flags & kSyn) != 0 ? 1 : 0);
   if ((flags & kSyn) != 0 || !stream.known) {
@@ -362,11 +416,9 @@ void CaptureReader::SkipGap(Event event) {
   }
 }
 
-bool CaptureReader::Choose(const char* scheme, Address host, Address controller, bool begins) {
-  in_addr address{htonl(controller.first)};
-  char text[INET_ADDRSTRLEN] = "";
-  inet_ntop(AF_INET, &address, text, sizeof text);
-  const std::string link = std::string(scheme) + "://" + text + ":" + std::to_string(controller.second);
+bool CaptureReader::Choose(const char* scheme, const Address& host, const Address& controller, bool begins) {
+  const std::string link =
+      std::string(scheme) + "://" + AddressText(controller.first) + ":" + std::to_string(controller.second);
   const bool is_same = open_ && host == host_ && link == link_;
   const bool is_new_connection = begins && link[0] == 't';
   if (is_same && !is_new_connection) return true;
@@ -377,6 +429,7 @@ bool CaptureReader::Choose(const char* scheme, Address host, Address controller,
   if (open_) End();
   link_ = link;
   host_ = host;
+  controller_ = controller;
   streams_ = {};
   open_ = true;
   Put(Event::kOpened);

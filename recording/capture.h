@@ -10,6 +10,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -73,10 +74,11 @@ struct Captured {
   std::vector<char> bytes;    ///< up to kMaxRecordBytes
 };
 
-/// Reads what passed between one controller and its hosts out of a capture (pcap or pcapng): IPv4 on Ethernet, Linux
-/// "any", loopback or raw, or serial lines of CaptureWriter. TCP segments are put in order, repeated ones dropped; IP
-/// fragments are put together. One host at a time, as a controller has it: a new TCP connection, or a datagram of
-/// another host, takes the place of the one before.
+/// Reads what passed between one controller and its hosts out of a capture (pcap or pcapng): IPv4 and IPv6 on Ethernet,
+/// Linux "any", loopback or raw, or serial lines of CaptureWriter. TCP segments are put in order, repeated ones dropped;
+/// IP fragments are put together. One host at a time, as a controller has it: a new TCP connection, or a datagram of
+/// another host, takes the place of the one before. Where the host uses the controller's port too, the controller is
+/// the end that accepts the TCP connection, or sends datagrams as long as statuses, or is spoken to first.
 ///
 /// Errors:  CaptureError for a file that is no capture, or of a link type that is not known here. A capture that ends
 ///          in the middle of a packet ends there, and CutShort() says so.
@@ -94,7 +96,7 @@ class CaptureReader {
   /// @return false at the end; captured is unspecified then
   bool Next(Captured& captured);
 
-  /// The controller's link, as tcp://ADDRESS:PORT; empty before anything was found.
+  /// The controller's link, as tcp://ADDRESS:PORT, an IPv6 address in brackets; empty before anything was found.
   const std::string& Link() const { return link_; }
 
   /// What could not be used, up to here.
@@ -104,7 +106,8 @@ class CaptureReader {
   bool CutShort() const { return cut_short_; }
 
  private:
-  using Address = std::pair<std::uint32_t, std::uint16_t>;  ///< IPv4 address and port
+  using IpAddress = std::array<std::uint8_t, 16>;       ///< of IPv4 as IPv6 maps it, ::ffff:1.2.3.4
+  using Address = std::pair<IpAddress, std::uint16_t>;  ///< with the port
   struct Bytes {
     const std::uint8_t* data;
     std::size_t size;
@@ -115,20 +118,34 @@ class CaptureReader {
     std::uint32_t next = 0;                            ///< sequence number of the byte that is waited for
     std::map<std::uint32_t, std::vector<char>> early;  ///< by sequence number
   };
+  struct IpHeader {
+    IpAddress source{}, target{};
+    std::uint8_t protocol = 0;
+    std::uint32_t id = 0;  ///< the same for all fragments of a packet
+    std::size_t offset = 0;
+    bool more = false;  ///< fragments to come
+
+    bool operator<(const IpHeader& other) const {
+      return std::tie(source, target, protocol, id) < std::tie(other.source, other.target, other.protocol, other.id);
+    }
+  };
   struct Fragments {
     std::map<std::size_t, std::vector<std::uint8_t>> parts;  ///< by offset
     std::size_t size = 0;                                    ///< of the whole; 0 while unknown
   };
 
   void Packet(Bytes packet);
-  void Ip(Bytes packet);
-  void Fragment(Bytes ip, std::uint8_t protocol, Bytes payload, unsigned offset_and_flags);
-  void Payload(std::uint32_t source, std::uint32_t target, std::uint8_t protocol, Bytes payload);
-  void Segment(Address source, Address target, Bytes segment);
+  void Ip4(Bytes packet);
+  void Ip6(Bytes packet);
+  void Fragment(const IpHeader& header, Bytes payload);
+  void Payload(const IpHeader& header, Bytes payload);
+  bool IsToController(const Address& from, const Address& to, std::uint8_t protocol, Bytes payload) const;
+  void Datagram(const Address& host, const Address& controller, bool to_controller, Bytes payload);
+  void Segment(const Address& host, const Address& controller, bool to_controller, Bytes segment);
   void Take(Event event, std::uint32_t sequence, Bytes bytes);
   void Deliver(Event event);
   void SkipGap(Event event);
-  bool Choose(const char* scheme, Address host, Address controller, bool begins);
+  bool Choose(const char* scheme, const Address& host, const Address& controller, bool begins);
   void End();
   void Put(Event event, const char* bytes = nullptr, std::size_t size = 0);
 
@@ -139,10 +156,10 @@ class CaptureReader {
   std::uint64_t now_ns_ = 0;
   std::string link_;
   bool open_ = false;
-  Address host_;
-  std::array<Stream, 2> streams_;  ///< by event: to the controller, to the host
-  std::map<std::array<std::uint8_t, 11>, Fragments> fragments_;
-  std::vector<Captured> ready_;  ///< the next one last
+  Address host_, controller_;                ///< the controller's is known as soon as the link is
+  std::array<Stream, 2> streams_;            ///< by event: to the controller, to the host
+  std::map<IpHeader, Fragments> fragments_;  ///< by what all fragments of a packet share
+  std::vector<Captured> ready_;              ///< the next one last
   std::uint64_t foreign_ = 0, missing_ = 0, truncated_ = 0;
   bool ended_ = false, cut_short_ = false;
 };

@@ -72,7 +72,7 @@ def test_tcp_segments_are_put_in_order(velta, tmp_path):
     assert [wall // 10**9 for event, _, wall, _ in found if event == 1] == [0, 3, 3, 5]
     assert run.stdout == (f"tcp://127.0.0.1:{CONTROLLER}, 3 joints: 1 connection, 0 bytes to the controller, 1566 bytes to the "
                           f"host in {tmp_path}/run.vrec\n")
-    assert run.stderr == f"velta: {tmp_path}/capture.pcap: 1 packets of other hosts or controllers on this port were left out\n"
+    assert run.stderr == f"velta: {tmp_path}/capture.pcap: 1 packet of other hosts or controllers on this port left out\n"
 
 
 def test_what_a_capture_lacks_is_told(velta, tmp_path):
@@ -81,9 +81,9 @@ def test_what_a_capture_lacks_is_told(velta, tmp_path):
         capture.tcp(i, *TO_HOST, status(i, 0, 3), lost=i == 5)
     run, (_, _, found) = from_capture(velta, tmp_path, capture, *PORT)
     assert sum(len(data) for *_, data in found) == 79 * 261
-    assert run.stderr == f"velta: {tmp_path}/capture.pcap: 261 bytes are missing in it\n"
+    assert run.stderr == f"velta: {tmp_path}/capture.pcap: 261 bytes missing in it\n"
     capture.bytes += struct.pack("<IIII", 99, 0, 60, 300) + capture.bytes[40:100]  # of 300 bytes
-    assert "of 1 packets it has only the first bytes" in from_capture(velta, tmp_path, capture, *PORT)[0].stderr
+    assert "it has only the first bytes of 1 packet\n" in from_capture(velta, tmp_path, capture, *PORT)[0].stderr
     capture.bytes = capture.bytes[:-1]
     assert "ends in the middle of a packet" in from_capture(velta, tmp_path, capture, *PORT)[0].stderr
 
@@ -100,6 +100,45 @@ def test_udp_fragments_on_ethernet_are_put_together(velta, tmp_path):
     run, (link, joints, found) = from_capture(velta, tmp_path, capture, *PORT)
     assert (link, joints) == (f"udp://10.0.0.1:{CONTROLLER}", 20)
     assert [data for event, *_, data in found if event == 1] == [status(i, 0, 20) for i in range(3)]
+
+
+def ip6(protocol, source, target, payload):
+    """A packet between 2001:db8::1, the controller, and 2001:db8::2, in an Ethernet frame."""
+    addresses = b"".join(b"\x20\x01\x0d\xb8" + bytes(11) + (b"\1" if end == CONTROLLER else b"\2") for end in (source, target))
+    return bytes(12) + b"\x86\xdd" + struct.pack(">IHBB", 0x60000000, len(payload), protocol, 64) + addresses + payload
+
+
+def test_ipv6_with_options_and_fragments(velta, tmp_path):
+    capture = Capture(link_type=1)
+    frames = [status(i, 0, 20) for i in range(3)]
+    for i, frame in enumerate(frames):
+        datagram = struct.pack(">HHHH", *TO_HOST, 8 + len(frame), 0) + frame
+        for offset, end in ((0, 1208), (1208, len(datagram)))[:: -1 if i else 1]:
+            extensions = b"\x3c\0\1\4\0\0\0\0" + b"\x2c\0\1\4\0\0\0\0"  # hop by hop, options of the target, fragment
+            extensions += struct.pack(">BBHI", 17, 0, offset | (end < len(datagram)), i)
+            capture.packet(i, ip6(0, *TO_HOST, extensions + datagram[offset:end]) + bytes(9))
+    ask = command(STAMP, 20)
+    capture.packet(3, ip6(17, *TO_CONTROLLER, struct.pack(">HHHH", *TO_CONTROLLER, 8 + len(ask), 0) + ask))
+    run, (link, joints, found) = from_capture(velta, tmp_path, capture, *PORT)
+    assert (run.stderr, link, joints) == ("", f"udp://[2001:db8::1]:{CONTROLLER}", 20)
+    assert [data for event, *_, data in found if event < 2] == [*frames, ask]
+    assert velta("convert", tmp_path / "run.vrec", tmp_path / "again.pcap", "-f", "pcapng").status == 0
+    assert velta("convert", tmp_path / "again.pcap", tmp_path / "again.vrec", *PORT).status == 0
+    link, _, again = records(tmp_path / "again.vrec")
+    assert link == f"udp://192.0.2.1:{CONTROLLER}" and [data for event, *_, data in again if event < 2] == [*frames, ask]
+
+
+@pytest.mark.parametrize("first", [0, 1])  # is a command, or a status
+def test_a_host_may_use_the_port_of_its_controller(velta, tmp_path, first):
+    capture = Capture()
+    passed = [(0, command(STAMP, 3)), (1, status(1, 0, 3)), (0, b"x"), (1, b"y"), (1, status(2, STAMP, 3))]
+    for at, (event, data) in enumerate(passed[first:]):
+        datagram = struct.pack(">HHHH", CONTROLLER, CONTROLLER, 8 + len(data), 0) + data
+        ends = (b"\x0a\0\0\2", b"\x0a\0\0\1")[:: -1 if event else 1]
+        capture.packet(at, struct.pack(">BBHHHBBH4s4s", 0x45, 0, 20 + len(datagram), 0, 0x4000, 64, 17, 0, *ends) + datagram)
+    _, (link, _, found) = from_capture(velta, tmp_path, capture, *PORT)
+    assert link == f"udp://10.0.0.1:{CONTROLLER}"
+    assert [(event, data) for event, *_, data in found if event < 2] == passed[first:]
 
 
 def test_refuses_what_it_cannot_turn_into_a_recording(velta, tmp_path):
