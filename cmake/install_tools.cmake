@@ -4,11 +4,17 @@ if(NOT TARGET velta_cli)
   return()
 endif()
 
-if(NOT VELTA_DEBIAN) # which has the library where the loader looks
-  file(RELATIVE_PATH bin_to_lib ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
-  set_target_properties(velta_cli PROPERTIES INSTALL_RPATH "$ORIGIN/${bin_to_lib}")
-endif()
-install(TARGETS velta_cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+# Installs a program; but in Debian's packages, where the loader looks for the library by itself, it finds it beside its
+# own folder.
+function(velta_install_program program component)
+  if(NOT VELTA_DEBIAN)
+    file(RELATIVE_PATH bin_to_lib ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
+    set_target_properties(${program} PROPERTIES INSTALL_RPATH "$ORIGIN/${bin_to_lib}")
+  endif()
+  install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT ${component})
+endfunction()
+
+velta_install_program(velta_cli tools)
 set(pages ${PROJECT_BINARY_DIR}/tools)
 install(FILES ${pages}/velta.bash RENAME velta
         DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions COMPONENT tools)
