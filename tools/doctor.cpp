@@ -108,13 +108,14 @@ class CaseReport {
 
   /// @param found  what the examination printed
   /// @param end    the link, if it is open
-  void Write(const std::string& found, const std::unique_ptr<HostEnd>& end) const {
+  /// @param link   its name, with an address in place of the host's name
+  void Write(const std::string& found, const std::unique_ptr<HostEnd>& end, const std::string& link) const {
     std::vector<ReportPart> parts = Parts();
     parts[0].content = WithoutHost(found, options_.link.host);
     parts[1].content = VersionsText();
     parts[2].content = RealtimeText("/");
     if (end) {
-      parts[3].content = RecordSome(*end);
+      parts[3].content = RecordSome(*end, link);
     } else {
       parts.pop_back();
     }
@@ -133,7 +134,7 @@ class CaseReport {
   }
 
   /// @return a recording of the open link; a controller that is silent is asked with idle commands
-  std::string RecordSome(HostEnd& end_of_link) const {
+  std::string RecordSome(HostEnd& end_of_link, const std::string& link) const {
     using recording::Event;
     std::string bytes;
     const auto add = [&](const std::vector<char>& block) { bytes.append(block.begin(), block.end()); };
@@ -144,7 +145,7 @@ class CaseReport {
                                    std::min(passed.size() - at, recording::kMaxRecordBytes)));
       }
     };
-    add(recording::HeaderBytes(options_.joints, ToString(options_.link)));
+    add(recording::HeaderBytes(options_.joints, link));
     record(Event::kOpened, {});
     const std::int64_t end = MonotonicNs() + options_.recorded.count();
     try {
@@ -169,7 +170,7 @@ class CaseReport {
 
 class Doctor {
  public:
-  explicit Doctor(const DoctorOptions& options) : options_(options) {}
+  explicit Doctor(const DoctorOptions& options) : options_(options), link_(options.link) {}
 
   /// @return 0 when nothing failed
   int Run() {
@@ -186,7 +187,7 @@ class Doctor {
       for (const Finding& finding : findings_) list.push_back({{"kind", Word(finding)}, {"text", finding.text}});
       Out() << nlohmann::ordered_json{{"findings", list}, {"verdict", Conclusion(findings_)}} << std::endl;
     }
-    if (!options_.report.empty()) report.Write(said_, end_);
+    if (!options_.report.empty()) report.Write(said_, end_, ToString(link_));
     return failed ? 1 : 0;
   }
 
@@ -212,37 +213,37 @@ class Doctor {
   }
 
   void Examine() {
-    Link link = options_.link;
     Observation seen;
-    seen.kind = link.kind;
+    seen.kind = link_.kind;
     seen.joints = options_.joints;
-    if (link.kind == Link::Kind::kSerial && !Report(ExamineDevice(link.device, seen.is_shared))) return;
+    if (link_.kind == Link::Kind::kSerial && !Report(ExamineDevice(link_.device, seen.is_shared))) return;
     try {
-      HostEnd::Check(link);
-      if (const Link resolved = Resolved(link); resolved.host != link.host) {
-        Report({{Finding::Kind::kGood, "'" + link.host + "' is " + resolved.host}});
-        link = resolved;
+      HostEnd::Check(link_);
+      if (const Link resolved = Resolved(link_); resolved.host != link_.host) {
+        Report({{Finding::Kind::kGood, "'" + link_.host + "' is " + resolved.host}});
+        link_ = resolved;
       }
-      end_ = std::make_unique<HostEnd>(link, static_cast<int>(options_.timeout / 1ms));
+      end_ = std::make_unique<HostEnd>(link_, static_cast<int>(options_.timeout / 1ms));
     } catch (const LinkError& error) {
-      if (!StopRequested()) Report({ExplainOpening(link, error.error, error.what())});
+      if (!StopRequested()) Report({ExplainOpening(link_, error.error, error.what())});
       return;
     }
     // Over UDP nothing was sent yet.
     Report(
-        {{Finding::Kind::kGood, (link.kind == Link::Kind::kUdp ? "socket ready for " : "opened ") + ToString(link)}});
+        {{Finding::Kind::kGood, (link_.kind == Link::Kind::kUdp ? "socket ready for " : "opened ") + ToString(link_)}});
     try {
       Exchange(seen).Run(*end_);
     } catch (const LinkError& error) {
       end_.reset();
       if (StopRequested()) return;
-      Report({ExplainLoss(link, error.error, error.what())});
+      Report({ExplainLoss(link_, error.error, error.what())});
       if (seen.bytes.empty()) return;
     }
     if (!StopRequested()) Report(Diagnose(seen));
   }
 
   const DoctorOptions& options_;
+  Link link_;  ///< with the address, once a host's name is looked up
   Findings findings_;
   std::string said_;
   std::unique_ptr<HostEnd> end_;  ///< while the link is open
@@ -251,18 +252,17 @@ class Doctor {
 }  // namespace
 
 void AddDoctor(CLI::App& app, Action& action) {
-  CLI::App& command = *app.add_subcommand("doctor", "Find out why nothing moves");
+  CLI::App& command = *app.add_subcommand("doctor", "Diagnose a link: find out why nothing moves");
   const auto options = std::make_shared<DoctorOptions>();
   AddLinkArgument(command, options->link);
   AddJointsOption(command, options->joints);
-  AddDurationOption(command, "-t,--timeout", options->timeout, {100ms, 60s}, "Wait for a connection");
+  AddDurationOption(command, "-t,--timeout", options->timeout, {100ms, 60s}, "How long to wait for a connection");
   AddJsonFlag(command, options->json, "Print one JSON object");
   command
       .add_option("--report", options->report,
                   "Also write FILE, an archive for a support case; what it holds is shown first")
       ->type_name("FILE.tar.gz");
-  AddDurationOption(command, "--report-time", options->recorded, {10ms, 10min},
-                    "How much of what passes is recorded for it");
+  AddDurationOption(command, "--report-time", options->recorded, {10ms, 10min}, "How long to record for it");
   command.footer(
       "It sends idle commands; the arm does not move.\n"
       "Example: velta doctor -n 6 tcp://192.168.0.10:5000");
