@@ -10,6 +10,8 @@
 #include <optional>
 #include <utility>
 
+#include "counted.h"
+
 namespace velta::recording {
 
 namespace {
@@ -232,12 +234,11 @@ class TroubleWatcher {
 
   template <typename Stream>
   void CheckBytes(std::uint64_t time, bool is_in, const char* what, const Stream& stream, Counts& counts) {
-    const auto plural = [](std::uint64_t n) { return n == 1 ? "" : "s"; };
     if (const std::uint64_t bad = stream.BadCrc() - counts.bad; is_in && bad != 0) {
-      Found(Trouble::kBadFrame, time, -1, fmt::format("{} {} frame{} with a wrong CRC", bad, what, plural(bad)));
+      Found(Trouble::kBadFrame, time, -1, wire::Counted(bad, fmt::format("{} frame", what)) + " with a wrong CRC");
     }
     if (const std::uint64_t garbage = stream.Garbage() - counts.garbage; is_in && garbage != 0) {
-      Found(Trouble::kGarbage, time, -1, fmt::format("{} byte{} outside {} frames", garbage, plural(garbage), what));
+      Found(Trouble::kGarbage, time, -1, fmt::format("{} outside {} frames", wire::Counted(garbage, "byte"), what));
     }
     counts = {stream.BadCrc(), stream.Garbage()};
   }

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "counted.h"
 #include "frame_stream.h"
 #include "protocol.h"
 
@@ -151,7 +152,7 @@ void RecordingReader::Rewind() {
 
 void RecordingReader::Damaged(const std::string& what) const {
   throw RecordingError(path_ + ": damaged at byte " + std::to_string(position_) + ", after " +
-                       std::to_string(records_) + (records_ == 1 ? " good record: " : " good records: ") + what);
+                       wire::Counted(records_, "good record") + ": " + what);
 }
 
 }  // namespace velta::recording

@@ -78,7 +78,7 @@ TEST_F(DiagnosisTest, CountsAFrameOfLostBytesAsNoise) {
   seen.bytes.resize(seen.bytes.size() + 181);
   EXPECT_EQ(Shown()[0], "k 10 good statuses of 2 joints");
   seen.bytes.resize(seen.bytes.size() + 1);
-  EXPECT_EQ(Shown()[0], "? 10 good statuses of 2 joints, but 182 bytes belong to none: look for noise or lost bytes");
+  EXPECT_EQ(Shown()[0], "? 10 good statuses of 2 joints, but 182 bytes outside them: look for noise or lost bytes");
 }
 
 TEST_F(DiagnosisTest, SeesAFrozenStatusAndStampsThatRunBackwards) {
@@ -120,20 +120,19 @@ TEST_F(DiagnosisTest, NamesWhatKeepsJointsFromMovingAndTheCommandThatHelps) {
   RecvPacket& last = seen.statuses.back();
   last.joints[0].systemMode = 0;
   last.joints[1].ewStatus = 12;
-  EXPECT_EQ(Shown()[3], "? joints 1 report a fault: find its cause, then velta send LINK reset --select 1");
-  EXPECT_EQ(Shown()[4], "? joints 0 have their servo off: velta send LINK servo-on --select 0");
+  EXPECT_EQ(Shown()[3], "? fault reported on joint 1: find its cause, then velta send LINK reset --select 1");
+  EXPECT_EQ(Shown()[4], "? servo off on joint 0: velta send LINK servo-on --select 0");
   last.joints[0].systemMode = 2;
   last.joints[1].ewStatus = 0;
-  constexpr std::pair<char, const char*> kRefusals[] = {
-      {'m',
-       "refused a trajectory because their servo was off: switch it on, then velta send LINK trajectory-control-start"},
-      {'f',
-       "refused a trajectory because it had no points: send points, then velta send LINK trajectory-control-start"},
-      {'o', "stopped because their servo went off while they moved: velta send LINK servo-on"}};
-  for (const auto& [code, said] : kRefusals) {
+  const auto refused = [&](char code) {
     for (rxJoint_t& joint : last.joints) joint.trjStatus = static_cast<std::uint8_t>(code);
-    EXPECT_EQ(Shown()[3], std::string("? joints 0/1 ") + said + " --select 0/1");
-  }
+    return Shown()[3];
+  };
+  EXPECT_EQ(refused('m'),
+            "? trajectory refused with the servo off on joints 0/1: switch it on, then velta send LINK "
+            "trajectory-control-start --select 0/1");
+  EXPECT_EQ(refused('f').substr(0, 46), "? trajectory refused without points on joints ");
+  EXPECT_EQ(refused('o'), "? servo switched off while moving on joints 0/1: velta send LINK servo-on --select 0/1");
 }
 
 TEST(FitJointCount, WantsTwoWholeFrames) {

@@ -5,8 +5,8 @@
 
 #include "support/bytes.h"
 
-using velta::test::Bytes;
 using velta::analysis::MonitorModel;
+using velta::test::Bytes;
 
 namespace {
 

@@ -51,9 +51,10 @@ TEST(PingVerdict, CountsBytesOfNoFrameAndResends) {
   report.confirmed = 98;
   const std::vector<std::string> verdict = Verdict(report);
   ASSERT_EQ(verdict.size(), 2U);
-  EXPECT_EQ(verdict[0],
-            "look at the link: 182 bytes belong to no good frame (noise, cut frames, or another joint count)");
-  EXPECT_EQ(verdict[1], "look at the link or the controller: 7 commands had to be sent again, 2.0 % were never echoed");
+  EXPECT_EQ(verdict[0], "look at the link: 182 bytes outside good frames (noise, cut frames, or another joint count)");
+  EXPECT_EQ(verdict[1], "look at the link or the controller: some commands were never echoed");
+  report.confirmed = 100;
+  EXPECT_EQ(Verdict(report)[1], "look at the link or the controller: some commands were echoed only after a resend");
 }
 
 TEST(PingVerdict, TellsThisMachinesLatenessFromASlowEcho) {

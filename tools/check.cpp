@@ -14,6 +14,7 @@
 #include <string>
 
 #include "command.h"
+#include "counted.h"
 #include "excerpt.h"
 
 namespace velta::tools {
@@ -75,8 +76,8 @@ void PrintText(const CheckResult& result, const Counts& counts) {
     if (counts[i] == 0) continue;
     sum += fmt::format("{}{} {}", sum.empty() ? "" : ", ", counts[i], TroubleWord(static_cast<Trouble>(i)));
   }
-  Out() << fmt::format("checked {:.1f} s: {} status frames, {} commands: {}",
-                       static_cast<double>(result.length_ns) / 1e9, result.statuses, result.commands,
+  Out() << fmt::format("checked {:.1f} s: {}, {}: {}", static_cast<double>(result.length_ns) / 1e9,
+                       Counted(result.statuses, "status frame"), Counted(result.commands, "command"),
                        sum.empty() ? "nothing wrong" : sum)
         << std::endl;
 }
@@ -102,18 +103,23 @@ void AddCheck(CLI::App& app, Action& action) {
   AddExcerptOptions(command, options->excerpt);
   const DurationRange range{std::chrono::nanoseconds(0), std::chrono::hours(1)};
   AddDurationOption(command, "--gap", options->settings.gap, range,
-                    "How much longer than usual no status frame may come; 0 is not checked");
+                    "A gap is a pause that exceeds the usual one by more than this; 0 looks for none");
   AddDurationOption(command, "--jitter", options->settings.jitter, range,
-                    "How far a status frame may be off its usual time; 0 is not checked");
+                    "Jitter is a pause that differs from the usual one by more than this; 0 looks for none");
   command
-      .add_option("--jump", options->settings.jump, "Change of a position that needs no velocity, in position units")
+      .add_option("--jump", options->settings.jump,
+                  "Change of a position, in its units, that is no jump even without velocity")
       ->check(CLI::NonNegativeNumber)
       ->type_name("UNITS");
-  command.add_option("--limits", options->limits_file, "JSON document with limits of joints; see the manual")
+  command
+      .add_option("--limits", options->limits_file,
+                  "JSON document with limits of fields, by joint or for all, as below")
       ->type_name("LIMITS");
   AddJsonFlag(command, options->json);
   command.footer(
       "The exit status is 1 when something was wrong.\n"
+      "Limits, from -MOST to MOST or from LEAST to MOST:\n"
+      "  {\"all\": {\"velocity\": 90}, \"2\": {\"position\": [-10, 120]}}\n"
       "Example:\n  velta check run.vrec --limits limits.json");
   command.callback([options, &action] { action = [options] { return Run(*options); }; });
 }

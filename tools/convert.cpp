@@ -56,8 +56,10 @@ std::uint64_t Write(const Excerpt& excerpt, const std::string& format, std::ostr
 }
 
 int RunFromCapture(const Options& options) {
-  if (!options.format.empty()) throw UsageError("a capture is turned into a recording only; first that, then --format");
-  if (options.output == "-") throw UsageError("name the recording that is to be made of the capture");
+  if (!options.format.empty())
+    throw UsageError("a capture becomes a recording; convert that in a second step with --format");
+  if (options.output == "-")
+    throw UsageError("name the recording to write, as in velta convert capture.pcapng run.vrec --port 5000");
   ReadCapture({options.excerpt.file, options.port, options.excerpt.joints}, options.output);
   return 0;
 }
@@ -87,16 +89,15 @@ void AddConvert(CLI::App& app, Action& action) {
   CLI::App* const command =
       app.add_subcommand("convert", "Turn a recording into a table or a capture, or a capture into a recording");
   AddExcerptOptions(*command, options->excerpt);
-  command->get_option("FILE")->description("A recording of velta record, or a capture (pcap or pcapng)");
+  command->get_option("FILE")->description("A recording made by velta record, or a capture (pcap or pcapng)");
   command
       ->add_option("-f,--format", options->format,
                    "csv: a row per status frame; jsonl: a line per frame and event; pcapng: a capture of packets; "
-                   "otherwise what OUTPUT ends in, or csv")
+                   "without it the ending of OUTPUT decides, else csv")
       ->check(CLI::IsMember({"csv", "jsonl", "pcapng"}))
       ->type_name("FORMAT");
-  command->add_option("OUTPUT,-o,--output", options->output, "Where to write to; - is standard output")
-      ->type_name("FILE");
-  command->add_option("--port", options->port, "The controller's port in a capture; none for a serial line's")
+  command->add_option("OUTPUT,-o,--output", options->output, "File to write; - is standard output")->type_name("FILE");
+  command->add_option("--port", options->port, "The controller's port in a capture; a serial line has none")
       ->check(CLI::Range(1, 65535))
       ->type_name("PORT")
       ->default_str("");

@@ -14,6 +14,7 @@
 
 #include "capture.h"
 #include "command.h"
+#include "counted.h"
 #include "diagnosis.h"
 #include "output_file.h"
 #include "recording_file.h"
@@ -70,6 +71,7 @@ std::uint64_t WriteCapture(const Excerpt& excerpt, std::ostream& out) {
     if (time >= excerpt.from_ns) writer.Write(record.event, record.wall_ns, record.bytes.data(), record.bytes.size());
     if (!out) throw Failure("cannot write the output");
   }
+  if (StopRequested()) throw Failure("stopped before the end of the recording");
   return reader.LostTail();
 }
 
@@ -87,16 +89,16 @@ void ReadCapture(const CaptureSource& source, const std::string& recording) {
   }
   if (StopRequested()) throw Failure("stopped before the end of the capture");
   output.Commit();
-  Out() << fmt::format("{}, {} joints: {} connection{}, {} bytes to the controller, {} bytes to the host in {}", link,
-                       joints, connections, connections == 1 ? "" : "s", to_controller, to_host, recording)
+  Out() << fmt::format("{}, {}: {}, {} to the controller, {} to the host in {}", link,
+                       Counted(static_cast<std::uint64_t>(joints), "joint"), Counted(connections, "connection"),
+                       Counted(to_controller, "byte"), Counted(to_host, "byte"), recording)
         << std::endl;
   if (reader.ForeignPackets() != 0) {
-    Remark(source,
-           fmt::format("{} packets of other hosts or controllers on this port were left out", reader.ForeignPackets()));
+    Remark(source, Counted(reader.ForeignPackets(), "packet") + " of other hosts or controllers on this port left out");
   }
-  if (reader.MissingBytes() != 0) Remark(source, fmt::format("{} bytes are missing in it", reader.MissingBytes()));
+  if (reader.MissingBytes() != 0) Remark(source, Counted(reader.MissingBytes(), "byte") + " missing in it");
   if (reader.TruncatedPackets() != 0) {
-    Remark(source, fmt::format("of {} packets it has only the first bytes", reader.TruncatedPackets()));
+    Remark(source, "it has only the first bytes of " + Counted(reader.TruncatedPackets(), "packet"));
   }
   if (reader.CutShort()) Remark(source, "it ends in the middle of a packet");
 }

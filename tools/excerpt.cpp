@@ -7,6 +7,7 @@
 #include <iostream>
 
 #include "command.h"
+#include "counted.h"
 
 namespace velta::tools {
 
@@ -22,14 +23,14 @@ void AddTimeOption(CLI::App& command, const std::string& name, std::uint64_t& ns
 }  // namespace
 
 void AddExcerptOptions(CLI::App& command, Excerpt& excerpt) {
-  command.add_option("FILE", excerpt.file, "A recording of velta record")->required()->type_name("");
+  command.add_option("FILE", excerpt.file, "A recording made by velta record")->required()->type_name("");
   command
       .add_option("-n,--joints", excerpt.joints, "Joints of the arm, when the recording was made with a wrong number")
       ->check(CLI::Range(1, kMaxJoints))
       ->type_name("N")
       ->default_str("");
-  AddTimeOption(command, "--from", excerpt.from_ns, "Begin so long after the recording's start");
-  AddTimeOption(command, "--to", excerpt.to_ns, "End so long after the recording's start");
+  AddTimeOption(command, "--from", excerpt.from_ns, "Begin this long after the recording's start");
+  AddTimeOption(command, "--to", excerpt.to_ns, "End this long after the recording's start");
 }
 
 Timeline OpenExcerpt(const Excerpt& excerpt) {
@@ -41,9 +42,8 @@ void ReportLostTail(const Timeline& timeline) { ReportLostTail(timeline.File(), 
 
 void ReportLostTail(const std::string& file, std::uint64_t bytes) {
   if (bytes == 0) return;
-  std::cerr << fmt::format(
-                   "velta: {}: the recording was cut short; the last {} bytes are no whole record and were left out\n",
-                   file, bytes)
+  std::cerr << fmt::format("velta: {}: the recording was cut short; {} at its end, not a whole record, left out\n",
+                           file, Counted(bytes, "byte"))
             << std::flush;
 }
 

@@ -76,7 +76,7 @@ int Run(const FaultOptions& options) {
 
 void AddFault(CLI::App& app, Action& action) {
   const auto options = std::make_shared<FaultOptions>();
-  CLI::App& command = *app.add_subcommand("fault", "Let something go wrong in a velta sim that runs with --control");
+  CLI::App& command = *app.add_subcommand("fault", "Inject faults into a velta sim that runs with --control");
   command
       .add_option("ENDPOINT", options->endpoint,
                   "What velta sim --control was given: unix:PATH or tcp://127.0.0.1:PORT")
@@ -86,7 +86,7 @@ void AddFault(CLI::App& app, Action& action) {
       ->required()
       ->type_name("");
   AddDurationOption(command, "--for", options->duration, {std::chrono::milliseconds(0), std::chrono::hours(1)},
-                    "How long they last; without it, faults of single frames or commands, close and reset strike once "
+                    "How long they last; without it, faults of single frames or commands, close and reset occur once, "
                     "and others stay");
   AddJsonFlag(command, options->json, "Print the answers, one JSON object a line");
   command.footer("Example:\n  velta fault unix:/tmp/arm.control corrupt=0.1 --for 2s");

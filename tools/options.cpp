@@ -34,7 +34,8 @@ class HelpStyle : public CLI::Formatter {
   std::string make_option_desc(const CLI::Option* option) const override {
     std::vector<std::string> notes;
     if (option->get_required()) notes.emplace_back("required");
-    if (!option->get_required() && !option->get_default_str().empty() && option->get_option_text().empty()) {
+    if (!option->get_required() && !option->get_default_str().empty() && option->get_default_str() != "[]" &&
+        option->get_option_text().empty()) {
       notes.push_back("default " + option->get_default_str());
     }
     if (!option->get_envname().empty()) notes.push_back("or " + option->get_envname());

@@ -17,6 +17,7 @@
 #include "answer.h"
 #include "clock.h"
 #include "command.h"
+#include "counted.h"
 #include "frame_stream.h"
 #include "host_end.h"
 #include "ping_report.h"
@@ -54,7 +55,9 @@ class Pinger {
       while (report_.sent < options_.count && !StopRequested()) {
         PingOnce();
         if (progress_.IsDue()) {
-          progress_.Show(fmt::format("{} of {} commands, {} echoed", report_.sent, options_.count, report_.confirmed));
+          progress_.Show(fmt::format("{} of {}, {} echoed", report_.sent,
+                                     Counted(static_cast<std::uint64_t>(options_.count), "command"),
+                                     report_.confirmed));
         }
         if (report_.confirmed == 0 && report_.sent == kHopeless) break;
         next = std::max(next + options_.interval.count(), MonotonicNs());
@@ -157,9 +160,9 @@ void AddPing(CLI::App& app, Action& action) {
   AddDurationOption(command, "-i,--interval", options->interval, {0s, 60s},
                     "Time between an echo and the next command");
   auto* const timeout = AddDurationOption(command, "-t,--timeout", options->timeout, {100us, 60s},
-                                          "Wait for an echo before the command is sent again; with --check how long "
-                                          "it tries (2s)");
-  command.add_flag("--check", options->check, "Only wait until a command is echoed: for scripts");
+                                          "How long to wait for an echo before sending the command again; with --check "
+                                          "how long to try, then 2s unless given");
+  command.add_flag("--check", options->check, "Only wait until a command is echoed, for scripts");
   AddJsonFlag(command, options->json, "Print one JSON object");
   command.footer(
       "It sends idle commands; the arm does not move.\n"

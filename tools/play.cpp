@@ -41,7 +41,7 @@ class Schedule {
     Advance();
     if (!next_ && !StopRequested()) {
       throw Failure(options.excerpt.file + ": no good " + (direction == Event::kToController ? "command" : "status") +
-                    " frame to play for " + std::to_string(Joints()) + " joints");
+                    " frame to play for " + Counted(static_cast<std::uint64_t>(Joints()), "joint"));
     }
   }
 

@@ -213,7 +213,7 @@ void AddPlot(CLI::App& app, Action& action) {
   CLI::App* const command =
       app.add_subcommand("plot", "Draw a recording: positions, velocities and what happened (needs gnuplot)");
   AddExcerptOptions(*command, options->excerpt);
-  command->add_option("-o,--output", options->output, "The picture, a .png or .svg file; else FILE with .png")
+  command->add_option("-o,--output", options->output, "Picture to write, .png or .svg; without it FILE with .png")
       ->type_name("PICTURE");
   command->add_option("--fields", options->fields, "Fields of the joints, a panel each, separated by commas")
       ->type_name("NAMES");

@@ -18,6 +18,7 @@
 #include "answer.h"
 #include "command.h"
 #include "control.h"
+#include "counted.h"
 #include "faults.h"
 #include "progress.h"
 #include "server.h"
@@ -97,8 +98,9 @@ void ShowProgress(Progress& progress, const sim::Server& server) {
   const sim::Summary summary = server.GetSummary();
   std::uint64_t strikes = 0;
   for (const auto& fault : summary.faults) strikes += fault.second;
-  progress.Show(fmt::format("{} connections, {} commands, {} status frames, {} faults  (Ctrl-C ends)",
-                            summary.connections, summary.commands, summary.status_frames, strikes));
+  progress.Show(fmt::format("{}, {}, {}, {}  (Ctrl-C ends)", Counted(summary.connections, "connection"),
+                            Counted(summary.commands, "command"), Counted(summary.status_frames, "status frame"),
+                            Counted(strikes, "fault")));
 }
 
 int Serve(Options options) {
@@ -140,7 +142,7 @@ int Serve(Options options) {
 
 std::string Footer() {
   std::string text =
-      "Faults, counted in the closing summary; RATE is the share of frames or commands that are struck (all):\n";
+      "Faults, counted in the closing summary; RATE is the share of frames or commands that are hit (1):\n";
   for (std::size_t i = 0; i < sim::kFaultCount; ++i) {
     const sim::FaultInfo& info = sim::Info(static_cast<sim::Fault>(i));
     text += fmt::format("  {:<28}{}\n", sim::Usage(info), sim::Effect(info));
@@ -159,7 +161,7 @@ std::string Footer() {
 
 void AddSim(CLI::App& app, Action& action) {
   auto options = std::make_shared<Options>();
-  CLI::App& command = *app.add_subcommand("sim", "Be a controller: simulated joints behind TCP, UDP or a pty");
+  CLI::App& command = *app.add_subcommand("sim", "Simulate a controller behind TCP, UDP or a pty");
   AddJointsOption(command, options->server.joints);
   auto* const endpoints = command
                               .add_option("ENDPOINT", options->endpoints,
@@ -168,20 +170,21 @@ void AddSim(CLI::App& app, Action& action) {
                               ->type_name("...");
   AddDurationOption(command, "--cycle", options->cycle, {1ms, 60s}, "Time between status frames (1ms; on a pty 10ms)");
   command.add_flag("--on-command", options->server.on_command, "Send a status frame only in answer to a command");
-  command.add_option("--fault", options->faults, "Something that goes wrong, see below; may be repeated")
+  command.add_option("--fault", options->faults, "A fault to inject, see below; may be repeated")
       ->type_name("FAULT")
       ->allow_extra_args(false);
-  command.add_option("--script", options->script, "Faults with triggers and durations, see below")->type_name("FILE");
+  command.add_option("--script", options->script, "File of faults with triggers and durations, see below")
+      ->type_name("FILE");
   command
       .add_option(
           "--control", options->control,
-          "Take lines of a script while it runs, from velta fault and others: unix:PATH or tcp://127.0.0.1:PORT")
+          "Accept lines of a script while it runs, as velta fault sends them: unix:PATH or tcp://127.0.0.1:PORT")
       ->type_name("ENDPOINT");
   command.add_option("--seed", options->server.seed, "Seed of the faults' random numbers")->type_name("N");
   AddJsonFlag(command, options->json);
   auto* const check = command
                           .add_option("--check", options->check,
-                                      "Be a host instead: send commands over LINK until one is echoed, and report "
+                                      "Be a host instead: send idle commands over LINK until one is echoed, and report "
                                       "whether a controller answers")
                           ->type_name("LINK")
                           ->excludes(endpoints);

@@ -20,7 +20,7 @@ def test_csv_has_a_row_for_each_status(velta, tmp_path):
     assert first == f"1.000000001,{WALL + 1000000001},11,7,0.5,0,1,3,20,9,0,7,0,1,2,3,4,5,0.1,7,8,9,10,11,12,13,14,15,16"
     assert second.startswith(f"2.000000000,{WALL + 2000000000},13,")
     assert run.status == 0
-    assert run.stderr.endswith("run.vrec: the recording was cut short; the last 9 bytes are no whole record and were left out\n")
+    assert run.stderr.endswith("run.vrec: the recording was cut short; 9 bytes at its end, not a whole record, left out\n")
 
 
 def test_json_lines_have_the_librarys_documents(velta, tmp_path):

@@ -33,7 +33,7 @@ def test_says_where_to_look(velta, sim, fault, status, first, verdict):
 
 def test_waits_its_timeout_for_each_of_five_attempts(velta, sim):
     run = velta("ping", "-n", 3, sim("--fault", "no-echo"), "--count", 1, "--timeout", "300ms")
-    assert run.stdout.startswith("1 commands, 0 echoed, 100.0 % lost, 4 resends\n") and run.seconds >= 1.5
+    assert run.stdout.startswith("1 command, 0 echoed, 100.0 % lost, 4 resends\n") and run.seconds >= 1.5
     assert velta("ping", "-n", 3, sim(), "--count", 4, "--interval", "200ms").seconds >= 0.6
 
 

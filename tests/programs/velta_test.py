@@ -62,7 +62,7 @@ def a_recording(folder):
     ("plot TAPE -n 2", 1, "no good status frame to plot"),
     ("plot TAPE -o FOLDER/no/file.png", 1, "No such file"),
     ("play TAPE", 2, "LINK"),
-    ("play TAPE NOWHERE -n 1", 1, "no good command frame to play for 1 joints"),
+    ("play TAPE NOWHERE -n 1", 1, "no good command frame to play for 1 joint"),
     ("play TAPE --serve HERE -n 2", 1, "no good status frame to play for 2 joints"),
     ("doctor -n 3 tcp://127.0.0.1:port", 2, "bad link 'tcp://127.0.0.1:port'"),
     ("ping -n 3 NOWHERE", 1, "tcp://127.0.0.1:1: Connection refused"),

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <functional>
 
+#include "counted.h"
 #include "protocol.h"
 #include "status_words.h"
 #include "timing.h"
@@ -18,10 +19,13 @@ namespace {
 
 using Kind = Finding::Kind;
 using LinkKind = LinkAddress::Kind;
+using wire::Counted;
 
 constexpr int kMostJoints = 64;            // joint counts that are tried when the given one does not fit
 constexpr std::size_t kMostBytes = 32768;  // enough to judge, and quick for every joint count
 constexpr std::int64_t kMs = 1'000'000;
+
+std::string Joints(int count) { return Counted(static_cast<std::uint64_t>(count), "joint"); }
 
 int CountFrames(const std::vector<char>& bytes, int joints) {
   RecvPacket status(joints);
@@ -54,9 +58,9 @@ Finding Silence(const Observation& seen) {
 
 Finding NoFrame(const Observation& seen) {
   const std::string bytes =
-      fmt::format("{} bytes arrived, but no good frame of {} joints", seen.bytes.size(), seen.joints);
+      Counted(seen.bytes.size(), "byte") + " arrived, but no good frame of " + Joints(seen.joints);
   if (const std::optional<int> fit = FitJointCount(seen.bytes, kMostJoints)) {
-    return {Kind::kFailure, fmt::format("{}: the controller is set to {} joints; use -n {}", bytes, *fit, *fit)};
+    return {Kind::kFailure, fmt::format("{}: the controller is set to {}; use -n {}", bytes, Joints(*fit), *fit)};
   }
   return {Kind::kFailure,
           fmt::format("{}, nor of 0 to {} joints: {}", bytes, kMostJoints,
@@ -67,11 +71,12 @@ Finding NoFrame(const Observation& seen) {
 void JudgeStream(const Observation& seen, Findings& findings) {
   const auto frame = static_cast<std::size_t>(seen.statuses.front().packetSize);
   const std::size_t discarded = seen.bytes.size() - seen.statuses.size() * frame;
-  const std::string count = fmt::format("{} good statuses of {} joints{}", seen.statuses.size(), seen.joints,
-                                        seen.unasked == 0 ? ", only in answer to commands" : "");
+  const std::string count = fmt::format(
+      "{} of {}{}", seen.statuses.size() == 1 ? "1 good status" : fmt::format("{} good statuses", seen.statuses.size()),
+      Joints(seen.joints), seen.unasked == 0 ? ", only in answer to commands" : "");
   if (discarded >= frame) {
-    findings.push_back({Kind::kWarning, fmt::format("{}, but {} bytes belong to none: look for noise or lost bytes",
-                                                    count, discarded)});
+    findings.push_back({Kind::kWarning, fmt::format("{}, but {} outside them: look for noise or lost bytes", count,
+                                                    Counted(discarded, "byte"))});
   } else {
     findings.push_back({Kind::kGood, count});
   }
@@ -96,12 +101,12 @@ void JudgeEcho(const Observation& seen, Findings& findings) {
         {Kind::kFailure,
          fmt::format(
              "statuses arrive, but the echo never comes: the controller accepts no command from here; check that "
-             "it is in remote mode, is set to {} joints for commands too, and that the line to it is connected",
-             seen.joints)});
+             "it is in remote mode, is set to {} for commands too, and that the line to it is connected",
+             Joints(seen.joints))});
     return;
   }
   std::sort(delays.begin(), delays.end());
-  const std::string count = fmt::format("{} of {} commands", delays.size(), seen.commands.size());
+  const std::string count = fmt::format("{} of {}", delays.size(), Counted(seen.commands.size(), "command"));
   const std::int64_t usual = Percentile(delays, 0.5);
   const bool last_missing = !seen.commands.rbegin()->second.delay;
   if (last_missing && delays.front() > 35 * kMs) {
@@ -135,21 +140,22 @@ Finding JudgeClocks(const Observation& seen) {
 void JudgeJoints(const RecvPacket& status, Findings& findings) {
   const std::size_t before = findings.size();
   const auto look = [&](const std::function<bool(const rxJoint_t&)>& condition, const char* cause, const char* advice) {
-    std::string joints;
+    std::vector<std::size_t> joints;
     for (std::size_t i = 0; i < status.joints.size(); ++i) {
-      if (condition(status.joints[i])) joints += (joints.empty() ? "" : "/") + std::to_string(i);
+      if (condition(status.joints[i])) joints.push_back(i);
     }
     if (joints.empty()) return;
-    findings.push_back({Kind::kWarning, fmt::format("joints {0} {1}: {2} --select {0}", joints, cause, advice)});
+    findings.push_back(
+        {Kind::kWarning, fmt::format("{} on joint{} {}: {} --select {}", cause, joints.size() == 1 ? "" : "s",
+                                     fmt::join(joints, "/"), advice, fmt::join(joints, "/"))});
   };
-  look(HasFault, "report a fault", "find its cause, then velta send LINK reset");
-  look([](const rxJoint_t& j) { return j.systemMode == 0 && !HasFault(j); }, "have their servo off",
-       "velta send LINK servo-on");
-  look([](const rxJoint_t& j) { return j.trjStatus == 'm'; }, "refused a trajectory because their servo was off",
+  look(HasFault, "fault reported", "find its cause, then velta send LINK reset");
+  look([](const rxJoint_t& j) { return j.systemMode == 0 && !HasFault(j); }, "servo off", "velta send LINK servo-on");
+  look([](const rxJoint_t& j) { return j.trjStatus == 'm'; }, "trajectory refused with the servo off",
        "switch it on, then velta send LINK trajectory-control-start");
-  look([](const rxJoint_t& j) { return j.trjStatus == 'f'; }, "refused a trajectory because it had no points",
+  look([](const rxJoint_t& j) { return j.trjStatus == 'f'; }, "trajectory refused without points",
        "send points, then velta send LINK trajectory-control-start");
-  look([](const rxJoint_t& j) { return j.trjStatus == 'o'; }, "stopped because their servo went off while they moved",
+  look([](const rxJoint_t& j) { return j.trjStatus == 'o'; }, "servo switched off while moving",
        "velta send LINK servo-on");
   if (findings.size() == before) {
     findings.push_back({Kind::kGood, "no joint reports anything that keeps it from moving"});

@@ -8,10 +8,13 @@
 #include <nlohmann/json.hpp>
 
 #include "RecvPacket.h"
+#include "counted.h"
 
 namespace velta::analysis {
 
 namespace {
+
+using wire::Counted;
 
 constexpr std::int64_t kMs = 1'000'000;
 
@@ -62,17 +65,17 @@ std::vector<std::string> Verdict(const PingReport& report) {
   std::vector<std::string> verdict;
   if (!report.lost.empty()) verdict.emplace_back("look at the link: it was lost");
   if (report.confirmed == 0) {
-    verdict.push_back(WithoutEcho(report));
+    if (report.lost.empty() || report.received != 0) verdict.push_back(WithoutEcho(report));
     return verdict;
   }
   if (const std::uint64_t discarded = Discarded(report); discarded > 0) {
-    verdict.push_back(fmt::format(
-        "look at the link: {} bytes belong to no good frame (noise, cut frames, or another joint count)", discarded));
+    verdict.push_back(
+        fmt::format("look at the link: {} outside good frames (noise, cut frames, or another joint count)",
+                    Counted(discarded, "byte")));
   }
   if (report.resends > 0) {
-    verdict.push_back(
-        fmt::format("look at the link or the controller: {} commands had to be sent again, {:.1f} % were never echoed",
-                    report.resends, Loss(report)));
+    verdict.push_back(std::string("look at the link or the controller: some commands were ") +
+                      (report.confirmed < report.sent ? "never echoed" : "echoed only after a resend"));
   }
   JudgeTimes(report, verdict);
   if (verdict.empty()) {
@@ -85,8 +88,9 @@ std::vector<std::string> Verdict(const PingReport& report) {
 std::string ToText(const PingReport& report) {
   const Rhythm rhythm = report.statuses.Measure();
   const auto at = [&](double share) { return RoundedDuration(Percentile(report.round_trips, share)); };
-  std::string text = fmt::format("{} commands, {} echoed, {:.1f} % lost, {} resends\n", report.sent, report.confirmed,
-                                 Loss(report), report.resends);
+  std::string text =
+      fmt::format("{}, {} echoed, {:.1f} % lost, {}\n", Counted(static_cast<std::uint64_t>(report.sent), "command"),
+                  report.confirmed, Loss(report), Counted(static_cast<std::uint64_t>(report.resends), "resend"));
   if (!report.round_trips.empty()) {
     text += fmt::format("round trip  min {}  p50 {}  p99 {}  p99.9 {}  max {}\n", at(0), at(0.5), at(0.99), at(0.999),
                         at(1));
