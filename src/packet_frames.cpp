@@ -100,6 +100,8 @@ Received ReceiveFrames(PacketParser& parser, std::vector<char>& bytes, std::vect
   if (direct) {
     buffer.insert(buffer.end(), at, end);
     bytes.clear();
+  } else if (at == end) {
+    buffer.clear();  // which is cheaper
   } else {
     buffer.erase(buffer.begin(), buffer.end() - (end - at));
   }

@@ -19,8 +19,9 @@ void WriteCommandFrame(const SendPacket& packet, std::vector<char>& frame);
 
 /// @return bytes of a status frame of n joints; for an n that no frame can have, a size that no buffer has
 constexpr std::size_t StatusFrameSize(int jointNum) {
-  constexpr int kMaxJoints = (std::numeric_limits<int>::max() - StatusFrameSizes(0).packet) / int{sizeof(rxJoint_t)};
-  return jointNum >= 0 && jointNum <= kMaxJoints
+  constexpr unsigned kMaxJoints =
+      (std::numeric_limits<int>::max() - StatusFrameSizes(0).packet) / int{sizeof(rxJoint_t)};
+  return static_cast<unsigned>(jointNum) <= kMaxJoints
              ? sizeof(rxHeader_t) + sizeof(rxJoint_t) * static_cast<std::size_t>(jointNum) + kCrcSize
              : std::numeric_limits<std::size_t>::max();
 }

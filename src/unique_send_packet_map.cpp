@@ -47,6 +47,7 @@ std::vector<std::string> UniqueSendPacketMap::GetNotSentKeys() const {
 }
 
 const std::string* UniqueSendPacketMap::FirstNotSentKey() const {
+  if (parts_->waiting == 0) return nullptr;
   const std::string* from = parts_->search_from;
   while (parts_->waiting != 0) {
     for (auto entry = from != nullptr ? packet_map_.find(*from) : packet_map_.begin(); entry != packet_map_.end();
