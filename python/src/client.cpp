@@ -15,7 +15,7 @@ namespace {
 /// The client says which calls may overlap; in Python none does.
 struct Guard {
   unsigned process = ProcessNumber();
-  std::mutex mutex;
+  std::timed_mutex mutex;
 };
 struct GuardedClient : MasterControllerClient, Guard {
   using MasterControllerClient::MasterControllerClient;
@@ -31,23 +31,27 @@ struct FreeClient {
   }
 };
 
-/// Runs job without the GIL, one at a time per client; then logs what the library has logged.
+/// Runs job without the GIL, one at a time per client; then logs what the library has logged. Ctrl-C ends the wait for
+/// another thread's call.
 template <typename Job>
 auto Run(const MasterControllerClient& client, Job job) {
+  constexpr bool kIsVoid = std::is_void_v<decltype(job())>;
   auto& guard = const_cast<Guard&>(dynamic_cast<const Guard&>(client));
   CheckProcess(guard.process);
-  const auto locked = [&] {
-    const std::lock_guard<std::mutex> lock(guard.mutex);
-    return job();
+  std::conditional_t<kIsVoid, bool, std::optional<decltype(job())>> result{};
+  const auto try_job = [&](std::chrono::nanoseconds slice) {
+    const std::unique_lock<std::timed_mutex> lock(guard.mutex, slice);
+    if (!lock) return false;
+    if constexpr (kIsVoid) {
+      job();
+    } else {
+      result.emplace(job());
+    }
+    return true;
   };
-  if constexpr (std::is_void_v<decltype(job())>) {
-    WithoutGil(locked);
-    DeliverNotes();
-  } else {
-    auto result = WithoutGil(locked);
-    DeliverNotes();
-    return result;
-  }
+  WaitInSlices(std::nullopt, try_job, [] { return true; });
+  DeliverNotes();
+  if constexpr (!kIsVoid) return std::move(*result);
 }
 
 template <typename C, typename R, typename... Args>
@@ -78,6 +82,16 @@ auto RunWith(MasterControllerClient& client, SendPacket& packet, Job job) {
   return Run(client, [&] { return job(copy); });
 }
 
+/// One attempt after the other, so that Ctrl-C ends what may take 5 s each.
+bool ReConnect(MasterControllerClient& client, int try_num) {
+  const auto attempt = [&](int count) { return Run(client, [&] { return client.ReConnect(count); }); };
+  for (int left = try_num; left > 1; --left) {
+    if (attempt(1)) return true;
+    if (PyErr_CheckSignals() != 0) throw py::error_already_set();
+  }
+  return attempt(std::min(try_num, 1));
+}
+
 using Client = MasterControllerClient;
 using Mock = MasterControllerClientMock;
 
@@ -97,7 +111,7 @@ void AddReal(py::module_& m) {
       .def("init_as_serial_client", Call(&Client::InitAsSerialClient), py::arg("device"), py::arg("baud_rate"))
       .def("connect", Call(&Client::Connect))
       .def("disconnect", Call(&Client::Disconnect))
-      .def("re_connect", Call(&Client::ReConnect), py::arg("try_num"))
+      .def("re_connect", &ReConnect, py::arg("try_num"), "Closes the link and opens it anew; up to try_num attempts.")
       .def("is_init", Call(&Client::IsInit))
       .def("is_connected", Call(&Client::IsConnected))
       .def("get_version", Call(&Client::GetVersion))

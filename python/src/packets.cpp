@@ -220,7 +220,7 @@ void AddCoalescing(py::module_& m) {
             });
           },
           "Empties the buffer; returns (unique packets by key, ordinary packets).")
-      .def("reset", [](SendPacketBuffer& b) { b.reset(); })
+      .def("reset", [](SendPacketBuffer& b) { WithoutGil([&b] { b.reset(); }); })
       .def("empty", [](const SendPacketBuffer& b) { return WithoutGil([&b] { return b.empty(); }); });
 
   py::class_<SendPacketMerger>(m, "SendPacketMerger", "Folds the commands of several sources into few packets.")
@@ -257,7 +257,8 @@ void AddCoalescing(py::module_& m) {
             return WithoutGil([&] { return map.GetSendPacket(key); });
           },
           py::arg("key"), "the packet under key, marked as sent; one without joints for an unknown key")
-      .def("get_not_sent_keys", &UniqueSendPacketMap::GetNotSentKeys);
+      .def("get_not_sent_keys",
+           [](UniqueSendPacketMap& map) { return WithoutGil([&map] { return map.GetNotSentKeys(); }); });
 }
 
 }  // namespace
@@ -282,17 +283,24 @@ void AddPackets(py::module_& m) {
   m.def(
       "state_to_json",
       [](const RecvPacket& packet) {
-        MasterControllerClient client(packet.jointNum);
-        client.PushRecvBuffer(packet);
-        return client.GetCurStateJson().at(0);
+        return WithoutGil([copy = packet] {
+          MasterControllerClient client(copy.jointNum);
+          client.PushRecvBuffer(copy);
+          return client.GetCurStateJson().at(0);
+        });
       },
       py::arg("packet"), "one status packet as the library's JSON document; every number is a string");
   m.def(
       "command_from_json",
       [](const std::string& text, int joints) {
-        MasterControllerClient client(CheckJointCount(joints));
-        if (!client.PushSendQueueJson(text, false)) BadArgument("the text is not a command document");
-        return Command(client.PopSendQueue());
+        CheckJointCount(joints);
+        const auto packet = WithoutGil([&]() -> std::optional<Command> {
+          MasterControllerClient client(joints);
+          if (!client.PushSendQueueJson(text, false)) return std::nullopt;
+          return Command(client.PopSendQueue());
+        });
+        if (!packet) BadArgument("the text is not a command document");
+        return *packet;
       },
       py::arg("text"), py::arg("joints"),
       "the command of a JSON document; ValueError for any other text. Joints that the arm does not have are skipped.");

@@ -63,6 +63,11 @@ py::object ToPython(Outcome outcome) {
   return outcomes(static_cast<int>(outcome));
 }
 
+/// " within 0.5 s"
+std::string Within(std::chrono::duration<double> timeout) {
+  return " within " + py::repr(py::float_(timeout.count())).cast<std::string>() + " s";
+}
+
 /// One reader of a feed, with a position of its own.
 class Reader {
  public:
@@ -73,10 +78,7 @@ class Reader {
 
  protected:
   void CheckAlive() const { CheckProcess(process_); }
-  [[noreturn]] void TimedOut(const char* what) const {
-    Raise("TimeoutError", std::string(what) + " within " + py::str(py::float_(Seconds())).cast<std::string>() + " s");
-  }
-  double Seconds() const { return std::chrono::duration<double>(*timeout_).count(); }
+  [[noreturn]] void TimedOut(const char* what) const { Raise("TimeoutError", what + Within(*timeout_)); }
 
   std::shared_ptr<Feed> feed_;
   py::object session_;
@@ -150,8 +152,8 @@ struct PyTicket {
     }
     switch (outcome) {
       case velta::Outcome::kPending:
-        Raise("TimeoutError", std::string("the command was not ") + (confirm ? "confirmed" : "sent") + " within " +
-                                  py::str(timeout_seconds).cast<std::string>() + " s");
+        Raise("TimeoutError",
+              std::string("the command was not ") + (confirm ? "confirmed" : "sent") + Within(*timeout));
       case velta::Outcome::kGaveUp:
         Raise("TimeoutError", "the controller never confirmed the command, which was sent five times");
       case velta::Outcome::kDiscarded:
@@ -179,7 +181,15 @@ void CheckJoints(const SendPacket& command, int joints) {
   }
 }
 
-constexpr Confirm AsConfirm(bool confirm) { return confirm ? Confirm::kYes : Confirm::kNo; }
+/// Sends a copy of the command, which other threads may change meanwhile, without the GIL.
+/// @param send  from packet and Confirm to Ticket
+template <typename Send>
+PyTicket SendCopy(const SendPacket& command, int joints, bool confirm, Send send) {
+  CheckJoints(command, joints);
+  return WithoutGil([&send, confirm, copy = command] {
+    return PyTicket{send(copy, confirm ? Confirm::kYes : Confirm::kNo), confirm};
+  });
+}
 
 struct PySource {
   Source source;
@@ -188,8 +198,7 @@ struct PySource {
 
   PyTicket Send(const SendPacket& command, bool confirm) {
     CheckProcess(process);
-    CheckJoints(command, joints);
-    return {source.Send(command, AsConfirm(confirm)), confirm};  // as Session::Send
+    return SendCopy(command, joints, confirm, [this](const auto&... given) { return source.Send(given...); });
   }
 };
 
@@ -253,18 +262,14 @@ class PySession {
     return why.empty() ? "no status came" : why;
   }
 
-  // Takes no lock and never waits: the GIL stays, which spares the caller a wait for it among busy threads.
   PyTicket Send(const SendPacket& command, bool confirm) {
-    CheckJoints(command, joints_);
-    return {Get().Send(command, AsConfirm(confirm)), confirm};
+    Session& session = Get();
+    return SendCopy(command, joints_, confirm, [&session](const auto&... given) { return session.Send(given...); });
   }
 
   PyTicket SendNewest(const std::string& key, const SendPacket& command, bool confirm) {
-    CheckJoints(command, joints_);
     Session& session = Get();
-    return WithoutGil([&session, key, command, confirm] {
-      return PyTicket{session.SendNewest(key, command, AsConfirm(confirm)), confirm};
-    });
+    return SendCopy(command, joints_, confirm, [&](const auto&... given) { return session.SendNewest(key, given...); });
   }
 
   PySource AddSource(const std::string& name) {
@@ -272,9 +277,9 @@ class PySession {
     return WithoutGil([&] { return PySource{session.AddSource(name), joints_}; });
   }
 
-  // The only lock in it is among readers, all of which hold the GIL; the GIL stays, as in Send.
   std::optional<State> Latest() {
-    std::optional<RecvPacket> packet = Get().Latest();
+    Session& session = Get();
+    std::optional<RecvPacket> packet = WithoutGil([&session] { return session.Latest(); });
     if (!packet) return std::nullopt;
     const std::uint64_t received = ReceivedAt(packet->header);
     return State{std::make_shared<const StampedStatus>(received, std::move(*packet))};
@@ -346,7 +351,17 @@ SessionOptions ReadOptions(const std::string& link, int joints, const py::dict& 
     take(name, [&](const py::object& value) { to = Duration(value, name); });
   };
   const auto value = [&](const char* name, auto& to) {
-    take(name, [&](const py::object& v) { to = v.cast<std::decay_t<decltype(to)>>(); });
+    take(name, [&](const py::object& v) {
+      using Value = std::decay_t<decltype(to)>;
+      try {
+        to = v.cast<Value>();
+      } catch (const py::cast_error&) {
+        constexpr const char* kKind = std::is_same_v<Value, bool> ? "True or False" : "an integer, and not too large";
+        const std::string text = std::string(name) + " is " + kKind + ", not " + py::repr(v).cast<std::string>();
+        if (PyLong_Check(v.ptr()) == 0) throw py::type_error(text);
+        BadArgument(text);
+      }
+    });
   };
   duration("period", o.period);
   duration("dead_man", o.dead_man);
@@ -430,6 +445,7 @@ void AddTickets(py::module_& m) {
                        "One of several independent parts of a program that command the arm. Its commands "
                        "are sent in order; those of different sources for different joints share a frame.")
       .def_property_readonly("name", [](const PySource& s) { return s.source.Name(); })
+      .def("__repr__", [](const PySource& s) { return "<velta.Source '" + s.source.Name() + "'>"; })
       .def("send", &PySource::Send, py::arg("command"), py::arg("confirm") = false,
            "Queues a copy of the command and returns its Ticket.")
       .def(
@@ -464,6 +480,9 @@ void AddStates(py::module_& m) {
             return ViewRecords(StatusRecord(), self.cast<const State&>().status->packet.joints, self);
           },
           "read-only structured array (n,) with all joint fields")
+      .def("__copy__", [](const py::object& self) { return self; })  // nothing of it ever changes
+      .def(
+          "__deepcopy__", [](const py::object& self, const py::dict&) { return self; }, py::arg("memo"))
       .def(
           "__len__", [](const State& s) { return s.status->packet.joints.size(); }, "joints (n)")
       .def("__repr__", [](const py::object& self) {
@@ -580,7 +599,7 @@ void AddSession(py::module_& m) {
       "_wait_notes", [] { return WithoutGil([] { return Notes::Of().Wait(kLong); }); },
       "Waits for a note; False once the interpreter ends.");
   m.def("_deliver_notes", &DeliverNotes);
-  m.def("_end_notes", [] { Notes::Of().End(); });
+  m.def("_end_notes", [] { WithoutGil([] { Notes::Of().End(); }); });
 }
 
 }  // namespace velta::python

@@ -188,6 +188,8 @@ PYBIND11_MODULE(_velta, m) {
   using namespace velta::python;
   RefuseSubinterpreter();
   m.doc() = "The compiled part of velta; use velta itself.";
+  const pybind11::object name = m.attr("__name__");
+  m.attr("__name__") = "velta";  // where users find the classes, and what the signatures in help() show
   m.def("_check_interpreter", RefuseSubinterpreter, "Raises ImportError in a subinterpreter.");
   m.def(
       "_ending", [] { ending_thread = pthread_self(); }, "The calling thread is the one that ends the interpreter.");
@@ -199,4 +201,5 @@ PYBIND11_MODULE(_velta, m) {
   AddClient(m);
   AddSession(m);
   AddRecording(m);
+  m.attr("__name__") = name;
 }

@@ -32,12 +32,16 @@ class Session(_velta.SessionBase):
 
     def __init__(self, link: str, joints: int, **options: Any) -> None:
         super().__init__(link, joints, **options)
+        self._name = f"{link}, {joints} joints"
         self._callbacks: dict[str, Callable[[Any], object] | None] = {}
         self._threads: dict[str, threading.Thread] = {}
         with _sessions_lock:
             if _is_ending:
                 raise Error("the interpreter ends")
             _sessions.add(self)
+
+    def __repr__(self) -> str:
+        return f"<velta.Session: {self._name}>"
 
     def __enter__(self) -> Session:
         return self
@@ -75,6 +79,8 @@ class Session(_velta.SessionBase):
 
     def _call_back(self, kind: str, callback: Callable[[Any], object] | None,
                    items: Callable[[], Iterator[Any]]) -> None:
+        if callback is not None and not callable(callback):
+            raise TypeError(f"a callback is called with each {kind}; {callback!r} cannot be")
         self._callbacks[kind] = callback
         if callback is None or kind in self._threads:
             return

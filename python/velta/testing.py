@@ -33,13 +33,37 @@ def find_program() -> str:
     return program
 
 
+def _next(lines: queue.Queue[str], event: str) -> dict[str, Any]:
+    """The next document of that kind; an empty one if the program ends first."""
+    while True:
+        try:
+            document: dict[str, Any] = json.loads(lines.get(timeout=PATIENCE))
+        except (queue.Empty, ValueError):
+            return {}
+        if document.get("event") == event:
+            return document
+
+
 class Simulator(str):
     """The link of a simulated controller: a str that velta.connect() takes."""
 
     joints: int
     process: Optional[subprocess.Popen[str]] = None
+    control: Optional[str] = None
+    """where it takes faults while it runs, if options has --control"""
     _lines: queue.Queue[str]
     _summary: Optional[dict[str, Any]] = None
+
+    @property
+    def address(self) -> str:
+        """HOST:PORT, or the device's path."""
+        return self.partition("://")[2]
+
+    def kill(self) -> None:
+        """Ends the controller as a crash would."""
+        if self.process is not None:
+            self.process.kill()
+            self.process.wait()
 
     def stop(self) -> dict[str, Any]:
         """Ends the controller; returns its counts, such as "commands" and "executed" (none for an in-process one)."""
@@ -52,15 +76,8 @@ class Simulator(str):
         try:
             process.wait(PATIENCE)
         except subprocess.TimeoutExpired:
-            process.kill()
-            process.wait()
-        while True:
-            try:
-                document: dict[str, Any] = json.loads(self._lines.get(timeout=PATIENCE))
-            except (queue.Empty, ValueError):
-                return {}
-            if document.get("event") == "summary":
-                return document
+            self.kill()
+        return _next(self._lines, "summary")
 
 
 def start_simulator(joints: int = 3, link: str = "tcp://127.0.0.1:0", faults: Iterable[str] = (),
@@ -92,15 +109,13 @@ def start_simulator(joints: int = 3, link: str = "tcp://127.0.0.1:0", faults: It
         lines.put("")
 
     threading.Thread(target=read, daemon=True).start()
-    try:
-        listening = lines.get(timeout=PATIENCE)
-    except queue.Empty:
-        listening = ""
-    if not listening:
+    listening = _next(lines, "listening")
+    control = _next(lines, "control") if "--control" in options else {"endpoint": None}
+    if not listening or not control:
         process.kill()
         raise RuntimeError(f"{' '.join(command)}: {process.communicate()[1].strip()}")
-    started = Simulator(json.loads(listening)["link"])
-    started.joints, started.process, started._lines = joints, process, lines
+    started = Simulator(listening["link"])
+    started.joints, started.process, started.control, started._lines = joints, process, control["endpoint"], lines
     return started
 
 

@@ -58,7 +58,7 @@ def arm(sim, bridge, broker):
         link = sim()
         connection = Listener(broker, "connection")
         program = bridge(link, "--mqtt", broker.address(), *options)
-        program.arm, program.connection = link.program, connection
+        program.arm, program.connection = link, connection
         connection.receive(lambda message: message.get("arm") == "connected")
         return program
 

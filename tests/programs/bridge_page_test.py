@@ -116,7 +116,7 @@ def page(sim, bridge, browser):
     link = sim("-n", 6)
     program = bridge(link, "-n", 6, "--allow-commands", "--control-timeout", "5s")  # also on a busy machine
     shown = Page(browser, program.url).connected()
-    shown.program, shown.arm, shown.link = program, link.program, link
+    shown.program, shown.arm, shown.link = program, link, link
     return shown
 
 

@@ -8,16 +8,21 @@ import queue
 import signal
 import socket
 import subprocess
+import sys
 import tempfile
 import threading
 import time
 
 import pytest
 
+sys.path.append(str(pathlib.Path(__file__).parents[2] / "python/velta"))  # from the sources: needs no compiled module
+from testing import velta_sim  # noqa: F401
+
 PATIENCE = 30  # s: far more than any case takes, also under a sanitizer on a busy machine
 BUILD = pathlib.Path(os.environ.get("VELTA_BUILD", pathlib.Path(__file__).parents[2] / "build/release"))
 SANITIZED = "-fsanitize=" in (BUILD / "CMakeCache.txt").read_text()  # then freed memory is kept
 VELTA = BUILD / "tools/velta"
+os.environ["VELTA_PROGRAM"] = str(VELTA)
 
 
 def wait_until(condition, what="the condition"):
@@ -143,30 +148,13 @@ def tshark(tmp_path):
     return run
 
 
-class Controller(str):
-    """The link of a running `velta sim`; `program` is the process."""
-
-    def stop(self):
-        """Ends it; returns the counts of its summary by their names."""
-        words = (line.rsplit(None, 1) for line in self.program.stop().stdout.splitlines()[1:])
-        return {name.rstrip(":"): int(count) for name, count in words if count.isdigit()}
-
-    @property
-    def address(self):
-        """HOST:PORT, or the device's path."""
-        return self.split("://")[1]
-
-
 @pytest.fixture
-def sim(velta):
-    """sim(options..., endpoint=...) starts a simulated controller, of 3 joints unless told otherwise."""
+def sim(velta_sim):
+    """sim("-n", joints, options..., endpoint=...) starts a simulated controller, of 3 joints unless told otherwise."""
 
     def start(*options, endpoint="tcp://127.0.0.1:0"):
-        joints = [] if "-n" in options else ["-n", 3]
-        program = velta.start("sim", *joints, endpoint, *options)
-        link = Controller(program.line("listening on "))
-        link.program = program
-        return link
+        joints, options = (options[1], options[2:]) if options[:1] == ("-n",) else (3, options)
+        return velta_sim(joints, endpoint, options=options)
 
     return start
 

@@ -12,7 +12,7 @@ from frames import connect
 
 def controlled(sim, endpoint):
     link = sim("--control", endpoint, "--seed", 1)
-    return link, link.program.line("faults are taken on ")
+    return link, link.control
 
 
 def exchange(endpoint, *lines):
@@ -41,7 +41,7 @@ def test_answers_each_line(sim, tmp_path, tcp):
     assert answers[1]["error"] == "not a JSON object"
     assert all("\n" not in answer["error"] for answer in answers[1:])
     assert exchange(endpoint, "x" * 1000)[0]["ok"] is False  # it still answers, and others
-    link.program.stop()
+    link.stop()
     assert not path.exists()
 
 
@@ -51,14 +51,14 @@ def test_a_fault_lasts_as_long_as_it_is_told(velta, sim, tmp_path):
     assert (run.status, run.stdout) == (0, 'begins: {"fault":"no-echo","for_ms":3600000}\n'
                                            'begins: {"fault":"delay-command","rate":0.5,"value":30.0,"for_ms":3600000}\n')
     assert velta("ping", "-n", 3, link, "--count", 1, "--timeout", "200ms").status == 1
-    link.program.stop()
+    link.stop()
     link, endpoint = controlled(sim, endpoint)
     assert velta("fault", endpoint, "no-echo", "--for", "1ms").status == 0
     wait_until(lambda: velta("ping", "-n", 3, link, "--count", 1, "--timeout", "1s").status == 0, "the end of the fault")
     run = velta("fault", endpoint, "corrupt", "--json")  # once
     assert (run.status, run.stdout) == (0, '{"ok":true}\n')
     velta("ping", "-n", 3, link, "--count", 3)
-    assert link.stop()["fault corrupt"] == 1
+    assert link.stop()["faults"]["corrupt"] == 1
 
 
 def test_odd_faults_are_refused_before_anything_begins(velta, sim, tmp_path):
@@ -66,7 +66,7 @@ def test_odd_faults_are_refused_before_anything_begins(velta, sim, tmp_path):
     for odd in ("corrupt=2", "nonsense"):
         run = velta("fault", endpoint, "no-echo", odd)
         assert run.status == 2 and run.stderr.startswith(f"velta: bad fault '{odd}': ")
-    assert link.stop().get("fault no-echo") is None
+    assert link.stop()["faults"] == {}
 
 
 @pytest.mark.parametrize("endpoint, error", [
@@ -86,7 +86,7 @@ def test_takes_the_place_of_a_dead_program_only(velta, sim, tmp_path):
     link, _ = controlled(sim, endpoint)
     second = velta("sim", "-n", 3, "tcp://127.0.0.1:0", "--control", endpoint)
     assert (second.status, second.stderr) == (1, f"velta: {endpoint}: Address already in use\n")
-    link.program.kill()
+    link.kill()
     controlled(sim, endpoint)
     path.unlink()
     path.write_text("a file")

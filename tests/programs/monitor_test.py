@@ -43,7 +43,7 @@ def test_screen_shows_the_arm_and_obeys_keys_and_resizing(velta, sim, terminal):
     shown.resize(10, 2)
     shown.resize(120, 24)
     shown.wait_for("trajectory")
-    link.program.stop()
+    link.stop()
     screen = shown.wait_for("trying again")
     assert f"{link}: " in screen and "43.0000" in screen  # the last status stays in sight
     shown.press("C-c")

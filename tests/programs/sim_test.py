@@ -171,9 +171,9 @@ def test_late_cycles_are_not_made_up_for(sim):
     began = time.monotonic()
     host = Host(link)
     host.statuses(3)
-    link.program.process.send_signal(signal.SIGSTOP)
+    link.process.send_signal(signal.SIGSTOP)
     time.sleep(1)
-    link.program.process.send_signal(signal.SIGCONT)
+    link.process.send_signal(signal.SIGCONT)
     host.statuses(20)
     frames = link.stop()["status_frames"]
     assert frames <= (time.monotonic() - began - 1) / 0.01 + 20
@@ -205,7 +205,7 @@ def test_refusing_keeps_the_port(script):
             return False
 
     wait_until(served)
-    assert link.stop()["fault refuse"] == 1
+    assert link.stop()["faults"]["refuse"] == 1
 
 
 def test_stop_reading_keeps_commands_back_for_its_time(script):
@@ -234,9 +234,9 @@ def test_a_symbolic_link_is_removed_by_the_run_that_made_it(sim, tmp_path):
     first = sim("-n", 2, endpoint=f"pty:{path}")
     second = sim("-n", 2, endpoint=f"pty:{path}")
     device = os.readlink(path)
-    first.program.stop()
+    first.stop()
     assert os.readlink(path) == device
-    second.program.stop()
+    second.stop()
     assert not os.path.lexists(path)
 
 
