@@ -22,6 +22,8 @@ async def swing(part: velta.Source, joints: int, joint: int) -> None:
 async def report(arm: velta.Session) -> None:
     async for event in arm.events():
         print(f"{event.kind.name.lower()}: {event.text}")
+        if event.kind is velta.EventKind.DEAD_MAN:
+            break
 
 
 async def main() -> None:
@@ -32,7 +34,7 @@ async def main() -> None:
         await arm.send(velta.Command(joints).servo_on("all"), confirm=True)
         await asyncio.gather(swing(arm.source("base"), joints, 0), swing(arm.source("wrist"), joints, joints - 1))
         arm.stop_arm()  # what the dead-man would do
-    await reporter
+        await reporter
 
 
 try:

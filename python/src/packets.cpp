@@ -76,6 +76,34 @@ void AddEnums(py::module_& m) {
            {"GripperMaxEffort", static_cast<int>(ePacketArmOrder::GripperMaxEffort)}});
 }
 
+/// The setters that stand in no table.
+void AddBareSetters(py::class_<SendPacket>& packet) {
+  packet.def("is_valid_id", &SendPacket::IsValidID, py::arg("id"))
+      .def_static("is_valid_value_num", &SendPacket::IsValidValueNum, py::arg("n"))
+      .def(
+          "set_joint_order",
+          [](SendPacket& p, int id, int order) { p.SetJointOrder(id, static_cast<ePacketOrder>(order)); },
+          py::arg("id"), py::arg("order"), "Sets the code of a joint, or of each listed joint; its values stay.")
+      .def(
+          "set_joint_order",
+          [](SendPacket& p, const std::vector<int>& ids, int order) {
+            p.SetJointOrder(ids, static_cast<ePacketOrder>(order));
+          },
+          py::arg("id"), py::arg("order"))
+      .def("set_value", py::overload_cast<int, int, float>(&SendPacket::SetValue), py::arg("id"), py::arg("n"),
+           py::arg("v"), "Writes v into value n (1 to 4) of a joint, or of each listed joint.")
+      .def("set_value", py::overload_cast<const std::vector<int>&, int, float>(&SendPacket::SetValue), py::arg("id"),
+           py::arg("n"), py::arg("v"))
+      .def("parse_id_string", &SendPacket::ParseIDString, py::arg("ids"), "the indices that an ID string names")
+      .def("set_common_command",
+           py::overload_cast<const std::string&, int, float, float, float, float>(&SendPacket::SetCommonCommand),
+           py::arg("ids"), py::arg("order"), py::arg("value1"), py::arg("value2"), py::arg("value3"), py::arg("value4"),
+           "Writes code and all four values of every named joint.")
+      .def(
+          "get_char_vector", [](const SendPacket& p) { return ToBytes(p.GetCharVector()); },
+          "the frame, 18 n + 13 bytes");
+}
+
 void AddCommandPackets(py::module_& m) {
   py::class_<SendPacket> packet(m, "SendPacket",
                                 "One command frame: header and one record per joint, with the library's own setters, "
@@ -111,31 +139,8 @@ void AddCommandPackets(py::module_& m) {
       .def("set_unique_key", &SendPacket::SetUniqueKey, py::arg("key"))
       .def("get_time_stamp", &SendPacket::GetTimeStamp, "ns since the Unix epoch")
       .def("set_time_stamp", &SendPacket::SetTimeStamp, py::arg("time_stamp"))
-      .def("set_arm_order", py::overload_cast<int>(&SendPacket::SetArmOrder), py::arg("order"), "low 8 bits")
-      .def("is_valid_id", &SendPacket::IsValidID, py::arg("id"))
-      .def_static("is_valid_value_num", &SendPacket::IsValidValueNum, py::arg("n"))
-      .def(
-          "set_joint_order",
-          [](SendPacket& p, int id, int order) { p.SetJointOrder(id, static_cast<ePacketOrder>(order)); },
-          py::arg("id"), py::arg("order"), "Sets the code of a joint, or of each listed joint; its values stay.")
-      .def(
-          "set_joint_order",
-          [](SendPacket& p, const std::vector<int>& ids, int order) {
-            p.SetJointOrder(ids, static_cast<ePacketOrder>(order));
-          },
-          py::arg("id"), py::arg("order"))
-      .def("set_value", py::overload_cast<int, int, float>(&SendPacket::SetValue), py::arg("id"), py::arg("n"),
-           py::arg("v"), "Writes v into value n (1 to 4) of a joint, or of each listed joint.")
-      .def("set_value", py::overload_cast<const std::vector<int>&, int, float>(&SendPacket::SetValue), py::arg("id"),
-           py::arg("n"), py::arg("v"))
-      .def("parse_id_string", &SendPacket::ParseIDString, py::arg("ids"), "the indices that an ID string names")
-      .def("set_common_command",
-           py::overload_cast<const std::string&, int, float, float, float, float>(&SendPacket::SetCommonCommand),
-           py::arg("ids"), py::arg("order"), py::arg("value1"), py::arg("value2"), py::arg("value3"), py::arg("value4"),
-           "Writes code and all four values of every named joint.")
-      .def(
-          "get_char_vector", [](const SendPacket& p) { return ToBytes(p.GetCharVector()); },
-          "the frame, 18 n + 13 bytes");
+      .def("set_arm_order", py::overload_cast<int>(&SendPacket::SetArmOrder), py::arg("order"), "low 8 bits");
+  AddBareSetters(packet);
 
   py::class_<Command, SendPacket> command(
       m, "Command",

@@ -505,9 +505,38 @@ void AddStates(py::module_& m) {
       .def("_watch", &EventIterator::Watch);
 }
 
+using SessionClass = py::class_<PySession, std::unique_ptr<PySession, FreeWithoutGil>>;
+
+void AddDeadMan(SessionClass& base) {
+  base.def(
+          "keep_alive", [](PySession& s) { s.Get().KeepAlive(); },
+          "The host is well; the first call arms the dead-man.")
+      .def(
+          "disarm", [](PySession& s) { s.Get().Disarm(); }, "Disarms the dead-man until the next keep_alive().")
+      .def(
+          "rearm",
+          [](PySession& s) {
+            Session& session = s.Get();
+            WithoutGil([&] { session.Rearm(); });
+          },
+          "Takes commands again after the dead-man or stop_arm().")
+      .def(
+          "stop_arm",
+          [](PySession& s) {
+            Session& session = s.Get();
+            WithoutGil([&] { session.StopArm(); });
+          },
+          "Stops the arm now as the dead-man does: discards what waits, sends the stop, refuses commands until "
+          "rearm().")
+      .def_property_readonly(
+          "is_dead_man", [](PySession& s) { return s.Get().IsDeadMan(); }, "commands are refused until rearm()")
+      .def_property_readonly(
+          "is_connected", [](PySession& s) { return s.Get().IsConnected(); }, "the link is up and statuses arrive");
+}
+
 void AddSessions(py::module_& m) {
-  py::class_<PySession, std::unique_ptr<PySession, FreeWithoutGil>>(m, "SessionBase")
-      .def(py::init([](const std::string& link, int joints, const py::kwargs& options) {
+  SessionClass base(m, "SessionBase");
+  base.def(py::init([](const std::string& link, int joints, const py::kwargs& options) {
              return new PySession(ReadOptions(link, CheckJointCount(joints), options));
            }),
            py::arg("link"), py::arg("joints"))
@@ -541,31 +570,8 @@ void AddSessions(py::module_& m) {
           py::arg("timeout") = py::none(),
           "An iterator over every event from now on, for `for` and `async for`; stop() ends it.")
       .def("_own_states", [](PySession& s) { return s.MakeStates(py::none(), py::none()); })
-      .def("_own_events", [](PySession& s) { return s.MakeEvents(py::none(), py::none()); })
-      .def(
-          "keep_alive", [](PySession& s) { s.Get().KeepAlive(); },
-          "The host is well; the first call arms the dead-man.")
-      .def(
-          "disarm", [](PySession& s) { s.Get().Disarm(); }, "Disarms the dead-man until the next keep_alive().")
-      .def(
-          "rearm",
-          [](PySession& s) {
-            Session& session = s.Get();
-            WithoutGil([&] { session.Rearm(); });
-          },
-          "Takes commands again after the dead-man or stop_arm().")
-      .def(
-          "stop_arm",
-          [](PySession& s) {
-            Session& session = s.Get();
-            WithoutGil([&] { session.StopArm(); });
-          },
-          "Stops the arm now as the dead-man does: discards what waits, sends the stop, refuses commands until "
-          "rearm().")
-      .def_property_readonly(
-          "is_dead_man", [](PySession& s) { return s.Get().IsDeadMan(); }, "commands are refused until rearm()")
-      .def_property_readonly(
-          "is_connected", [](PySession& s) { return s.Get().IsConnected(); }, "the link is up and statuses arrive");
+      .def("_own_events", [](PySession& s) { return s.MakeEvents(py::none(), py::none()); });
+  AddDeadMan(base);
 }
 
 }  // namespace
