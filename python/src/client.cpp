@@ -208,7 +208,8 @@ void AddSimulated(py::module_& m) {
              return static_cast<Mock*>(new GuardedMock(CheckJointCount(joint_num), cycle_ms));
            }),
            py::arg("joint_num"), py::arg("cycle_ms") = 1)
-      .def("set_recv_buffer", Call(&Mock::SetRecvBuffer), py::arg("packet"), "Takes a packet in as if the controller had sent it.")
+      .def("set_recv_buffer", Call(&Mock::SetRecvBuffer), py::arg("packet"),
+           "Takes a packet in as if the controller had sent it.")
       .def("set_joint_type", Call(py::overload_cast<int, unsigned char>(&Mock::SetJointType)), py::arg("joint"),
            py::arg("type"))
       .def("set_joint_type", Call(py::overload_cast<int, const std::string&>(&Mock::SetJointType)), py::arg("joint"),

@@ -2,7 +2,6 @@
 #include <pybind11/stl.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <limits>
 #include <stdexcept>
 
@@ -326,7 +325,8 @@ class PySession {
   /// The newest status may be here before its stamp is.
   std::uint64_t ReceivedAt(const rxHeader_t& header) {
     const auto newest = feed_->statuses.Newest();
-    const bool is_it = newest != nullptr && std::memcmp(&newest->packet.header, &header, sizeof header) == 0;
+    const bool is_it = newest != nullptr && +newest->packet.header.timestamp == +header.timestamp &&
+                       +newest->packet.header.hostTimestamp == +header.hostTimestamp;
     return is_it ? newest->received : GetNowTimeStamp();
   }
 

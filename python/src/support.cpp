@@ -82,7 +82,7 @@ py::object AddEnum(py::module_& m, const char* base, const char* name, const cha
                    std::initializer_list<std::pair<const char*, int>> members) {
   py::list pairs;
   for (const auto& [key, value] : members) pairs.append(py::make_tuple(key, value));
-  const py::object cls =
+  py::object cls =
       py::module_::import("enum").attr(base)(name, pairs, py::arg("module") = "velta", py::arg("qualname") = name);
   cls.attr("__doc__") = doc;
   m.attr(name) = cls;

