@@ -24,7 +24,7 @@ def footprint():
 
 
 def use(link):
-    with velta.connect(link, joints=2, on_event=lambda event: None) as arm:
+    with velta.connect(link, joints=2, silence=PATIENCE, on_event=lambda event: None) as arm:
         arm.send(velta.Command(2).servo_on("all"), confirm=True).wait(PATIENCE)
         states = arm.states(PATIENCE)
         kept = [next(states).position for _ in range(2)], arm.drain(), arm.latest().joints

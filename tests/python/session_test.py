@@ -59,16 +59,21 @@ def wait_for(condition):
     return value
 
 
+def connect(link, joints, **options):
+    """A controller on a busy machine may be silent for long."""
+    return velta.connect(link, joints, timeout=PATIENCE, silence=PATIENCE, **options)
+
+
 @pytest.fixture
 def arm():
-    with velta.connect("sim:", joints=3) as session:
+    with connect("sim:", 3) as session:
         yield session
 
 
 @pytest.mark.parametrize("link", ["sim:", "tcp://127.0.0.1:0", "udp://127.0.0.1:0", "pty:"])
 def test_a_command_is_confirmed_over_every_link(velta_sim, link):
     simulator = velta_sim(joints=3, link=link)
-    with velta.connect(simulator, joints=3) as arm:
+    with connect(simulator, joints=3) as arm:
         ticket = arm.send(velta.Command(3).servo_on("all"), confirm=True)
         assert ticket.wait(PATIENCE) is True and ticket.outcome is velta.Outcome.CONFIRMED and ticket.reason == ""
         assert arm.send(velta.Command(3).ref_position([0, 2], [10, -10])).wait(PATIENCE)
@@ -80,7 +85,7 @@ def test_a_command_is_confirmed_over_every_link(velta_sim, link):
 
 def test_frames_both_ways_are_those_of_the_codec():
     controller = Controller()
-    with velta.connect(controller.link, joints=2) as arm:
+    with connect(controller.link, joints=2) as arm:
         before = time.time_ns()
         assert arm.send(velta.Command(2).trajectory_pvt(1, 1.5, 2.5, 3.5), confirm=True).wait(PATIENCE)
         state = arm.latest()
@@ -165,7 +170,7 @@ def test_what_is_sent_after_the_end_is_discarded(arm):
 
 
 def test_readers_have_positions_of_their_own_and_are_told_how_much_they_missed():
-    with velta.connect("sim:", joints=1, status_buffer=10) as arm:
+    with connect("sim:", joints=1, status_buffer=10) as arm:
         states, later = arm.states(), arm.states(timeout=datetime.timedelta(seconds=PATIENCE))
         wait_for(lambda: arm.statistics["frames_received"] > 100)
         times = [next(states).time for _ in range(3)]
@@ -176,7 +181,7 @@ def test_readers_have_positions_of_their_own_and_are_told_how_much_they_missed()
 
 def test_the_dead_man_stops_the_arm_and_events_say_so():
     events = []
-    with velta.connect("sim:", joints=3, dead_man=0.05, on_event=events.append) as arm:
+    with connect("sim:", joints=3, dead_man=0.05, on_event=events.append) as arm:
         arm.keep_alive()
         wait_for(lambda: arm.is_dead_man)
         with pytest.raises(velta.DiscardedError, match="dead-man"):
@@ -191,7 +196,7 @@ def test_the_dead_man_stops_the_arm_and_events_say_so():
 
 
 def test_a_callback_may_raise_call_and_stop(caplog):
-    arm = velta.connect("sim:", joints=3)
+    arm = connect("sim:", 3)
     seen = []
 
     def callback(state):
@@ -208,7 +213,7 @@ def test_a_callback_may_raise_call_and_stop(caplog):
 
 
 def test_a_session_that_nobody_holds_ends():
-    arm = velta.connect("sim:", joints=3, on_state=lambda state: None, on_event=print)
+    arm = connect("sim:", joints=3, on_state=lambda state: None, on_event=print)
     threads = list(arm._threads.values())
     gone = weakref.ref(arm)
     del arm
@@ -221,7 +226,7 @@ def test_coroutines_wait_without_a_thread_each(velta_sim):
     simulator = velta_sim(joints=3, faults=["delay-status=1:1"])
 
     async def program():
-        with velta.connect(simulator, joints=3, back_off=0.01) as arm:
+        with velta.connect(simulator, joints=3, silence=3, back_off=0.01) as arm:
             events = arm.events()
             tickets = [arm.source(str(i)).send(velta.Command(3).servo_on(i), confirm=True) for i in range(3)]
             assert await asyncio.wait_for(asyncio.gather(*tickets), PATIENCE) == [True] * 3
@@ -280,7 +285,7 @@ def test_a_forked_child_has_no_session(arm):
                          lambda: next(arm.states()), mock.receive_status):
                 with pytest.raises(velta.Error, match="fork"):
                     call()
-            with velta.connect("sim:", joints=3) as own:
+            with connect("sim:", 3) as own:
                 assert own.send(velta.Command(3), confirm=True).wait(PATIENCE)
             del mock
             status = 0
@@ -292,7 +297,7 @@ def test_a_forked_child_has_no_session(arm):
 
 def test_a_flight_record_is_read_as_arrays(tmp_path):
     controller = Controller()
-    with velta.connect(controller.link, joints=2, flight_recorder=10) as arm:
+    with connect(controller.link, joints=2, flight_recorder=10) as arm:
         for i in range(5):
             assert arm.send(velta.Command(2).ref_position(1, i), confirm=True).wait(PATIENCE)
         arm.write_flight_record(tmp_path / "flight.vrec")
