@@ -116,7 +116,7 @@ def page(sim, bridge, browser):
     link = sim("-n", 6)
     program = bridge(link, "-n", 6, "--allow-commands", "--control-timeout", "5s")  # also on a busy machine
     shown = Page(browser, program.url).connected()
-    shown.program, shown.arm, shown.link = program, link, link
+    shown.program, shown.arm = program, link
     return shown
 
 
@@ -216,7 +216,7 @@ def test_what_is_gone_shows_and_comes_back(page, bridge):
     page.arm.process.send_signal(signal.SIGCONT)
     page.connected().program.stop(signal.SIGKILL)
     wait_until(lambda: page.text("#health") == "bridge gone" and "bridge is gone" in page.text("#banner"))
-    bridge(page.link, "-n", 6, "--web", urllib.parse.urlsplit(page.program.url).netloc)
+    bridge(page.arm, "-n", 6, "--web", urllib.parse.urlsplit(page.program.url).netloc)
     wait_until(lambda: "View only" in page.connected().text("#holder"))
 
 
