@@ -51,7 +51,7 @@ import velta
 logging.basicConfig(level=logging.CRITICAL)
 seed, link = int(sys.argv[1]), sys.argv[2]
 random.seed(seed)
-arm = velta.connect(link, 2, dead_man=0.02, on_state=lambda state: state.position.sum(), on_event=lambda event: 1 / 0)
+arm = velta.connect(link, 2, timeout=60, dead_man=0.02, on_state=lambda state: state.position.sum(), on_event=lambda event: 1 / 0)
 arm.keep_alive()
 mock = velta.MasterControllerClientMock(2)
 def loop():

@@ -81,6 +81,9 @@ def test_a_command_is_confirmed_over_every_link(velta_sim, link):
         assert arm.is_connected and arm.statistics["frames_sent"] >= 2
     if link != "sim:":
         assert simulator.stop()["executed"] >= 2
+    else:
+        with pytest.raises(ValueError):
+            velta_sim(link=link, options=["--on-command"])
 
 
 def test_frames_both_ways_are_those_of_the_codec():
@@ -171,12 +174,13 @@ def test_what_is_sent_after_the_end_is_discarded(arm):
 
 def test_readers_have_positions_of_their_own_and_are_told_how_much_they_missed():
     with connect("sim:", joints=1, status_buffer=10) as arm:
-        states, later = arm.states(), arm.states(timeout=datetime.timedelta(seconds=PATIENCE))
+        states, later = arm.states(PATIENCE), arm.states(timeout=datetime.timedelta(seconds=PATIENCE))
         wait_for(lambda: arm.statistics["frames_received"] > 100)
         times = [next(states).time for _ in range(3)]
         assert times == sorted(set(times)) and next(later).time < times[-1] + 10_000_000
         drained = arm.drain()
         assert states.left_out > 10 and len(drained) <= 10 and drained.left_out > 50
+        assert not set(arm.drain().time) & set(drained.time)
 
 
 def test_the_dead_man_stops_the_arm_and_events_say_so():
@@ -192,6 +196,11 @@ def test_the_dead_man_stops_the_arm_and_events_say_so():
         wait_for(lambda: any(event.kind is velta.EventKind.REARMED for event in events))
         kinds = [event.kind for event in events]
         assert kinds.index(velta.EventKind.CONNECTED) < kinds.index(velta.EventKind.DEAD_MAN)
+        late = arm.events()
+        while len(events) < 1100:
+            arm.stop_arm()
+            arm.rearm()
+        assert next(late).kind is velta.EventKind.LEFT_OUT
         assert events[0].time > 1e18 and all(isinstance(event, velta.Event) and event.text for event in events)
 
 
@@ -207,9 +216,12 @@ def test_a_callback_may_raise_call_and_stop(caplog):
         arm.stop()
 
     with caplog.at_level(logging.ERROR, "velta"):
+        arm.on_state(print)
         arm.on_state(callback)
+        assert [thread.name for thread in threading.enumerate()].count("velta-state") == 1
         wait_for(lambda: len(seen) >= 2 and "of the test" in caplog.text)
-    wait_for(lambda: not any(thread.is_alive() for thread in arm._threads.values()))
+        wait_for(lambda: not any(thread.is_alive() for thread in arm._threads.values()))
+    assert "cannot join" not in caplog.text
 
 
 def test_a_session_that_nobody_holds_ends():
@@ -232,7 +244,7 @@ def test_coroutines_wait_without_a_thread_each(velta_sim):
             assert await asyncio.wait_for(asyncio.gather(*tickets), PATIENCE) == [True] * 3
             pending = arm.send(velta.Command(3), confirm=True)
             assert await asyncio.gather(pending, pending) == [True, True] and await pending
-            simulator.stop()
+            assert simulator.stop()["faults"]["delay-status"] > 0
             kinds = []
             async for event in events:
                 kinds.append(event.kind)
