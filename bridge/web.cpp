@@ -321,8 +321,8 @@ class Connection final : public std::enable_shared_from_this<Connection<Stream>>
 
   void OnRequest(error_code error) {
     if (error == http::error::end_of_stream || error == asio::error::connection_reset) return End();
-    if (error == beast::error::timeout) {
-      shared_->Refuse("slow request", peer_);
+    if (error == beast::error::timeout) {  // browsers keep connections for requests to come: nothing has begun there
+      if (parser_->got_some()) shared_->Refuse("slow request", peer_);
       return;
     }
     if (error) return Fail(http::status::bad_request, "malformed request");

@@ -436,7 +436,7 @@ new Worker('/worker.js').onmessage = () => {
   if (document.hidden || ticks % 2 !== 0) return;
   showHealth();
   if (!isArmThere()) return;
+  for (const plot of plots) plot.draw(history, seconds());  // first: they ask for their size, which new texts would delay
   showJoints();
-  for (const plot of plots) plot.draw(history, seconds());
 };
 connect();

@@ -58,6 +58,31 @@ class Plot {
     return [width, height];
   }
 
+  /** One joint's line; what keeps within half a pixel of a straight stretch is drawn as one, which costs far less. */
+  trace(history, first, across, ring, down) {
+    const {context} = this;
+    let fromX = NaN, fromY = NaN, lastX = NaN, lastY = NaN, least = -Infinity, most = Infinity;  // slopes of the stretch
+    context.beginPath();
+    for (let i = first; i < history.count; ++i) {
+      const x = across(history.times[i % history.size]), y = down(ring[i % history.size]);
+      if (isNaN(y)) continue;
+      if (isNaN(fromX)) context.moveTo(fromX = x, fromY = y);
+      const slope = (y - fromY) / Math.max(x - fromX, 1e-6);
+      if (slope < least || slope > most) {
+        context.lineTo(fromX = lastX, fromY = lastY);
+        least = -Infinity;
+        most = Infinity;
+      }
+      const way = Math.max(x - fromX, 1e-6);
+      least = Math.max(least, (y - 0.5 - fromY) / way);
+      most = Math.min(most, (y + 0.5 - fromY) / way);
+      lastX = x;
+      lastY = y;
+    }
+    context.lineTo(lastX, lastY);
+    context.stroke();
+  }
+
   draw(history, now) {
     const [width, height] = this.fit();
     if (width === 0) return;
@@ -75,7 +100,7 @@ class Plot {
     if (high - low < 1e-3) { low -= 0.5; high += 0.5; }
     const margin = 0.06 * (high - low), top = high + margin, scale = height / (high - low + 2 * margin);
     context.strokeStyle = '#8884';
-    context.lineWidth = 1;
+    context.lineWidth = 1;  // wider lines cost several times as much to draw
     context.beginPath();
     for (let s = 0; s <= PLOT_SECONDS; s += 2) {
       const x = Math.round(width * s / PLOT_SECONDS) + 0.5;
@@ -87,22 +112,10 @@ class Plot {
       context.lineTo(width, Math.round(top * scale) + 0.5);
     }
     context.stroke();
-    context.lineWidth = 1.5;
     const pixels = width / PLOT_SECONDS, begin = now - PLOT_SECONDS;
     for (let joint = 0; joint < rings.length; ++joint) {
-      const ring = rings[joint];
       context.strokeStyle = jointColour(joint, rings.length);
-      context.beginPath();
-      let last = NaN, level = 0;  // a level stretch is one line
-      for (let i = first; i < history.count; ++i) {
-        const value = ring[i % history.size];
-        if (value === last && ++level && i + 1 < history.count) continue;
-        if (level > 0) context.lineTo((history.times[(i - 1) % history.size] - begin) * pixels, (top - last) * scale);
-        context.lineTo((history.times[i % history.size] - begin) * pixels, (top - value) * scale);
-        last = value;
-        level = 0;
-      }
-      context.stroke();
+      this.trace(history, first, (time) => (time - begin) * pixels, rings[joint], (value) => (top - value) * scale);
     }
     const digits = high - low < 10 ? 2 : 1;
     const shown = `${low.toFixed(digits)} … ${high.toFixed(digits)}`;
