@@ -123,9 +123,9 @@ def page(sim, bridge, browser):
 def test_a_person_moves_the_arm_and_stops_it(page, browser):
     page.begin()
     page.hold(page.jog(2, "+"))
+    wait_until(lambda: browser.find_elements(By.CSS_SELECTOR, "tbody tr:nth-child(2) td.lit"))
     wait_until(lambda: page.position(2) > 3)
     assert page.cell(2, "mode") == "position"
-    wait_until(lambda: page.browser.find_elements(By.CSS_SELECTOR, "tbody tr:nth-child(2) td.lit"))
     low, high = map(float, page.text("figure .range").split(" … "))
     assert low <= 0 and high > 2, "the plot shows the motion"
     page.picture("bridge-page")
@@ -135,6 +135,7 @@ def test_a_person_moves_the_arm_and_stops_it(page, browser):
     page.hold(page.jog(2, "-"))
     wait_until(lambda: page.position(2) < rest - 1)
     ActionChains(browser).move_to_element(page.one("h1")).perform()  # the pointer leaves while it is pressed
+    assert page.jog(2, "-").get_attribute("class") == "", "no longer active"
     page.settled(2)
     page.release()
     page.jog(3, "+").send_keys(Keys.NULL)  # focused
@@ -199,8 +200,10 @@ def test_motion_ends_with_its_window(page, browser, end):
     page.settled(1)
 
 
-def test_a_hidden_page_gives_control_back(page, browser):
+def test_a_page_keeps_control_until_it_is_hidden(page, browser):
     page.begin()
+    sent = browser.execute_script("return lastSent")
+    wait_until(lambda: browser.execute_script("return lastSent") > sent, "a heartbeat")
     browser.execute_script("Object.defineProperty(document, 'hidden', {get: () => true});"
                            "document.dispatchEvent(new Event('visibilitychange'))")
     wait_until(lambda: page.one("#take").is_enabled())

@@ -131,6 +131,16 @@ def test_arm_stops_without_its_commander(sim, bridge, viewer, how):
     assert other.do(command(SERVO_ON))["outcome"] == "confirmed"
 
 
+def test_giving_control_back_stops_nothing(sim, bridge, viewer):
+    program = bridge(sim(), "--allow-commands", "--control-timeout", "2s")
+    commander = viewer(program.url)
+    commander.take()
+    commander.send({"control": "give"})
+    for _ in range(120):  # at 50 Hz, until the time would be over
+        commander.receive("state")
+    assert not statistics(program)["stopped"]
+
+
 def test_viewers_may_only_stop(sim, bridge, viewer, tmp_path):
     stop = tmp_path / "stop.json"
     stop.write_text("\n".join(json.dumps(command(MODE, joint, value=1)) for joint in (1, 2)))
