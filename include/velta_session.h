@@ -139,13 +139,29 @@ struct Event {
 VELTA_API const char* ToString(Event::Kind kind);  ///< "connected", "lost", "trying", "back", "dead-man", "rearmed",
                                                    ///< "gave up", "overrun", "notice", "left out"
 
+/// Something that passed on the link, or happened to it: see SessionOptions::on_traffic.
+struct Traffic {
+  enum class Kind : std::uint8_t {
+    kOpened,        ///< a connection is open: both streams begin at a frame's first byte
+    kToController,  ///< bytes that the system took in one write
+    kToHost,        ///< bytes that came in one read; over UDP one datagram
+    kClosed         ///< the connection that was opened has ended
+  };
+
+  Kind kind = Kind::kOpened;
+  std::chrono::steady_clock::time_point time{};       ///< right after the read or the write
+  std::chrono::system_clock::time_point wall_time{};  ///< the same moment
+  std::string_view bytes;                             ///< good or bad ones, as they passed; valid during the call
+};
+
 struct SessionOptions {
   std::string link;  ///< as LinkAddress reads it, but pty:
   int joints = 0;    ///< n, 1 to 828, the same as the controller's
 
   std::chrono::nanoseconds period = std::chrono::milliseconds(1);     ///< of the loop
   std::chrono::nanoseconds dead_man = std::chrono::nanoseconds(0);    ///< longest silence of the host; 0: off
-  std::chrono::nanoseconds silence = std::chrono::milliseconds(500);  ///< without a status the link is lost; 0: never
+  std::chrono::nanoseconds silence = std::chrono::milliseconds(500);  ///< without a status the link is lost; 0: never,
+                                                                      ///< but by a UDP port that nobody listens on
   std::chrono::nanoseconds ask = std::chrono::milliseconds(100);      ///< idle command to a silent controller; 0: never
 
   enum class OnLoss : std::uint8_t {
@@ -171,6 +187,18 @@ struct SessionOptions {
 
   std::size_t queue_size = 4096;     ///< commands that may wait, per source
   std::size_t status_buffer = 4096;  ///< packets that Drain() may return at once
+
+  /// false: the session is connected as soon as the link is open, and commands leave before any status has come. For a
+  /// controller whose statuses are not needed.
+  bool await_status = true;
+
+  /// The loop of Start() also works between two cycles, when something arrives and every 10 ms: statuses are taken in, a
+  /// confirmation ends at once, a connection is noticed, a command leaves if none has left in this cycle.
+  bool wake_on_arrival = false;
+
+  /// Is handed what passes on the link, for recorders and the like. Called by the loop itself, which waits for it, and by
+  /// Stop(): quick, and without a call of the session. What it throws is dropped. None: costs nothing.
+  std::function<void(const Traffic&)> on_traffic;
 };
 
 /// Lateness of the loop's wake-ups after their deadlines.
@@ -222,7 +250,7 @@ class VELTA_API Session {
   void Step();
   void Stop();  ///< ends everything within 50 ms; whatever waits is discarded. For good; nothing the second time.
 
-  /// Waits for the first status of a connection; in a loop of the host's own, runs its steps meanwhile.
+  /// Waits for the first status of a connection (without await_status for its opening); in a loop of the host's own, runs its steps meanwhile.
   /// @param timeout  the longest wait; 0 looks only
   /// @param[out] why  if not null, one line that says why there is none
   bool WaitConnected(std::chrono::nanoseconds timeout, std::string* why = nullptr);

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <deque>
 #include <map>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -89,7 +90,8 @@ class SessionTest : public testing::Test {
     ASSERT_TRUE(ParseLinkAddress(options.link, address, why));
     shared = std::make_unique<SessionShared>(options, address);
     shared->notifier.OnEvent([this](const Event& event) { events.emplace_back(ToString(event.kind)); });
-    auto owned = std::make_unique<MemoryLink>(shared->recorder.get());
+    auto owned =
+        std::make_unique<MemoryLink>(SessionLink::Witnesses{shared->recorder.get(), &shared->options.on_traffic});
     link = owned.get();
     loop = std::make_unique<SessionLoop>(*shared, std::move(owned));
   }
@@ -506,6 +508,38 @@ TEST_F(SessionTest, RefusesWhatItCannotTake) {
   EXPECT_EQ(Send(0).Became(), Discarded(velta::Reason::kStopped));
   loop->Close();
   EXPECT_EQ(last.Became(), Discarded(velta::Reason::kStopped));
+}
+
+TEST_F(SessionTest, CommandsNeedNoStatusWhereNoneIsAwaited) {
+  options.await_status = false;
+  Build();
+  Cycles(1);
+  EXPECT_EQ(events, (Texts{"trying", "connected"}));
+  const Held held = Send(0, kConfirm);
+  Cycles(1);
+  EXPECT_EQ(Sent(), Texts{"A2 00 00"});
+}
+
+TEST_F(SessionTest, ShowsWhatPassesAsItPasses) {
+  std::vector<std::size_t> opened, to_controller, to_host, closed;
+  options.on_traffic = [&](const Traffic& traffic) {
+    std::vector<std::size_t>* const sizes[] = {&opened, &to_controller, &to_host, &closed};
+    sizes[static_cast<int>(traffic.kind)]->push_back(traffic.bytes.size());
+    throw std::runtime_error("dropped");
+  };
+  Connect();
+  link->room = 40;  // of 67
+  const Held held = Send(0);
+  Cycles(2);
+  link->to_host.push_back({'?'});
+  Cycles(1);
+  link->is_broken = true;
+  Cycles(2);
+  using Sizes = std::vector<std::size_t>;
+  EXPECT_EQ(to_controller, (Sizes{40, 27}));
+  EXPECT_EQ(to_host, (Sizes{261, 1}));
+  EXPECT_EQ(opened, Sizes{0});
+  EXPECT_EQ(closed, Sizes{0});
 }
 
 TEST_F(SessionTest, KeepsTheNewestStatuses) {

@@ -20,14 +20,15 @@ namespace velta {
 
 namespace detail {
 
+constexpr Nanos kLongestPoll = 10'000'000;  // it does not see Stop(), nor commands
+
 struct SessionParts {
   SessionParts(const SessionOptions& options, const LinkAddress& address)
-      : shared(options, address),
-        loop(shared, MakeSessionLink(address, options.joints, options.connect_timeout.count(), shared.recorder.get())) {
-  }
+      : shared(options, address), loop(shared, MakeSessionLink(address, shared.options, shared.recorder.get())) {}
 
   void Run();
   void Cycle(Nanos now);
+  bool Listen(Nanos until);
   void HaveRealTime();
   void Finish();
 
@@ -45,6 +46,15 @@ void SessionParts::Cycle(Nanos now) {
     loop.Cycle(now);
   } catch (const std::exception& error) {  // memory ran out; the next cycle goes on
     shared.notifier.Post(Event::Kind::kNotice, error.what());
+  }
+}
+
+bool SessionParts::Listen(Nanos until) {
+  try {
+    return loop.Listen(until);
+  } catch (const std::exception& error) {
+    shared.notifier.Post(Event::Kind::kNotice, error.what());
+    return false;
   }
 }
 
@@ -92,8 +102,13 @@ void SessionParts::Run() {
       next_report = now + 100'000'000;
     }
     Nanos woken = now;
+    bool listens = shared.options.wake_on_arrival;
     while (!is_stopping && woken < due) {
-      wake.Wait(seen, due);
+      if (listens) {
+        listens = Listen(std::min(due, woken + kLongestPoll));
+      } else {
+        wake.Wait(seen, due);
+      }
       woken = SteadyNow();
     }
     shared.lateness.Add(woken - due);

@@ -32,6 +32,23 @@ std::string ErrorText(int error) { return std::generic_category().message(error)
 
 bool IsTransient(int error) { return error == EAGAIN || error == EWOULDBLOCK || error == EINTR; }
 
+constexpr const char* kEnded = "the other end closed the link";
+
+FlightRecorder::Event EventOf(Traffic::Kind kind) {
+  using Event = FlightRecorder::Event;
+  switch (kind) {
+    case Traffic::Kind::kOpened:
+      return Event::kOpened;
+    case Traffic::Kind::kToController:
+      return Event::kToController;
+    case Traffic::Kind::kToHost:
+      return Event::kToHost;
+    case Traffic::Kind::kClosed:
+      break;
+  }
+  return Event::kClosed;
+}
+
 }  // namespace
 
 // SessionLink
@@ -43,9 +60,7 @@ int SessionLink::Read(std::vector<char>& data) {
     const long count = ReadSome(buffer_.data() + size, room);
     if (count < 0 && size == 0) return -1;
     if (count <= 0) break;
-    if (recorder_ != nullptr) {
-      recorder_->Add(FlightRecorder::Event::kToHost, buffer_.data() + size, static_cast<std::size_t>(count));
-    }
+    Show(Traffic::Kind::kToHost, buffer_.data() + size, static_cast<std::size_t>(count));
     size += static_cast<std::size_t>(count);
     if (IsStream() && static_cast<std::size_t>(count) < room) break;
   }
@@ -58,7 +73,7 @@ int SessionLink::Write(const std::vector<char>& data) {
   if (!kept_.empty()) return 0;
   const long count = WriteSome(data.data(), data.size());
   if (count < 0) return -1;
-  if (recorder_ != nullptr) recorder_->Add(FlightRecorder::Event::kToController, data.data(), data.size());
+  if (count > 0) Show(Traffic::Kind::kToController, data.data(), static_cast<std::size_t>(count));
   kept_.assign(data.begin() + count, data.end());
   return static_cast<int>(data.size());
 }
@@ -67,6 +82,7 @@ bool SessionLink::Flush() {
   if (kept_.empty()) return true;
   const long count = WriteSome(kept_.data(), kept_.size());
   if (count < 0) return false;
+  if (count > 0) Show(Traffic::Kind::kToController, kept_.data(), static_cast<std::size_t>(count));
   kept_.erase(kept_.begin(), kept_.begin() + count);
   return true;
 }
@@ -74,12 +90,21 @@ bool SessionLink::Flush() {
 void SessionLink::Opened() {
   is_open_ = true;
   kept_.clear();
-  if (recorder_ != nullptr) recorder_->Add(FlightRecorder::Event::kOpened);
+  Show(Traffic::Kind::kOpened);
 }
 
 void SessionLink::Closed() {
   kept_.clear();
-  if (std::exchange(is_open_, false) && recorder_ != nullptr) recorder_->Add(FlightRecorder::Event::kClosed);
+  if (std::exchange(is_open_, false)) Show(Traffic::Kind::kClosed);
+}
+
+void SessionLink::Show(Traffic::Kind kind, const char* bytes, std::size_t size) {
+  if (witnesses_.recorder != nullptr) witnesses_.recorder->Add(EventOf(kind), bytes, size);
+  if (witnesses_.on_traffic == nullptr || !*witnesses_.on_traffic) return;
+  try {
+    (*witnesses_.on_traffic)({kind, std::chrono::steady_clock::now(), std::chrono::system_clock::now(), {bytes, size}});
+  } catch (...) {  // what a callback throws is the host's own matter
+  }
 }
 
 namespace {
@@ -111,7 +136,7 @@ class Lookup {
       address_ = address.sin_addr;
       freeaddrinfo(found);
     } else {
-      why_ = "no address for " + host + ": " + gai_strerror(error);
+      why_ = "cannot resolve '" + host + "': " + gai_strerror(error);
     }
     is_done_ = true;
   }
@@ -124,12 +149,13 @@ class Lookup {
 /// TCP or UDP over IPv4.
 class SocketLink : public SessionLink {
  public:
-  SocketLink(const LinkAddress& address, Nanos timeout, FlightRecorder* recorder)
-      : SessionLink(recorder),
+  SocketLink(const LinkAddress& address, const SessionOptions& options, Witnesses witnesses)
+      : SessionLink(witnesses),
         is_tcp_(address.kind == LinkAddress::Kind::kTcp),
         host_(address.host),
         port_(static_cast<std::uint16_t>(address.port)),
-        timeout_(timeout) {}
+        timeout_(options.connect_timeout.count()),
+        bears_refusal_(options.silence.count() != 0) {}
   SocketLink(const SocketLink&) = delete;
   SocketLink& operator=(const SocketLink&) = delete;
   ~SocketLink() override { Close(); }
@@ -164,7 +190,7 @@ class SocketLink : public SessionLink {
       }
     }
     if (SteadyNow() < deadline_) return Progress::kConnecting;
-    return Fail(why, fd_ >= 0 ? ErrorText(ETIMEDOUT) : "no address for " + host_ + " in time");
+    return Fail(why, fd_ >= 0 ? ErrorText(ETIMEDOUT) : "cannot resolve '" + host_ + "': no answer in time");
   }
 
   // What the system has not delivered yet would move the arm later: a reset connection drops it.
@@ -183,6 +209,7 @@ class SocketLink : public SessionLink {
     }
     return Close();
   }
+  int Descriptor() const override { return fd_; }
   bool MustBeAsked() const override { return !is_tcp_; }
 
  protected:
@@ -191,8 +218,8 @@ class SocketLink : public SessionLink {
   long ReadSome(char* buffer, std::size_t size) override {
     const ssize_t count = recv(fd_, buffer, size, MSG_DONTWAIT);
     if (count > 0) return count;
-    if (count == 0) return is_tcp_ ? Lose("the controller closed the connection") : 0;
-    if (IsTransient(errno) || !is_tcp_) return 0;  // a datagram that nobody took reads as silence
+    if (count == 0) return is_tcp_ ? Lose(kEnded) : 0;
+    if (IsTransient(errno) || (!is_tcp_ && bears_refusal_)) return 0;  // a datagram that nobody took reads as silence
     return Lose(ErrorText(errno));
   }
 
@@ -202,7 +229,7 @@ class SocketLink : public SessionLink {
     if (count < 0 && errno == ECONNREFUSED && !is_tcp_) count = send(fd_, bytes, size, MSG_DONTWAIT | MSG_NOSIGNAL);
     if (count >= 0) return count;
     if (IsTransient(errno) || errno == ENOBUFS) return 0;
-    if (errno == ECONNREFUSED && !is_tcp_) return static_cast<long>(size);
+    if (errno == ECONNREFUSED && !is_tcp_ && bears_refusal_) return static_cast<long>(size);
     return Lose(ErrorText(errno));
   }
 
@@ -248,6 +275,7 @@ class SocketLink : public SessionLink {
   const std::string host_;
   const std::uint16_t port_;
   const Nanos timeout_;
+  const bool bears_refusal_;  ///< silence will show that nobody is there
   std::shared_ptr<Lookup> lookup_;
   Nanos deadline_ = 0;
   int fd_ = -1;
@@ -257,8 +285,8 @@ class SocketLink : public SessionLink {
 /// A tty, set up as SerialClient does, but never waited for.
 class SerialLink : public SessionLink {
  public:
-  SerialLink(const LinkAddress& address, FlightRecorder* recorder)
-      : SessionLink(recorder), device_(address.device), baud_rate_(address.baud) {}
+  SerialLink(const LinkAddress& address, Witnesses witnesses)
+      : SessionLink(witnesses), device_(address.device), baud_rate_(address.baud) {}
   SerialLink(const SerialLink&) = delete;
   SerialLink& operator=(const SerialLink&) = delete;
   ~SerialLink() override { SerialLink::Abort(); }
@@ -282,12 +310,14 @@ class SerialLink : public SessionLink {
 
   Progress Look(std::string& why) override {
     if (error_ != 0) {
-      why = device_ + ": " + ErrorText(error_);
+      why = device_ + ": " + (error_ == ENOTTY ? "not a serial device" : ErrorText(error_));
       return Progress::kFailed;
     }
     Opened();
     return Progress::kOpen;
   }
+
+  int Descriptor() const override { return fd_; }
 
   void Abort() override {
     if (fd_ >= 0) tcflush(fd_, TCOFLUSH);
@@ -306,8 +336,12 @@ class SerialLink : public SessionLink {
  protected:
   long ReadSome(char* buffer, std::size_t size) override {
     const ssize_t count = read(fd_, buffer, size);
-    if (count >= 0) return count;
-    return IsTransient(errno) ? 0 : Lose();
+    if (count > 0) return count;
+    if (count < 0) return IsTransient(errno) ? 0 : Lose();
+    pollfd request{fd_, 0, 0};  // nothing came, or the device is gone
+    if (poll(&request, 1, 0) <= 0 || (request.revents & (POLLHUP | POLLERR)) == 0) return 0;
+    why_ = kEnded;
+    return -1;
   }
 
   long WriteSome(const char* bytes, std::size_t size) override {
@@ -332,8 +366,8 @@ class SerialLink : public SessionLink {
 /// The simulated controller, as if it were at the other end of a wire.
 class SimulatorLink : public SessionLink {
  public:
-  SimulatorLink(const LinkAddress& address, int joints, FlightRecorder* recorder)
-      : SessionLink(recorder),
+  SimulatorLink(const LinkAddress& address, int joints, Witnesses witnesses)
+      : SessionLink(witnesses),
         cycle_ms_(address.cycle_ms),
         command_(joints),
         controller_(std::make_unique<Controller>(joints, address.cycle_ms)) {}
@@ -410,15 +444,16 @@ class SimulatorLink : public SessionLink {
 
 }  // namespace
 
-std::unique_ptr<SessionLink> MakeSessionLink(const LinkAddress& address, int joints, Nanos timeout,
+std::unique_ptr<SessionLink> MakeSessionLink(const LinkAddress& address, const SessionOptions& options,
                                              FlightRecorder* recorder) {
+  const SessionLink::Witnesses witnesses{recorder, &options.on_traffic};
   switch (address.kind) {
     case LinkAddress::Kind::kSerial:
-      return std::make_unique<SerialLink>(address, recorder);
+      return std::make_unique<SerialLink>(address, witnesses);
     case LinkAddress::Kind::kSimulator:
-      return std::make_unique<SimulatorLink>(address, joints, recorder);
+      return std::make_unique<SimulatorLink>(address, options.joints, witnesses);
     default:
-      return std::make_unique<SocketLink>(address, timeout, recorder);
+      return std::make_unique<SocketLink>(address, options, witnesses);
   }
 }
 

@@ -3,6 +3,7 @@
 #define VELTA_SRC_SESSION_LINK_H_
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -11,6 +12,7 @@
 #include "session_recorder.h"
 #include "session_sync.h"
 #include "velta_link.h"
+#include "velta_session.h"
 
 namespace velta::detail {
 
@@ -22,8 +24,15 @@ class SessionLink : public AbstractClient {
  public:
   enum class Progress { kConnecting, kOpen, kFailed };
 
-  /// @param recorder  sees every byte; may be null
-  explicit SessionLink(FlightRecorder* recorder) : recorder_(recorder) {}
+  using OnTraffic = std::function<void(const Traffic&)>;
+
+  /// What sees every byte; each may be null.
+  struct Witnesses {
+    FlightRecorder* recorder = nullptr;
+    const OnTraffic* on_traffic = nullptr;
+  };
+
+  explicit SessionLink(Witnesses witnesses) : witnesses_(witnesses) {}
 
   /// Begins to connect. An earlier connection was ended with Disconnect() or Abort().
   virtual void Begin() = 0;
@@ -44,6 +53,9 @@ class SessionLink : public AbstractClient {
   /// Sends what is kept. @return false when the connection is lost
   bool Flush();
   bool IsFlushed() const { return kept_.empty(); }
+
+  /// What can be polled for bytes; -1 for nothing.
+  virtual int Descriptor() const { return -1; }
 
   /// Whether the controller must be addressed before it sends anything.
   virtual bool MustBeAsked() const { return false; }
@@ -68,16 +80,18 @@ class SessionLink : public AbstractClient {
   std::string why_;
 
  private:
-  FlightRecorder* const recorder_;
+  void Show(Traffic::Kind kind, const char* bytes = nullptr, std::size_t size = 0);
+
+  const Witnesses witnesses_;
   bool is_open_ = false;
   std::vector<char> kept_;
   std::vector<char> buffer_ = std::vector<char>(std::size_t{1} << 17);
 };
 
 /// The link of an address, which is not a pty's.
-/// @param joints   joints per frame (n), for the simulator
-/// @param timeout  for one attempt to connect
-std::unique_ptr<SessionLink> MakeSessionLink(const LinkAddress& address, int joints, Nanos timeout,
+/// @param options   outlive the link
+/// @param recorder  may be null
+std::unique_ptr<SessionLink> MakeSessionLink(const LinkAddress& address, const SessionOptions& options,
                                              FlightRecorder* recorder);
 
 }  // namespace velta::detail

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "session_loop.h"
 
+#include <poll.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <utility>
@@ -128,6 +130,7 @@ void SessionLoop::Cycle(Nanos now) {
   const Muted muted;
   if (state_ == State::kOver && shared_.admission->IsStopped()) return;
   shared_.cycles.Add(1);
+  has_sent_ = false;
   if (shared_.admission->stop_asked.exchange(false)) BeginStop("StopArm() was called");
   if (options_.dead_man.count() != 0 && shared_.admission->TripIfSilent(now, options_.dead_man.count())) {
     BeginStop("the host was silent");
@@ -137,6 +140,25 @@ void SessionLoop::Cycle(Nanos now) {
   if (state_ != State::kOpen) return;
   Receive(now);
   if (state_ == State::kOpen) Send(now);
+}
+
+bool SessionLoop::Listen(Nanos until) {
+  const Muted muted;
+  if (state_ != State::kConnecting && state_ != State::kOpen) return false;
+  pollfd request{state_ == State::kOpen ? link_.Descriptor() : -1, POLLIN, 0};
+  const Nanos rest = std::max<Nanos>(until - SteadyNow(), 0);
+  const timespec timeout{rest / 1'000'000'000, rest % 1'000'000'000};
+  const bool has_news = ppoll(&request, 1, &timeout, nullptr) > 0;
+  const Nanos now = SteadyNow();
+  if (state_ == State::kConnecting) RunLink(now);
+  const std::uint64_t bytes = parts_->bytes_received.Get();
+  if (has_news) Receive(now);
+  const bool may_send = wait_confirm_ ? last_send_timestamp_ == last_recv_host_timestamp_ : !has_sent_;
+  if (state_ == State::kOpen && may_send) {
+    TakeIn();
+    Send(now);
+  }
+  return !has_news || parts_->bytes_received.Get() != bytes;  // an error would be news again at once
 }
 
 void SessionLoop::RunLink(Nanos now) {
@@ -178,7 +200,19 @@ void SessionLoop::Open(Nanos now) {
   delete std::exchange(packet_parser_, new PacketParser(joint_num_));
   parts_->read_bytes.clear();
   ResetGate();
+  if (!options_.await_status) return Greet();
   shared_.situation.Set(false, false, "connected, but no status has come");
+}
+
+/// From here on commands are taken.
+void SessionLoop::Greet() {
+  is_connected_now_ = true;
+  shared_.admission->LinkUp();
+  pause_ = options_.back_off.count();
+  shared_.situation.Set(true, false, "");
+  if (was_ever_connected_) shared_.reconnections.Add(1);
+  shared_.notifier.Post(was_ever_connected_ ? Event::Kind::kBack : Event::Kind::kConnected, options_.link);
+  was_ever_connected_ = true;
 }
 
 /// Until the next attempt.
@@ -259,14 +293,7 @@ void SessionLoop::Receive(Nanos now) {
     }
     shared_.latest.Put(newest);
     last_heard_ = now;
-    if (is_connected_now_) return;
-    is_connected_now_ = true;
-    shared_.admission->LinkUp();
-    pause_ = options_.back_off.count();
-    shared_.situation.Set(true, false, "");
-    if (was_ever_connected_) shared_.reconnections.Add(1);
-    shared_.notifier.Post(was_ever_connected_ ? Event::Kind::kBack : Event::Kind::kConnected, options_.link);
-    was_ever_connected_ = true;
+    if (!is_connected_now_) Greet();
     return;
   }
   if (options_.silence.count() == 0 || now - last_heard_ < options_.silence.count()) return;
@@ -304,6 +331,7 @@ void SessionLoop::Send(Nanos now) {
   }
   if (is_open && link_.IsFlushed() && (ChooseStop() || Choose())) {
     SetStamp(cur_send_packet_);
+    has_sent_ = true;
     if (!SendChosen()) return Lose(now, link_.Why());
     next_ask_ = now + options_.ask.count();
     if (!wait_confirm_ && link_.IsFlushed()) Finish(velta::Outcome::kSent, velta::Reason::kNone);

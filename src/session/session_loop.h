@@ -84,7 +84,7 @@ struct SessionShared {
 ///   kPaused     its time has come                           kConnecting, an attempt begins
 ///   kConnecting the link is open                            kOpen; a stop that is due leaves first
 ///   kConnecting refused, timed out, no address              kPaused (kOver without reconnection), longer each time
-///   kOpen       the first status                            kOpen, connected: commands are taken
+///   kOpen       the first status, where one is awaited      kOpen, connected: commands are taken
 ///   kOpen       link lost, or silent for too long           kPaused (kOver without reconnection); all is discarded
 ///   any         Close()                                     kOver, everything is discarded
 ///
@@ -97,6 +97,11 @@ class SessionLoop : private MasterControllerClient {
   /// One cycle; never waits. Throws nothing but what allocation does.
   void Cycle(Nanos now);
 
+  /// Between two cycles: waits for bytes, at most until then, takes them in, and sends what became possible. One command
+  /// that nobody confirmed leaves per cycle.
+  /// @return false when there is nothing to wait for until the next cycle
+  bool Listen(Nanos until);
+
   /// Ends it all, as stopped.
   void Close();
 
@@ -108,6 +113,7 @@ class SessionLoop : private MasterControllerClient {
   void RunLink(Nanos now);
   void Begin(Nanos now);
   void Open(Nanos now);
+  void Greet();
   void Pause(Nanos now, const std::string& why);
   void Lose(Nanos now, const std::string& why);
   void Receive(Nanos now);
@@ -137,11 +143,12 @@ class SessionLoop : private MasterControllerClient {
   Nanos pause_;
   std::minstd_rand random_;
   bool was_ever_connected_ = false;
-  bool is_connected_now_ = false;  ///< a status has come on this connection
+  bool is_connected_now_ = false;  ///< a status has come on this connection, or none is awaited
   Nanos opened_ = 0, last_heard_ = 0, next_ask_ = 0;
   std::uint64_t bytes_at_open_ = 0;
 
   std::vector<std::shared_ptr<Stream>> sources_;
+  bool has_sent_ = false;          ///< a command, in this cycle
   std::size_t first_source_ = 0;   ///< that may fill the next merged frame first
   int turn_ = 0;                   ///< of the plain queue, the sources, the keys
   std::vector<Command*> carried_;  ///< by the frame that left last, while its outcome is open
