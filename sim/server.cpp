@@ -242,9 +242,12 @@ void Server::ReadStream(Host& host) {
 void Server::Receive(Host& host, const char* bytes, std::size_t count) {
   const std::uint64_t bad_crc = host.commands.BadCrc();
   const std::uint64_t garbage = host.commands.Garbage();
+  const std::uint64_t discarded = host.commands.Discarded();
   std::vector<SendPacket> commands = host.commands.Push(bytes, count);
   summary_.bad_crc += host.commands.BadCrc() - bad_crc;
   summary_.garbage += host.commands.Garbage() - garbage;
+  summary_.bytes_received += count;
+  summary_.bytes_discarded += host.commands.Discarded() - discarded;
   for (SendPacket& command : commands) {
     faults_.Advance(Unit::kCommand, ++summary_.commands);
     if (faults_.Strike(Fault::kDropCommand)) continue;
@@ -321,6 +324,7 @@ void Server::Send(Host& host, std::vector<char> bytes) {
 }
 
 void Server::Depart(Host& host, std::vector<char> bytes) {
+  ++summary_.frames_sent;
   const auto frames = static_cast<int>(faults_.Strike(Fault::kCoalesce).value_or(1));
   host.outbox.Add(std::move(bytes), frames, faults_.Strike(Fault::kByteWrites).has_value());
   Flush(host);

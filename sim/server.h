@@ -43,6 +43,9 @@ struct Summary {
   std::uint64_t garbage = 0;                                  ///< bytes dropped in front of command frames
   std::uint64_t status_frames = 0;                            ///< composed, whatever faults made of them
   std::uint64_t overruns = 0;                                 ///< of these, not sent because the host does not read
+  std::uint64_t bytes_received = 0;                           ///< from hosts
+  std::uint64_t bytes_discarded = 0;                          ///< of these, garbage and frames with a wrong CRC
+  std::uint64_t frames_sent = 0;                              ///< given to links, whatever faults made of them
   std::vector<std::pair<std::string, std::uint64_t>> faults;  ///< strikes of every fault that the rules name
 };
 

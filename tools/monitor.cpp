@@ -21,11 +21,10 @@
 #include <vector>
 
 #include "MasterControllerClient.h"
-#include "SendPacket.h"
 #include "command.h"
-#include "host_end.h"
-#include "link.h"
+#include "counted.h"
 #include "monitor_model.h"
+#include "own_link.h"
 #include "relay.h"
 #include "stop.h"
 #include "timing.h"
@@ -97,8 +96,9 @@ class Screen {
     return true;
   }
 
-  /// @param trouble  shown in place of the traffic; empty when the link works
-  void Draw(const MonitorModel& live, const std::string& trouble) {
+  /// @param trouble     shown in place of the traffic; empty when the link works
+  /// @param statistics  of the link, if it is the monitor's own
+  void Draw(const MonitorModel& live, const std::string& trouble, const std::optional<SessionStatistics>& statistics) {
     const MonitorModel& model = frozen_ ? *frozen_ : live;
     const std::int64_t now = frozen_ ? frozen_at_ : MonotonicNs();
     erase();
@@ -109,6 +109,8 @@ class Screen {
     } else {
       Put(1, 0, trouble, Colour(kFault));
     }
+    if (statistics && !frozen_) link_line_ = LinkLine(*statistics);
+    Put(2, 0, link_line_, 0);
     // With many joints or few lines the joints scroll, so that the chosen one is seen and a history remains.
     constexpr int kFirstRow = 4;
     const int joints = static_cast<int>(model.Joints());
@@ -191,94 +193,53 @@ class Screen {
   std::size_t joint_ = 0;
   std::optional<MonitorModel> frozen_;
   std::int64_t frozen_at_ = 0;
+  std::string link_line_;  ///< of the link; the newest while nothing is frozen
 };
 
 /// Where statuses come from: the controller's own link, or what passes between it and its host.
-class Source {
+class Source : public RelayObserver {
  public:
-  virtual ~Source() = default;
+  /// @param keep_trying  whether a link of our own that is lost is opened again, else it is a LinkError
+  Source(const MonitorOptions& options, MonitorModel& model, bool keep_trying) : model_(model) {
+    if (!options.via.empty()) {
+      relay_.emplace(ParseLink(options.via), options.link, *this);
+      return;
+    }
+    SessionOptions session;
+    session.joints = options.joints;
+    session.ask = options.poll;
+    session.reconnect = keep_trying;
+    session.back_off = session.back_off_limit = 1s;
+    own_.emplace(options.link, session, this);
+  }
+
+  /// Where the host is to connect to; with --via only.
+  const Link& Address() const { return relay_->Address(); }
 
   /// Waits until something came, at the latest until the deadline or until `wake` is readable, and gives it to the
   /// model.
-  virtual void Step(std::int64_t deadline_ns, int wake) = 0;
+  void Step(std::int64_t deadline_ns, int wake) {
+    if (own_) return own_->Step(deadline_ns, wake);
+    const std::int64_t left = std::max<std::int64_t>(deadline_ns - MonotonicNs(), 0);
+    relay_->Step(static_cast<int>((left + kMs - 1) / kMs), {StopFd(), wake});
+  }
 
   /// @return what is wrong now; empty when nothing is
-  virtual std::string Trouble() const = 0;
-};
-
-class OwnLink : public Source {
- public:
-  /// @param keep_trying  whether a lost link is opened again, else it is a LinkError
-  OwnLink(const MonitorOptions& options, MonitorModel& model, bool keep_trying)
-      : options_(options),
-        model_(model),
-        keep_trying_(keep_trying),
-        wire_(std::make_unique<HostEnd>(options.link, 5000)) {}
-
-  void Step(std::int64_t deadline_ns, int wake) override {
-    if (options_.poll.count() > 0) deadline_ns = std::min(deadline_ns, NextQuestion());
-    WaitUntil(deadline_ns, wire_ ? wire_->Descriptor() : -1, POLLIN, wake);
-    try {
-      if (!wire_) Reopen();
-      if (wire_) Receive();
-    } catch (const LinkError& error) {
-      if (!keep_trying_) throw;
-      wire_.reset();
-      trouble_ = std::string(error.what()) + "; trying again";
-      next_try_ = MonotonicNs() + kSecond;
-    }
-  }
-
-  std::string Trouble() const override { return trouble_; }
-
- private:
-  std::int64_t NextQuestion() const { return std::max(heard_at_, asked_at_) + options_.poll.count(); }
-
-  void Reopen() {
-    asked_at_ = MonotonicNs();
-    if (asked_at_ < next_try_) return;
-    wire_ = std::make_unique<HostEnd>(options_.link, 50);  // shortly: the keys wait meanwhile
-    model_.Restart();
-    trouble_.clear();
-  }
-
-  /// Takes in what has arrived; asks with an idle command when the controller is silent.
-  void Receive() {
-    std::vector<char> bytes;
-    wire_->Read(bytes);
-    const std::int64_t now = MonotonicNs();
-    if (!bytes.empty()) heard_at_ = now;
-    model_.Take(bytes, now);
-    if (options_.poll.count() == 0 || now < NextQuestion()) return;
-    asked_at_ = now;
-    wire_->Write(SendPacket(options_.joints).GetCharVector());
-  }
-
-  const MonitorOptions& options_;
-  MonitorModel& model_;
-  bool keep_trying_;
-  std::unique_ptr<HostEnd> wire_;  ///< none while the link is lost
-  std::string trouble_;
-  std::int64_t heard_at_ = MonotonicNs();
-  std::int64_t asked_at_ = 0;
-  std::int64_t next_try_ = 0;
-};
-
-class Listener : public Source, private RelayObserver {
- public:
-  Listener(const MonitorOptions& options, MonitorModel& model)
-      : model_(model), relay_(ParseLink(options.via), options.link, *this) {}
-
-  const Link& Address() const { return relay_.Address(); }
-
-  void Step(std::int64_t deadline_ns, int wake) override {
-    const std::int64_t left = std::max<std::int64_t>(deadline_ns - MonotonicNs(), 0);
-    relay_.Step(static_cast<int>((left + kMs - 1) / kMs), {StopFd(), wake});
-  }
-
-  std::string Trouble() const override {
+  std::string Trouble() {
+    if (own_) return own_->Trouble();
     if (!trouble_.empty()) return trouble_;
-    return relay_.Connected() ? "" : "waiting for the host on " + ToString(relay_.Address());
+    return relay_->Connected() ? "" : "waiting for the host on " + ToString(relay_->Address());
+  }
+
+  /// Ends a link of our own, so that its counts are final.
+  void Close() {
+    if (own_) own_->Close();
+  }
+
+  /// @return the session's; none with --via
+  std::optional<SessionStatistics> Statistics() {
+    if (!own_) return std::nullopt;
+    return own_->Arm().GetStatistics();
   }
 
  private:
@@ -294,7 +255,8 @@ class Listener : public Source, private RelayObserver {
 
   MonitorModel& model_;
   std::string trouble_;
-  Relay relay_;
+  std::optional<OwnLink> own_;
+  std::optional<Relay> relay_;
 };
 
 class Monitor {
@@ -306,12 +268,9 @@ class Monitor {
 
   int Run() {
     const bool on_screen = !options_.json && isatty(STDOUT_FILENO) == 1 && isatty(STDIN_FILENO) == 1;
-    if (options_.via.empty()) {
-      source_ = std::make_unique<OwnLink>(options_, model_, on_screen);
-    } else {
-      auto listener = std::make_unique<Listener>(options_, model_);
-      if (!on_screen) std::cerr << "listening on " << ToString(listener->Address()) << std::endl;
-      source_ = std::move(listener);
+    source_.emplace(options_, model_, on_screen);
+    if (!options_.via.empty() && !on_screen) {
+      std::cerr << "listening on " << ToString(source_->Address()) << std::endl;
     }
     const std::int64_t start = MonotonicNs();
     end_ = options_.duration.count() > 0 ? start + options_.duration.count() : std::numeric_limits<std::int64_t>::max();
@@ -325,10 +284,9 @@ class Monitor {
     } catch (const LinkError& error) {
       if (!StopRequested()) lost = error.what();
     }
-    (options_.json ? std::cerr : Out()) << fmt::format("watched for {:.1f} s: {}\n",
-                                                       static_cast<double>(MonotonicNs() - start) / 1e9,
-                                                       model_.Traffic(MonotonicNs()))
-                                        << std::flush;
+    const std::int64_t watched = MonotonicNs() - start;
+    source_->Close();
+    PrintSummary(watched);
     if (!lost.empty()) throw Failure(lost);
     return model_.HasStatus() || StopRequested() || left_ ? 0 : 1;
   }
@@ -336,6 +294,16 @@ class Monitor {
  private:
   bool Done() const {
     return StopRequested() || MonotonicNs() >= end_ || (options_.count > 0 && model_.Statuses() >= options_.count);
+  }
+
+  void PrintSummary(std::int64_t watched_ns) {
+    std::ostream& out = options_.json ? std::cerr : Out();
+    out << fmt::format("watched for {:.1f} s: {}\n", static_cast<double>(watched_ns) / 1e9,
+                       model_.Traffic(MonotonicNs()));
+    if (const auto statistics = source_->Statistics()) {
+      out << (options_.json ? ToJson(*statistics) : LinkLine(*statistics)) << '\n';
+    }
+    out << std::flush;
   }
 
   void RunLines() {
@@ -361,11 +329,12 @@ class Monitor {
   }
 
   void RunScreen() {
-    Screen screen("velta monitor  " + ToString(options_.link) + "  " + std::to_string(options_.joints) + " joints");
+    Screen screen("velta monitor  " + ToString(options_.link) + "  " +
+                  Counted(static_cast<std::uint64_t>(options_.joints), "joint"));
     std::int64_t next_draw = 0;
     while (!Done() && !left_) {
       if (MonotonicNs() >= next_draw) {
-        screen.Draw(model_, source_->Trouble());
+        screen.Draw(model_, source_->Trouble(), source_->Statistics());
         next_draw = MonotonicNs() + 100 * kMs;
       }
       source_->Step(std::min(next_draw, end_), STDIN_FILENO);
@@ -378,7 +347,7 @@ class Monitor {
   const MonitorOptions& options_;
   MonitorModel model_;
   MasterControllerClient documents_;  ///< never opened: it turns statuses into documents
-  std::unique_ptr<Source> source_;
+  std::optional<Source> source_;
   std::int64_t end_ = 0;
   std::int64_t printed_ = 0;
   bool left_ = false;  ///< by the key, or with the terminal

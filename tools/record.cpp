@@ -3,7 +3,6 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <cerrno>
 #include <cstdint>
 #include <iostream>
 #include <limits>
@@ -12,11 +11,11 @@
 #include <string>
 #include <vector>
 
-#include "SendPacket.h"
 #include "command.h"
+#include "counted.h"
 #include "frame_stream.h"
-#include "host_end.h"
 #include "output_file.h"
+#include "own_link.h"
 #include "recording_file.h"
 #include "relay.h"
 #include "stop.h"
@@ -38,8 +37,6 @@ struct Options {
   bool replace = false;
 };
 
-std::string Count(std::uint64_t n, const char* what) { return fmt::format("{} {}{}", n, what, n == 1 ? "" : "s"); }
-
 /// Takes what passes into the file, and counts it for the summary.
 class Recorder : public RelayObserver {
  public:
@@ -49,6 +46,7 @@ class Recorder : public RelayObserver {
   void MakeFile() {
     file_.emplace(options_.file, recording::RecordingHeader{options_.joints, ToString(options_.link)},
                   options_.replace);
+    start_ns_ = MonotonicNs();
   }
 
   void Opened(Stamp at) override {
@@ -103,8 +101,8 @@ class Recorder : public RelayObserver {
 
   std::string Counts() const {
     return fmt::format("{:.1f} s: {}, {}, {}, {}", static_cast<double>(MonotonicNs() - start_ns_) / 1e9,
-                       Count(statuses_.Frames(), "status frame"), Count(commands_.Frames(), "command"),
-                       Count(connections_, "connection"), Count(file_->Size(), "byte"));
+                       Counted(statuses_.Frames(), "status frame"), Counted(commands_.Frames(), "command"),
+                       Counted(connections_, "connection"), Counted(file_->Size(), "byte"));
   }
 
   const Options& options_;
@@ -138,44 +136,26 @@ int RecordBetween(const Options& options) {
   return recorder.Finish();
 }
 
-/// Listens on the controller's own link, and asks for a status where it is silent.
-void Follow(const Options& options, HostEnd& host, Recorder& recorder) {
-  const std::int64_t end = EndOf(options);
-  const bool asks = options.poll.count() > 0;
-  std::int64_t ask_at = asks ? MonotonicNs() + options.poll.count() : end;
-  std::vector<char> bytes;
-  while (!StopRequested() && !recorder.HasFailed() && MonotonicNs() < end) {
-    host.WaitReadable(std::min({ask_at, end, MonotonicNs() + 250'000'000}));
-    bytes.clear();
-    host.Read(bytes);
-    for (std::size_t from = 0; from < bytes.size(); from += kMaxChunk) {
-      recorder.Passed(Direction::kToHost, bytes.data() + from, std::min(kMaxChunk, bytes.size() - from), StampNow());
-    }
-    if (asks && !bytes.empty()) ask_at = MonotonicNs() + options.poll.count();
-    if (asks && MonotonicNs() >= ask_at) {
-      const std::vector<char> question = SendPacket(options.joints).GetCharVector();
-      host.Write(question);
-      recorder.Passed(Direction::kToController, question.data(), question.size(), StampNow());
-      ask_at = MonotonicNs() + options.poll.count();
-    }
-    recorder.ShowProgress();
-  }
-}
-
+/// As the controller's host itself.
 int RecordOwnLink(const Options& options) {
-  HostEnd host(options.link, 5000);
   Recorder recorder(options);
+  SessionOptions session;
+  session.joints = options.joints;
+  session.reconnect = false;
+  session.ask = options.poll;
+  OwnLink link(options.link, session, &recorder);
   recorder.MakeFile();
-  recorder.Opened(StampNow());
+  const std::int64_t end = EndOf(options);
   try {
-    Follow(options, host, recorder);
-  } catch (const LinkError& error) {
-    recorder.Closed(StampNow());
-    const int status = recorder.Finish();
-    if (error.error == EINTR) return status;
+    while (!StopRequested() && !recorder.HasFailed() && MonotonicNs() < end) {
+      link.Step(std::min(end, MonotonicNs() + 250'000'000));
+      recorder.ShowProgress();
+    }
+    link.Close();
+  } catch (const LinkError&) {
+    recorder.Finish();
     throw;
   }
-  recorder.Closed(StampNow());
   return recorder.Finish();
 }
 

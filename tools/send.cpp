@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
@@ -13,14 +14,14 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
-#include <system_error>
 #include <vector>
 
 #include "MasterControllerClient.h"
 #include "SendPacket.h"
 #include "command.h"
 #include "command_words.h"
-#include "link.h"
+#include "counted.h"
+#include "own_link.h"
 #include "stop.h"
 #include "timing.h"
 
@@ -78,7 +79,8 @@ void Print(const SendOptions& options, const SendPacket& packet, std::optional<s
   }
   Out() << fmt::format("sent {} bytes to {}", packet.GetPacketSize(), ToString(options.link));
   if (confirmed_after_ns) {
-    Out() << fmt::format(", confirmed after {} and {} resends", RoundedDuration(*confirmed_after_ns), resends);
+    Out() << fmt::format(", confirmed after {} and {}", RoundedDuration(*confirmed_after_ns),
+                         Counted(resends, "resend"));
   }
   Out() << std::endl;
 }
@@ -93,51 +95,61 @@ std::vector<unsigned char> Bytes(const SendPacket& packet) {
   return {frame.begin(), frame.end()};
 }
 
-/// Closing at once could overtake the frame: received bytes that nobody reads would reset the connection, and a serial
-/// device gets its old rate back. A slow line needs ten bits per byte.
-void Linger(MasterControllerClient& client, const Link& link, int bytes) {
+/// Waits for the last outcome of a command.
+/// @param longest  0: as long as it takes
+void Await(const Ticket& ticket, std::chrono::nanoseconds longest, const char* interrupted) {
+  const std::int64_t start = MonotonicNs();
+  while (ticket.Wait(20ms) == Outcome::kPending) {
+    if (StopRequested()) throw Failure(interrupted);
+    if (longest.count() != 0 && MonotonicNs() - start > longest.count()) return;
+  }
+}
+
+/// Closing at once could overtake the frame: a serial device gets its old rate back. A slow line needs ten bits per byte.
+void Linger(const Link& link, int bytes) {
   auto linger = 50ms;
   if (link.kind == Link::Kind::kSerial) linger += std::chrono::milliseconds(10'000LL * bytes / link.baud);
-  for (const auto end = MonotonicNs() + std::chrono::nanoseconds(linger).count();
-       MonotonicNs() < end && !StopRequested();) {
-    client.ReceiveStatus();
-    WaitUntil(MonotonicNs() + 2'000'000);
-  }
+  WaitUntil(MonotonicNs() + std::chrono::nanoseconds(linger).count());
 }
 
-/// Runs the client's steps until the echo has come. The client waits 101 of them before each of four resends and before
-/// it gives up, so the time-out is cut into as many.
-void AwaitEcho(MasterControllerClient& client, const SendOptions& options, std::int64_t start) {
-  constexpr int kSteps = 5 * 101;
-  const std::int64_t step = options.timeout.count() / kSteps;
-  for (std::int64_t next = start + step; client.IsConfirmationPending(); next += step) {
-    WaitUntil(next);
-    if (StopRequested()) throw Failure("interrupted before the echo came");
-    client.ReceiveStatus();
-    client.SendPacketInBuffer();
-    if (!client.IsConnected()) throw Failure("lost " + ToString(options.link) + " before the echo came");
-  }
-  if (client.GetStatistics().commands_confirmed > 0) return;
-  throw Failure(fmt::format("no echo from {} within {} and four resends; velta doctor finds out why",
-                            ToString(options.link), RoundedDuration(MonotonicNs() - start)));
-}
+/// The client waits 101 cycles before each of four resends and before it gives up, so the time-out is cut into as many.
+std::chrono::nanoseconds PeriodFor(std::chrono::nanoseconds timeout) { return timeout / (5 * 101); }
 
-void Deliver(const SendOptions& options, SendPacket& packet) {
-  MasterControllerClient client(options.joints);
-  if (!OpenLink(client, options.link)) {
-    throw Failure(fmt::format("cannot open {}: {}; velta doctor finds out more", ToString(options.link),
-                              std::generic_category().message(errno)));
+void Deliver(const SendOptions& options, const SendPacket& packet) {
+  const std::string link = ToString(options.link);
+  std::atomic<std::int64_t> left_at{0};
+  SessionOptions session;
+  session.joints = options.joints;
+  session.reconnect = false;
+  session.ask = 0ns;
+  if (options.confirm) session.period = PeriodFor(options.timeout);
+  session.on_traffic = [&left_at](const Traffic& traffic) {
+    if (traffic.kind == Traffic::Kind::kToController && left_at == 0) left_at = MonotonicNs();
+  };
+  std::optional<OwnLink> own;
+  try {
+    own.emplace(options.link, session);
+  } catch (const LinkError& error) {
+    throw Failure(fmt::format("cannot open {}; velta doctor finds out more", error.what()));
   }
-  client.PushSendQueue(packet, options.confirm);
   const std::int64_t start = MonotonicNs();
-  client.SendPacketInBuffer();
-  if (!client.IsConnected()) throw Failure("lost " + ToString(options.link) + " while sending");
-  if (options.confirm) {
-    AwaitEcho(client, options, start);
-    Print(options, packet, MonotonicNs() - start, client.GetStatistics().frames_sent_again);
-  } else {
-    Linger(client, options.link, packet.GetPacketSize());
+  const Ticket ticket = own->Arm().Send(packet, options.confirm ? Confirm::kYes : Confirm::kNo);
+  if (!options.confirm) {
+    Await(ticket, 1s, "interrupted while sending");
+    if (ticket.Outcome() != Outcome::kSent) throw Failure("lost " + link + " while sending");
+    Linger(options.link, packet.GetPacketSize());
     Print(options, packet, std::nullopt, 0);
+    return;
+  }
+  Await(ticket, 0s, "interrupted before the echo came");
+  const std::int64_t waited = MonotonicNs() - (left_at != 0 ? left_at.load() : start);
+  if (ticket.Outcome() == Outcome::kConfirmed) {
+    Print(options, packet, waited, own->Arm().GetStatistics().client.frames_sent_again);
+  } else if (ticket.Outcome() == Outcome::kGaveUp) {
+    throw Failure(fmt::format("no echo from {} within {} and four resends; velta doctor finds out why", link,
+                              RoundedDuration(waited)));
+  } else {
+    throw Failure("lost " + link + " before the echo came");
   }
 }
 
@@ -149,10 +161,10 @@ int Send(const SendOptions& options) {
   if (!options.document.empty() && !options.selection.empty()) {
     throw UsageError("--document names its joints itself; leave --select out");
   }
-  SendPacket packet = options.document.empty()
-                          ? MakeCommand(options.joints, options.words.front(),
-                                        {options.words.begin() + 1, options.words.end()}, options.selection)
-                          : ReadDocument(options);
+  const SendPacket packet = options.document.empty()
+                                ? MakeCommand(options.joints, options.words.front(),
+                                              {options.words.begin() + 1, options.words.end()}, options.selection)
+                                : ReadDocument(options);
   if (IsIdle(packet)) std::cerr << "velta: warning: this document commands nothing\n";
   if (options.dry_run) {
     Out() << fmt::format("{:02x}\n", fmt::join(Bytes(packet), ""));
@@ -174,7 +186,8 @@ void AddSend(CLI::App& app, Action& action) {
   const auto options = std::make_shared<SendOptions>();
   auto* const link = AddLinkArgument(command, options->link, Arguments::kOthersToo);
   command.add_option("COMMAND", options->words, "The command's word and its arguments; --list shows all")
-      ->type_name("");
+      ->type_name("")
+      ->default_str("");
   auto* const joints = AddJointsOption(command, options->joints);
   AddSelectOption(command, options->selection, "Joints to command");
   command

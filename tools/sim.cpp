@@ -84,6 +84,11 @@ void PrintSummary(const sim::Summary& summary, bool json) {
     for (const auto& [name, count] : counts) document[name] = count;
     document["faults"] = Json::object();
     for (const auto& [name, count] : summary.faults) document["faults"][name] = count;
+    document["statistics"] = {{"bytes_discarded", summary.bytes_discarded},
+                              {"bytes_received", summary.bytes_received},
+                              {"frames_bad_crc", summary.bad_crc},
+                              {"frames_received", summary.commands},
+                              {"frames_sent", summary.frames_sent}};
     Out() << document << std::endl;
     return;
   }

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <utility>
 
+#include "counted.h"
 #include "status_words.h"
 
 namespace velta::analysis {
@@ -75,12 +76,12 @@ void MonitorModel::Compare(const RecvPacket& status, std::int64_t now_ns) {
 }
 
 std::string MonitorModel::Traffic(std::int64_t now_ns) const {
-  if (!HasStatus()) return fmt::format("no status yet  discarded {} bytes", Discarded());
+  if (!HasStatus()) return fmt::format("no status yet  discarded {}", wire::Counted(Discarded(), "byte"));
   const Rhythm rhythm = arrivals_.Measure();
   const std::int64_t age = now_ns - arrivals_.Last();
-  return fmt::format("{:.0f} Hz  age {}  jitter {}  gaps {}  statuses {}  discarded {} bytes  bad CRC {}",
+  return fmt::format("{:.0f} Hz  age {}  jitter {}  gaps {}  statuses {}  discarded {}  bad CRC {}",
                      age > kSecond ? 0 : rhythm.rate_hz, RoundedDuration(age), RoundedDuration(rhythm.jitter_ns),
-                     arrivals_.Gaps(), arrivals_.Count(), Discarded(), stream_.BadCrc());
+                     arrivals_.Gaps(), arrivals_.Count(), wire::Counted(Discarded(), "byte"), stream_.BadCrc());
 }
 
 std::vector<MonitorModel::Cell> MonitorModel::Row(std::size_t joint, std::int64_t now_ns) const {
@@ -130,6 +131,14 @@ std::string MonitorModel::Line(std::int64_t now_ns) const {
     if (state.ewStatus != 0) line += " " + StatusWord(state.ewStatus);
   }
   return line;
+}
+
+std::string LinkLine(const SessionStatistics& statistics) {
+  const Statistics& client = statistics.client;
+  return fmt::format("received {}  sent {}  reconnections {}  woke up late p99 {}, missed {}",
+                     wire::Counted(client.bytes_received, "byte"), wire::Counted(client.frames_sent, "frame"),
+                     client.reconnections, RoundedDuration(statistics.lateness.p99_us * 1e3),
+                     wire::Counted(statistics.overruns, "cycle"));
 }
 
 }  // namespace velta::analysis
