@@ -68,6 +68,16 @@ TEST(MonitorModel, CountsBytesThatBelongToNoStatus) {
   EXPECT_EQ(traffic(3 * kMs), "statuses 3  discarded 108 bytes");
 }
 
+TEST(MonitorModel, ShowsWhatTheSessionCounts) {
+  velta::SessionStatistics statistics;
+  statistics.client.bytes_received = statistics.client.frames_sent = 1;
+  statistics.client.reconnections = 3;
+  statistics.overruns = 2;
+  statistics.lateness.p99_us = 1500;
+  EXPECT_EQ(velta::analysis::LinkLine(statistics),
+            "received 1 byte  sent 1 frame  reconnections 3  woke up late p99 1.50 ms, missed 2 cycles");
+}
+
 TEST(MonitorModel, DrawsTheHistoryOfAJoint) {
   MonitorModel model(1);
   for (int i = 0; i < 4; ++i) {

@@ -46,6 +46,8 @@ def test_screen_shows_the_arm_and_obeys_keys_and_resizing(velta, sim, terminal):
     link.stop()
     screen = shown.wait_for("trying again")
     assert f"{link}: " in screen and "43.0000" in screen  # the last status stays in sight
+    sim(endpoint=link)
+    shown.wait_for(lambda screen: "reconnections 1 " in screen and " Hz  age " in screen)
     shown.press("C-c")
     screen = shown.wait_for("EXIT 0")
     assert "watched for " in screen and "q quit" not in screen
@@ -60,11 +62,19 @@ def test_lines_come_from_a_controller_that_only_answers(velta, sim, endpoint):
     assert monitor.stop().status == 0
 
 
-@pytest.mark.parametrize("silent, options", [(True, ["--poll", "0", "--for", "300ms"]), (False, ["--poll", "500ms", "--count", 700])])
-def test_asks_only_a_silent_controller_and_never_without_a_poll(velta, sim, silent, options):
+@pytest.mark.parametrize("silent, asked, options", [
+    (True, False, ["--poll", "0", "--for", "300ms"]),
+    (True, True, ["--poll", "10ms", "--count", 5]),
+    (False, False, ["--poll", "500ms", "--count", 700]),
+])
+def test_asks_only_a_silent_controller_and_never_without_a_poll(velta, sim, silent, asked, options):
     link = sim(*["--on-command"] * silent)
-    assert velta("monitor", "-n", 3, link, *options).status == silent
-    assert link.stop()["commands"] == 0
+    run = velta("monitor", "-n", 3, link, "--json", *options)
+    assert run.status == (silent and not asked)
+    statistics = json.loads(run.stderr.splitlines()[-1])
+    assert 5 * asked <= link.stop()["commands"] <= statistics["frames_sent"] <= 100 * asked
+    assert f"statuses {statistics['frames_received']} " in run.stderr or silent and not asked
+    assert statistics["bytes_received"] == 261 * statistics["frames_received"]
 
 
 def test_ends_when_the_link_is_lost(velta, sim):
@@ -72,6 +82,10 @@ def test_ends_when_the_link_is_lost(velta, sim):
     run = velta("monitor", "-n", 3, link)
     assert (run.status, run.stderr) == (1, f"velta: {link}: the other end closed the link\n")
     assert "statuses 50 " in run.stdout
+    run = velta("monitor", "-n", 3, sim("--fault", "close=50", endpoint="pty:"))
+    assert run.status == 1 and run.stderr.endswith(": the other end closed the link\n")
+    nobody = "udp://127.0.0.1:1"
+    assert velta("monitor", "-n", 3, nobody).stderr == f"velta: {nobody}: Connection refused\n"
 
 
 def test_via_shows_what_passes_between_host_and_controller(velta, sim):

@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: MIT
 import json
+import re
 import struct
 
 import pytest
@@ -40,15 +41,12 @@ def test_every_word_becomes_the_frame_of_the_table(velta):
     ("servo-on --select 3", "--select 3: '3' is not a joint of this arm (0 to 2)"),
     ("servo-on 1 --select all", "servo-on takes 0 arguments, not 1; velta send --list shows them"),
     ("ref-position 30deg --select all", "ref-position: position '30deg' is not a finite 32-bit real number"),
-    ("control-mode 1.5 --select all", "control-mode: mode '1.5' is not an integer of up to 24 bits"),
     ("control-mode 16777217 --select all", "control-mode: mode '16777217' is not an integer of up to 24 bits"),
     ("trajectory-pvt 1 2 3 yes --select all", "trajectory-pvt: flag 'yes' is not 0 or 1"),
     ("payload 1 2 3 4 --select 0", "payload commands the whole arm and takes no --select"),
     ("servo-no --select all", "unknown command 'servo-no' (did you mean 'servo-on'?); velta send --list shows all"),
     ("", "send takes either a command or --document; velta send --list shows the commands"),
     ("--document {} --select all", "--document names its joints itself; leave --select out"),
-    ("servo-on --select all --timeout 2", "'2' is not a duration: give a number and its unit, as in 200ms, 0.5s or 2min"
-     "; see velta send --help"),
     ("servo-on --select all --timeout 1ms", "--timeout takes 10ms to 60min, not 1ms; see velta send --help"),
 ])
 def test_refuses_what_it_cannot_mean(velta, words, complaint):
@@ -83,21 +81,42 @@ def test_frame_arrives_whole_although_statuses_wait(velta, sim):
         assert (counts["commands"], counts["bad_crc"], counts["garbage_bytes"]) == (1, 0, 0)
 
 
-@pytest.mark.parametrize("endpoint, options, resends", [
-    ("tcp://127.0.0.1:0", ["--on-command"], 0),
-    ("udp://127.0.0.1:0", ["--on-command"], 0),
-    ("pty:", [], None),
-    ("tcp://127.0.0.1:0", ["--script", "drop-first"], 1),
+@pytest.mark.parametrize("endpoint, fault, resends", [
+    ("tcp://127.0.0.1:0", {}, "0 resends"),
+    ("udp://127.0.0.1:0", {}, "0 resends"),
+    ("pty:", {}, r"\d resends?"),
+    ("tcp://127.0.0.1:0", {"fault": "drop-command", "at_command": 1}, "1 resend"),
 ])
-def test_confirms_on_every_kind_of_link(velta, sim, tmp_path, endpoint, options, resends):
-    script = tmp_path / "drop-first"
-    script.write_text('{"fault": "drop-command", "at_command": 1}')
-    link = sim(*[script if option == "drop-first" else option for option in options], endpoint=endpoint)
-    run = velta("send", link, "-n", 3, "servo-on", "--select", "all", "--confirm", "--timeout", "5s", "--json")
+def test_confirms_on_every_kind_of_link(velta, sim, tmp_path, endpoint, fault, resends):
+    script = tmp_path / "script"
+    script.write_text(json.dumps(fault) if fault else "")
+    link = sim("--on-command", "--script", script, endpoint=endpoint)
+    run = velta("send", link, "-n", 3, "servo-on", "--select", "all", "--confirm", "--timeout", "5s")
     assert (run.status, run.stderr) == (0, "")
+    sent = re.escape(f"sent 67 bytes to {velta_link(link)}")
+    assert re.fullmatch(sent + rf", confirmed after [\d.]+ \w+ and {resends}\n", run.stdout)
+
+
+def test_a_long_timeout_delays_nothing(velta, sim):
+    link = sim("--on-command")
+    run = velta("send", link, "-n", 3, "servo-on", "--select", "all", "--confirm", "--timeout", "60min", "--json")
     answer = json.loads(run.stdout)
-    assert (answer["link"], answer["bytes"]) == (velta_link(link), 67)
-    assert answer["resends"] == resends or resends is None
+    assert (answer["link"], answer["bytes"], answer["resends"]) == (link, 67, 0)
+    assert 0 < answer["confirmed_after_us"] < 5e6 and run.seconds < 5  # it would be sent again after 12 min, 7 s a step
+
+
+def test_needs_no_status_to_send_and_says_how_a_wait_ended(velta, listener):
+    command = ("send", listener.link, "-n", 1, "servo-on", "--select", "all")
+    run = velta(*command)
+    assert (run.status, run.stdout, len(listener.read(99))) == (0, f"sent 31 bytes to {listener.link}\n", 31)
+    for end, complaint in (("stop", "interrupted"), ("wait", f"lost {listener.link}")):
+        listener.host = None
+        program = velta.start(*command, "--confirm", "--timeout", "1min")
+        listener.read(31)
+        if end == "wait":
+            listener.host.close()
+        getattr(program, end)()
+        assert (program.status, program.stderr) == (1, f"velta: {complaint} before the echo came\n")
 
 
 def test_gives_up_after_its_timeout(velta, sim):

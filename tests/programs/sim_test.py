@@ -288,10 +288,15 @@ def test_executed_counts_what_the_joints_obeyed(velta):
     program = velta.start("sim", "-n", 3, "tcp://127.0.0.1:0", "--json", "--fault", "drop-command=0.5")
     listening = json.loads(program.line())
     assert listening["event"] == "listening"
+    stranger = connect(listening["link"])
+    stranger.sendall(b"noise" + command(1, 3)[:-1] + b"?")
     velta("ping", listening["link"], "-n", 3, "--count", 20, "--timeout", "20ms")
     counts = json.loads(program.stop(signal.SIGTERM).stdout.splitlines()[1])
     assert counts["event"] == "summary"
-    assert counts["executed"] == counts["commands"] - counts["faults"]["drop-command"] < counts["commands"]
+    commands = counts["commands"]
+    assert counts["executed"] == commands - counts["faults"]["drop-command"] < commands
+    assert counts["statistics"] == {"bytes_discarded": 72, "bytes_received": 72 + 67 * commands, "frames_bad_crc": 1,
+                                    "frames_received": commands, "frames_sent": counts["status_frames"]}
 
 
 @pytest.mark.parametrize("words, status, complaint", [
