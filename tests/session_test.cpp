@@ -237,6 +237,9 @@ TEST_F(SessionTest, MergesSourcesAndKeepsTheOrderOfEach) {
   Cycles(1);
   EXPECT_EQ(Sent(), Texts{"A2 00 00"});
   EXPECT_EQ(beside.Became(), kPending);
+  const Held next = Send(*b, Command(1));
+  Cycles(510);
+  EXPECT_EQ(next.Became(), Discarded(velta::Reason::kOtherGaveUp));
 }
 
 TEST_F(SessionTest, NeitherQueueNorSourcesNorKeysStarve) {
@@ -398,8 +401,10 @@ TEST_F(DeadManTest, StopsTheArmFirstThingOnTheNextLink) {
   link->is_broken = false;
   Cycles(300);
   EXPECT_EQ(Sent().at(0), "A1 00 00");  // was not through: all of it again
+  Hear(0);
+  Cycles(1);
+  const Held after = Send(2);  // waits until the stop is through
   Echo();
-  const Held after = Send(2);
   Cycles(1);
   EXPECT_EQ(Sent(), Texts{brake});
   Echo();
@@ -461,6 +466,7 @@ TEST_F(SessionTest, TriesAgainLaterEachTime) {
   ASSERT_GE(pauses.size(), 8U);
   const double expected[] = {0, 0.1, 0.2, 0.4, 0.8, 1.6, 3.2, 5, 5};
   for (std::size_t i = 0; i < 9; ++i) EXPECT_NEAR(pauses[i], expected[i], 0.1 * expected[i] + 1e-9);
+  EXPECT_NE(pauses[1] * 2, pauses[2]);  // no two hosts keep time with each other
   EXPECT_EQ(link->begun, static_cast<int>(pauses.size()) - 1);
   EXPECT_EQ(shared->situation.Why(), "refused");
   options.reconnect = false;

@@ -14,7 +14,6 @@ namespace {
 
 using namespace std::string_literals;
 using velta::detail::ParseFloat;
-using velta::detail::ParseInt32;
 
 TEST(AssignFixed, IsPrintfsTextForEveryKindOfFloat) {
   const auto check = [](float value) {
@@ -35,15 +34,6 @@ TEST(AssignFixed, IsPrintfsTextForEveryKindOfFloat) {
     float value = 0;
     std::memcpy(&value, &bits, sizeof value);
     check(value);
-  }
-}
-
-TEST(ParseInt32, StopsAtTheRangeOf32Bits) {
-  EXPECT_EQ(ParseInt32("2147483647"), 2147483647);
-  EXPECT_EQ(ParseInt32("-2147483648x"), -2147483647 - 1);
-  EXPECT_EQ(ParseInt32("0000000000000000000012"), 12);
-  for (const char* text : {"2147483648", "-2147483649", "99999999999999999999999", "", " ", "+", "x1"}) {
-    EXPECT_EQ(ParseInt32(text), std::nullopt) << text;
   }
 }
 

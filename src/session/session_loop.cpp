@@ -234,7 +234,6 @@ void SessionLoop::Pause(Nanos now, const std::string& why) {
 
 void SessionLoop::Lose(Nanos now, const std::string& why) {
   shared_.notifier.Post(Event::Kind::kLost, why);
-  if (is_connected_now_) pause_ = options_.back_off.count();
   is_connected_ = is_connected_now_ = false;
   shared_.admission->LinkDown(options_.on_loss == SessionOptions::OnLoss::kDiscard);
   link_.Abort();
