@@ -287,24 +287,22 @@ Limits::Limits(const std::string& text, int joints) : limits_(static_cast<std::s
   const nlohmann::json document = nlohmann::json::parse(text, nullptr, false);
   if (!document.is_object()) throw BadLimits("it is no JSON object");
   std::vector<std::map<std::string, Limit>> by_name(limits_.size());
-  const auto set = [&](const nlohmann::json& limits, std::size_t joint, bool overwrites) {
+  const auto set = [&](const nlohmann::json& limits, std::size_t joint) {
     if (!limits.is_object()) throw BadLimits("a joint's limits are no JSON object: " + limits.dump());
     for (const auto& [name, value] : limits.items()) {
-      const Limit limit = ReadLimit(name, value);
-      if (overwrites) by_name[joint].erase(name);
-      by_name[joint].emplace(name, limit);
+      by_name[joint].emplace(name, ReadLimit(name, value));
     }
   };
-  for (const auto& [key, limits] : document.items()) {
+  for (const auto& [key, limits] : document.items()) {  // in their order, in which a joint's own come before "all"
     if (key == "all") {
-      for (std::size_t i = 0; i < by_name.size(); ++i) set(limits, i, false);
+      for (std::size_t i = 0; i < by_name.size(); ++i) set(limits, i);
       continue;
     }
     std::size_t joint = 0;
     while (joint < by_name.size() && std::to_string(joint) != key) ++joint;
     if (joint == by_name.size())
       throw BadLimits(fmt::format("'{}' is no joint from 0 to {}, and not 'all'", key, joints - 1));
-    set(limits, joint, true);
+    set(limits, joint);
   }
   for (std::size_t i = 0; i < by_name.size(); ++i) {
     for (const auto& [name, limit] : by_name[i]) limits_[i].push_back(limit);

@@ -256,9 +256,7 @@ void Server::Receive(Host& host, const char* bytes, std::size_t count) {
       Execute(command, host.id);
       continue;
     }
-    Clock::time_point due = now_ + FromMs(delay_ms.value_or(0));
-    if (!due_commands_.empty()) due = std::max(due, due_commands_.back().due);
-    due_commands_.push_back({due, host.id, std::move(command)});
+    due_commands_.push_back({now_ + FromMs(delay_ms.value_or(0)), host.id, std::move(command)});  // none overtakes
   }
 }
 

@@ -42,7 +42,7 @@ CASES = {  # what is special, and (seconds, kind, joint) of what is found
     "new connection": (dict(missing=range(41, 60), values=since(60, positions={1: 9.0}), extra=[(0.45, CLOSED), (0.6, OPENED)]), []),
     "jump": (dict(values=since(50, positions={1: 0.25}, velocities={1: 10.0})), [(0.51, "jump", 1)]),
     "fast move": (dict(values=since(50, positions={1: 0.2}, velocities={1: 10.0})), []),
-    "fault": (dict(values=lambda i: {"modes": {2: 3}} if i >= 50 and i != 70 else {}), [(0.51, "fault", 2), (0.72, "fault", 2)]),
+    "fault": (dict(values=lambda i: {"modes": {2: 3}} if 50 <= i < 70 else {"errors": {2: 4}} if i > 70 else {}), [(0.51, "fault", 2), (0.72, "fault", 2)]),
 }
 
 

@@ -11,11 +11,11 @@ def run_of(*seconds, event=TO_CONTROLLER, frames=COMMANDS):
 
 
 def test_sends_the_good_commands_unchanged_at_their_times(velta, listener, tmp_path):
-    file = recording(tmp_path / "run.vrec", 1, *run_of(0, 0.5, 1, 1.5, frames=[COMMANDS[0], damaged(COMMANDS[1]), *COMMANDS[1:]]))
-    program = velta.start("play", file, listener.link, "--speed", 5)
+    file = recording(tmp_path / "run.vrec", 1, *run_of(0, 20, 40, 60, frames=[COMMANDS[0], damaged(COMMANDS[1]), *COMMANDS[1:]]))
+    program = velta.start("play", file, listener.link, "--speed", 100)
     assert listener.read(93) == b"".join(COMMANDS)
     listener.send(status(1, 2, 1))  # echoes the last command
-    assert program.wait().status == 0 and 0.3 <= program.seconds < 15
+    assert program.wait().status == 0 and 0.6 <= program.seconds < 20
     assert program.stdout == "sent 3 commands, 1 echoed before the next, 1 status frame received\n"
 
 

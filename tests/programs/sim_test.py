@@ -13,7 +13,7 @@ import time
 
 import pytest
 from conftest import wait_until
-from frames import command, connect, crc16
+from frames import command, connect, crc16, damaged
 
 TOP = pathlib.Path(__file__).parents[2]
 SIZE = 79 * 2 + 24  # a status frame of the 2 joints here
@@ -90,6 +90,12 @@ def test_whole_statuses_arrive_in_these_datagrams(answers, fault, sizes, echoes)
     frames = [stream[i:i + size] for i in range(0, len(stream), size)]
     assert all(map(is_good, frames))
     assert [struct.unpack_from("<Q", frame, 10)[0] for frame in frames] == echoes
+
+
+def test_coalesced_statuses_are_no_more_than_a_datagram_carries(sim):
+    host = Host(sim("-n", 2, "--fault", "coalesce=1000", endpoint="udp://127.0.0.1:0"))
+    host.send(1)
+    assert len(host.read()) == 65507 // SIZE * SIZE
 
 
 def test_one_byte_per_datagram(answers):
@@ -220,13 +226,15 @@ def test_what_a_host_writes_before_it_closes_a_pty_arrives(sim):
     link = sim("-n", 2, endpoint="pty:")
     for joint in (0, 1):
         with open(link.address, "r+b", buffering=0) as device:
-            device.write(command(joint + 1, 2, {joint: (0xA2, )}))  # servo on
+            device.write(b"noise" + damaged(command(9, 2)) + command(joint + 1, 2, {joint: (0xA2, )}))  # servo on
 
     def is_on():
         frame = status_of_pty(link)
         return is_good(frame) and frame[24] == frame[24 + 79] == 2
 
     wait_until(is_on)
+    counts = link.stop()
+    assert (counts["bad_crc"], counts["garbage_bytes"]) == (2, 10)
 
 
 def test_a_symbolic_link_is_removed_by_the_run_that_made_it(sim, tmp_path):
@@ -277,6 +285,14 @@ def test_answers_only_the_udp_host_that_sent_last(sim):
         first.socket.recv(1000)
 
 
+def test_a_status_comes_every_10_ms_on_a_pty(sim):
+    link = sim("-n", 2, endpoint="pty:")
+    began = time.monotonic()
+    with open(link.address, "rb", buffering=0):
+        time.sleep(0.5)
+    assert link.stop()["status_frames"] <= (time.monotonic() - began) / 0.01 + 2
+
+
 def test_gives_a_new_user_of_the_pty_nothing_old(sim, velta):
     link = sim("-n", 2, "--cycle", "1ms", endpoint="pty:")
     old = struct.unpack_from("<Q", status_of_pty(link), 2)[0]
@@ -305,15 +321,17 @@ def test_executed_counts_what_the_joints_obeyed(velta):
     ("HERE --script FOLDER/script", 1, "script:2: there is no fault 'corrput'"),
     ("HERE --script FOLDER/none", 1, "No such file"),
     ("HERE pty:FOLDER/script", 1, "does not lead to a pty"),
+    ("HERE pty:FOLDER/mine", 1, "does not lead to a pty"),
     ("tcp://192.0.2.1:0", 1, "cannot listen on tcp://192.0.2.1:0"),
 ])
 def test_refuses_what_it_cannot_serve(velta, tmp_path, words, status, complaint):
     (tmp_path / "script").write_text('{"at_ms": 1, "fault": "corrupt"}\n{"at_ms": 1, "fault": "corrput"}')
+    (tmp_path / "mine").symlink_to("script")
     words = words.replace("HERE", "tcp://127.0.0.1:0").replace("FOLDER", str(tmp_path))
     run = velta("sim", "-n", 2, *words.split(" ") if words else [])
     assert (run.status, run.stdout) == (status, "")
     assert run.stderr.startswith("velta: ") and complaint in run.stderr and run.stderr.count("\n") == 1
-    assert [path.name for path in tmp_path.iterdir()] == ["script"]
+    assert sorted(path.name for path in tmp_path.iterdir()) == ["mine", "script"] and (tmp_path / "mine").is_file()
 
 
 def test_says_that_it_cannot_print(velta):

@@ -1,0 +1,24 @@
+// SPDX-License-Identifier: MIT
+#include "report.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+using namespace velta::tools;
+namespace fs = std::filesystem;
+
+TEST(Report, HasOnlyThoseWordsOfTheKernelsCommandLineThatAreAboutTime) {
+  const fs::path root = testing::TempDir() + "velta_report";
+  fs::create_directories(root / "proc");
+  std::ofstream(root / "proc/cmdline") << "root=/dev/mapper/private isolcpus=2 nosmt quiet\n";
+  const std::string text = RealtimeText(root);
+  fs::remove_all(root);
+  EXPECT_NE(text.find("\nkernel's command line: isolcpus=2 nosmt\n"), std::string::npos) << text;
+}
+
+TEST(Report, HasAddressesButNoHostNames) {
+  EXPECT_EQ(WithoutHost("opened tcp://arm.local:5000, arm.local", "arm.local"),
+            "opened tcp://(host name):5000, (host name)");
+  EXPECT_EQ(WithoutHost("opened tcp://10.0.0.7:5000", "10.0.0.7"), "opened tcp://10.0.0.7:5000");
+}
