@@ -136,12 +136,16 @@ bool Hub::Send(const Commander& sender, const Message& message, const Reply& rep
 }
 
 std::shared_ptr<const std::string> Hub::State() {
-  const std::uint64_t count = StatusCount();
-  if (state_ && count == state_count_) return IsConnected() ? state_ : nullptr;
-  const auto status = session_.Latest();
-  if (!status || !IsConnected()) return nullptr;
+  if (!IsConnected()) return nullptr;
+  std::optional<RecvPacket> status;
+  {
+    const std::lock_guard lock(latest_mutex_);
+    if (!latest_) return nullptr;
+    if (state_ && state_count_ == status_count_) return state_;
+    status = latest_;
+    state_count_ = status_count_;
+  }
   state_ = std::make_shared<const std::string>(codec_.WriteState(*status));
-  state_count_ = count;
   return state_;
 }
 
@@ -154,7 +158,7 @@ std::string Hub::Statistics() const {
                 {"control_timeout", std::chrono::duration<double>(options_.control.timeout).count()},
                 {"held", !Holder().empty()},
                 {"stopped", control_.IsStopped() || session_.IsDeadMan()},
-                {"statuses", StatusCount()},
+                {"statuses", status_count_.load()},
                 {"events", json::array()}};
   if (const auto latency = latency_ns_.load(std::memory_order_relaxed); latency != 0) {
     document["latency_ms"] = static_cast<double>(latency) / 1e6;
@@ -166,7 +170,11 @@ std::string Hub::Statistics() const {
 }
 
 void Hub::OnStatus(const RecvPacket& status) {
-  status_count_.fetch_add(1, std::memory_order_relaxed);
+  {
+    const std::lock_guard lock(latest_mutex_);
+    latest_ = status;
+    ++status_count_;
+  }
   const std::uint64_t echo = status.header.hostTimestamp;
   if (echo == last_echo_) return;
   last_echo_ = echo;
@@ -176,6 +184,10 @@ void Hub::OnStatus(const RecvPacket& status) {
 }
 
 void Hub::OnEvent(const Event& event) {
+  if (event.kind == Event::Kind::kLost) {
+    const std::lock_guard lock(latest_mutex_);
+    latest_.reset();
+  }
   if (events_on_the_way_.fetch_add(1) >= kMaxEventsOnTheWay) {
     events_on_the_way_.fetch_sub(1);
     return;

@@ -11,7 +11,9 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <nlohmann/json_fwd.hpp>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -72,8 +74,8 @@ class Hub {
   std::string ControlFor(const Commander& sender) const;
   const Commander& Holder() const { return control_.Holder(); }
 
-  std::uint64_t StatusCount() const { return status_count_.load(std::memory_order_relaxed); }
-  std::shared_ptr<const std::string> State();  ///< the newest status's document; null while the arm is away
+  /// The newest status's document, the same object for the same status; null while the arm is away.
+  std::shared_ptr<const std::string> State();
   bool IsConnected() const { return session_.IsConnected(); }
   bool IsArmThere() const { return is_arm_there_; }  ///< by the last event that was shown
   const HubOptions& Options() const { return options_; }
@@ -99,6 +101,8 @@ class Hub {
   std::deque<std::string> events_;  ///< the last ones, as texts
   std::shared_ptr<const std::string> state_;
   std::uint64_t state_count_ = 0;  ///< of statuses, when state_ was made
+  std::mutex latest_mutex_;
+  std::optional<RecvPacket> latest_;  ///< of the statuses that were counted; the session's own may be newer
 
   bool is_arm_there_ = false;
   double overruns_ = 0;                               ///< that were not shown yet

@@ -148,9 +148,9 @@ struct Mqtt::Parts {
 
   // The hub's thread:
   bool is_connected = false;
-  int state_mid = 0;  ///< the state that has not left yet; 0: none
-  int waiting = 0;    ///< messages that the broker has not acknowledged
-  std::uint64_t shown = 0;
+  int state_mid = 0;                         ///< the state that has not left yet; 0: none
+  int waiting = 0;                           ///< messages that the broker has not acknowledged
+  std::shared_ptr<const std::string> shown;  ///< the last state
   std::uint64_t connections = 0, left_out = 0, repeated = 0;
   std::string reported;           ///< why there was no connection, when it was said last
   Commander last_holder, sender;  ///< who held control before; whose message is being handled
@@ -282,11 +282,10 @@ void Mqtt::Parts::Answer(const std::string& commander, const std::string& text, 
 
 /// One state is on its way at a time, so that a slow broker gets fewer and newer ones.
 void Mqtt::Parts::ShowState() {
-  const std::uint64_t count = hub.StatusCount();
-  if (!is_connected || state_mid != 0 || count == shown) return;
+  if (!is_connected || state_mid != 0) return;
   const auto state = hub.State();
-  if (!state) return;
-  shown = count;
+  if (!state || state == shown) return;
+  shown = state;
   int mid = 0;
   if (Publish(Topic("state"), *state, 0, false, &mid)) state_mid = mid;
 }

@@ -439,7 +439,7 @@ struct Web::Parts : std::enable_shared_from_this<Web::Parts> {
   tcp::acceptor acceptor;
   asio::steady_timer pause;
   std::optional<asio::ssl::context> tls;
-  std::uint64_t shown = 0;  ///< count of statuses at the last state
+  Text shown;  ///< the last state
   Ticker ticker;
 };
 
@@ -498,11 +498,10 @@ void Web::Parts::Accept() {
 }
 
 void Web::Parts::ShowState() {
-  const std::uint64_t count = shared->hub.StatusCount();
-  if (count == shown || shared->viewers.empty()) return;
+  if (shared->viewers.empty()) return;
   const Text state = shared->hub.State();
-  if (!state) return;
-  shown = count;
+  if (!state || state == shown) return;
+  shown = state;
   const Text text = std::make_shared<const std::string>(StateText(*state));
   ForEachViewer([&](const Commander&, Viewer& viewer) { viewer.OfferState(text); });
 }

@@ -91,6 +91,12 @@ TEST(Messages, AreReadStrictly) {
   }
 }
 
+TEST(Messages, TimesOfEventsHaveThreeDigitsOfMilliseconds) {
+  Event event;
+  event.time = std::chrono::system_clock::time_point(milliseconds(7));
+  EXPECT_NE(EventText(event).find("\"1970-01-01T00:00:00.007Z\""), std::string::npos);
+}
+
 TEST(RefusalsTest, AreCountedAlwaysAndLoggedOncePerPeerAndMinute) {
   Refusals refusals;
   const Refusals::Time start{};
