@@ -46,7 +46,14 @@ def test_sessions_leave_nothing_behind(velta_sim, link):
 
 
 PROGRAM = """
-import asyncio, logging, os, random, signal, sys, threading, time
+import asyncio, atexit, logging, os, random, signal, sys, threading, time
+def connect_too_late():  # registered before the module is there, so called after the module has ended
+    try:
+        velta.connect("sim:", 2, timeout=0)
+    except velta.Error:
+        return
+    os._exit(99)
+atexit.register(connect_too_late)
 import velta
 logging.basicConfig(level=logging.CRITICAL)
 seed, link = int(sys.argv[1]), sys.argv[2]
