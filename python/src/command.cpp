@@ -91,7 +91,7 @@ std::vector<py::object> Bind(const Setter& setter, std::size_t first, const py::
   for (std::size_t i = 0; i < args.size(); ++i) bound[i] = args[i];
   std::size_t used = 0;
   for (std::size_t i = 0; i < bound.size(); ++i) {
-    const std::string& name = i < first ? std::string("joints") : setter.arguments[i - first];
+    const std::string name = i < first ? std::string("joints") : setter.arguments[i - first];
     if (kwargs.contains(name)) {
       if (bound[i]) throw py::type_error(setter.name + " has two values for " + name);
       bound[i] = kwargs[name.c_str()];

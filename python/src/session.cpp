@@ -356,8 +356,10 @@ SessionOptions ReadOptions(const std::string& link, int joints, const py::dict& 
       try {
         to = v.cast<Value>();
       } catch (const py::cast_error&) {
-        constexpr const char* kKind = std::is_same_v<Value, bool> ? "True or False" : "an integer, and not too large";
-        const std::string text = std::string(name) + " is " + kKind + ", not " + py::repr(v).cast<std::string>();
+        constexpr bool kIsFlag = std::is_same_v<Value, bool>;
+        const std::string text = std::string(name) +
+                                 (kIsFlag ? " is True or False, not " : " is an integer that fits, not ") +
+                                 py::repr(v).cast<std::string>();
         if (PyLong_Check(v.ptr()) == 0) throw py::type_error(text);
         BadArgument(text);
       }
