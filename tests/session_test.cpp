@@ -1,10 +1,14 @@
 // SPDX-License-Identifier: MIT
 // The session's cycle against a link in memory: every frame, outcome and event, cycle by cycle, in a time of its own.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <deque>
+#include <fstream>
+#include <iterator>
 #include <map>
 #include <stdexcept>
 #include <string>
@@ -254,6 +258,9 @@ TEST_F(SessionTest, NeitherQueueNorSourcesNorKeysStarve) {
   EXPECT_EQ(sent, (Texts{"00 00 A2", "00 00 A2", "00 A2 00", "00 A2 00", "A2 00 00", "A2 00 00"}));
   EXPECT_EQ(held[8].Became(), Discarded(velta::Reason::kReplaced));
   EXPECT_EQ(held[10].Became(), kSent);
+  const Held again = SendKey("x", 2);
+  Cycles(3);
+  EXPECT_EQ(again.Became(), kSent);
 }
 
 TEST_F(SessionTest, ALossDiscardsAllAndNothingOldIsSentOrConfirmed) {
@@ -371,7 +378,9 @@ TEST_F(DeadManTest, StopsTheArmPastTheGate) {
   KeepAlive();
   Cycles(5);
   EXPECT_EQ(Send(0).Became(), Discarded(velta::Reason::kDeadMan));  // refused until it is rearmed
+  const Nanos before = shared->admission->kept_alive;
   shared->admission->Rearm();
+  EXPECT_NE(shared->admission->kept_alive, before);  // the host's time begins anew
   KeepAlive();
   const Held after = Send(0);
   Cycles(2);
@@ -403,6 +412,7 @@ TEST_F(DeadManTest, StopsTheArmFirstThingOnTheNextLink) {
   EXPECT_EQ(Sent().at(0), "A1 00 00");  // was not through: all of it again
   Hear(0);
   Cycles(1);
+  Sent();                      // it may have been due again
   const Held after = Send(2);  // waits until the stop is through
   Echo();
   Cycles(1);
@@ -573,6 +583,25 @@ TEST_F(SessionTest, KeepsTheNewestEventsAndCountsTheRest) {
   EXPECT_EQ(values[0], 44);
   EXPECT_EQ(values[1], 44);
   EXPECT_EQ(values[256], 299);
+  shared->notifier.Post(Event::Kind::kNotice, "");
+  shared->notifier.OnEvent(nullptr);
+  shared->notifier.OnEvent([&](const Event&) { values.clear(); });
+  shared->notifier.Deliver();
+  EXPECT_EQ(values.size(), 257U) << "the callback before was gone";
+}
+
+TEST(SessionRecorderTest, LeavesOutWhatIsOlderThanItsLength) {
+  const std::string path = testing::TempDir() + "velta-" + std::to_string(getpid()) + ".vrec";
+  for (const Nanos length : {Nanos{0}, 3'600'000 * kMs}) {
+    FlightRecorder recorder(1, "link", length, 1000);
+    recorder.Add(FlightRecorder::Event::kToHost, "some bytes", 10);
+    std::string why;
+    ASSERT_TRUE(recorder.Write(path, why)) << why;
+    std::ifstream file(path, std::ios::binary);
+    const std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    EXPECT_EQ(bytes.find("some bytes") != std::string::npos, length != 0);
+  }
+  std::remove(path.c_str());
 }
 
 TEST(SessionLatenessTest, IsCountedInClassesOfThreePercent) {
