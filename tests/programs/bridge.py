@@ -47,14 +47,18 @@ class Viewer:
     def send(self, message):
         self._run(self.socket.send(message if isinstance(message, (str, bytes)) else json.dumps(message)))
 
-    def receive(self, key):
-        """Skips messages up to one that has the key; returns what it holds."""
+    def receive(self, key, accept=lambda value: True):
+        """Skips messages up to one with this key whose value is accepted; returns the value."""
         end = time.monotonic() + PATIENCE
         while time.monotonic() < end:
             message = json.loads(self._run(self.socket.recv()))
-            if key in message:
+            if key in message and accept(message[key]):
                 return message[key]
-        raise AssertionError(f"no {key} came")
+        raise AssertionError(f"no such {key} came")
+
+    def see(self, field, *values):
+        """Waits until the first joint's field has one of the values."""
+        self.receive("state", lambda state: state["jointState"][0][field] in values)
 
     def ask(self, message, key="outcome"):
         self.send(message)
@@ -62,8 +66,7 @@ class Viewer:
 
     def take(self):
         self.receive("state")  # the arm is there
-        while self.ask({"control": "take"}, "control") != {"held": True, "yours": True}:
-            pass
+        wait_until(lambda: self.ask({"control": "take"}, "control")["yours"])
 
     def do(self, document, id="1"):
         """Commands, and waits for the outcome."""

@@ -12,7 +12,7 @@ import time
 import pytest
 
 from bridge import REF_POSITION, SERVO_ON, Broker, bridge, broker, command, self_signed, viewer
-from conftest import Started
+from conftest import PATIENCE, Started
 
 
 class Listener:
@@ -23,8 +23,9 @@ class Listener:
         self.beginning = f"{broker.prefix}/{topic} "
 
     def receive(self, accept=lambda message: True):
+        end = time.monotonic() + PATIENCE
         while not accept(message := json.loads(self.client.line(self.beginning))):
-            pass
+            assert time.monotonic() < end
         return message
 
     def outcome(self, id):
@@ -151,11 +152,9 @@ def test_losing_the_broker_costs_its_control_and_nothing_else(arm, broker, viewe
     assert planner.do("1", command(SERVO_ON))["outcome"] == "confirmed"
     assert planner.do("2", command(REF_POSITION, value=1000))["outcome"] == "confirmed"
     browser = viewer(program.url)
-    while browser.receive("state")["jointState"][0]["trjStatus"] != "2":
-        pass
+    browser.see("trjStatus", "2")
     broker.program.stop(signal.SIGTERM)
-    while browser.receive("state")["jointState"][0]["trjStatus"] not in ("5", "6"):
-        pass
+    browser.see("trjStatus", "5", "6")
     browser.take()
     browser.send({"rearm": True})
     assert browser.do(command(SERVO_ON))["outcome"] == "confirmed"

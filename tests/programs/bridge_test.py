@@ -45,8 +45,7 @@ def begin_slow_move(commander):
     """A trajectory of a minute for joint 1."""
     assert commander.do(command(SERVO_ON))["outcome"] == "confirmed"
     assert commander.do(command(REF_POSITION, value=1000))["outcome"] == "confirmed"  # mode 0: at 18 units a second
-    while commander.receive("state")["jointState"][0]["trjStatus"] in ("0", "1"):
-        pass
+    commander.see("trjStatus", "2", "5", "6")
 
 
 def test_every_viewer_gets_states_as_the_library_writes_them(sim, bridge, viewer):
@@ -70,12 +69,10 @@ def test_arm_may_be_away_at_the_start_and_later(velta, bridge, viewer):
     watcher = viewer(program.url)
     for kind in ("connected", "back"):
         arm = velta.start("sim", "-n", 3, f"tcp://127.0.0.1:{port}")
-        while watcher.receive("event")["kind"] != kind:
-            pass
+        watcher.receive("event", lambda event: event["kind"] == kind)
         watcher.receive("state")
         arm.stop()
-        while watcher.receive("event")["kind"] != "lost":
-            pass
+        watcher.receive("event", lambda event: event["kind"] == "lost")
         assert get(program.url, "/api/state")[0] == 503
         assert statistics(program)["arm"] == "away"
 
@@ -94,8 +91,7 @@ def test_one_commander_at_a_time(sim, bridge, viewer):
     assert 0 < statistics(program)["latency_ms"] < 10_000
     one.send(command(MODE, value=POSITION))  # bare, and without an answer
     assert one.ask({"id": 2, "command": command(REF_POSITION, value=1.5)}) == {"id": 2, "outcome": "sent"}
-    while one.receive("state")["jointState"][0]["position"] != "1.500000":
-        pass
+    one.see("position", "1.500000")
     assert one.ask({"id": "3", "command": {"armOrder": 0, "jointCommand": []}})["reason"] == "not a command document"
     assert one.ask({"control": "give"}, "control") == {"held": False, "yours": False}
     other.take()
@@ -118,8 +114,7 @@ def test_arm_stops_without_its_commander(sim, bridge, viewer, how):
     if how == "stopped by a viewer":
         other.send({"stop": True})
         assert commander.do(command(SERVO_ON))["reason"] == "dead-man"
-    while other.receive("state")["jointState"][0]["trjStatus"] not in ("5", "6"):
-        pass
+    other.see("trjStatus", "5", "6")
     if how == "stopped by a viewer":
         commander.send({"control": "give"})
     other.take()
@@ -145,8 +140,7 @@ def test_viewers_may_only_stop(sim, bridge, viewer, tmp_path):
     watcher = viewer(bridge(sim(), "--stop-documents", stop).url)
     assert watcher.ask({"control": "take"})["reason"] == "commands not allowed"
     watcher.send({"stop": True})
-    while [joint["ctrlMode"] for joint in watcher.receive("state")["jointState"]] != ["1", "1", "0"]:
-        pass
+    watcher.receive("state", lambda state: [joint["ctrlMode"] for joint in state["jointState"]] == ["1", "1", "0"])
     strict = viewer(bridge(sim(), "--no-viewer-stop", "--allow-commands", "--control-timeout", "30s").url)
     assert strict.ask({"stop": True})["reason"] == "stop not allowed"
     strict.take()
