@@ -320,6 +320,7 @@ def test_a_flight_record_is_read_as_arrays(tmp_path):
     moved = recording.commands["order"][:, 1] == 0x11
     assert recording.commands["value1"][moved, 1].tolist() == [0, 1, 2, 3, 4]
     assert recording.commands.time[moved].tolist() == [command.stamp for command in controller.commands]
+    assert recording.commands.sent[0] > 1e18
     assert set(recording.states.host_time.tolist()) >= set(recording.commands.time[moved][:-1].tolist())
     assert (recording.states["position"] == [joint["position"] for joint in codec.some_joints(2)]).all()
     assert [event.kind for event in recording.events] == ["opened"]
