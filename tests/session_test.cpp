@@ -479,6 +479,12 @@ TEST_F(SessionTest, TriesAgainLaterEachTime) {
   EXPECT_NE(pauses[1] * 2, pauses[2]);  // no two hosts keep time with each other
   EXPECT_EQ(link->begun, static_cast<int>(pauses.size()) - 1);
   EXPECT_EQ(shared->situation.Why(), "refused");
+  link->progress = SessionLink::Progress::kOpen;
+  Hear(0);
+  Cycles(6000);
+  link->is_broken = true;
+  Cycles(1);
+  EXPECT_NEAR(pauses.back(), 0.1, 0.0101);  // after a good connection as at first
   options.reconnect = false;
   loop.reset();
   Build();
