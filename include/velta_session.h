@@ -192,12 +192,12 @@ struct SessionOptions {
   /// controller whose statuses are not needed.
   bool await_status = true;
 
-  /// The loop of Start() also works between two cycles, when something arrives and every 10 ms: statuses are taken in, a
-  /// confirmation ends at once, a connection is noticed, a command leaves if none has left in this cycle.
+  /// true: the loop of Start() also works between two cycles, when something arrives and every 10 ms. Statuses are taken
+  /// in and confirmations noticed at once, and a command leaves if none has left in this cycle.
   bool wake_on_arrival = false;
 
-  /// Is handed what passes on the link, for recorders and the like. Called by the loop itself, which waits for it, and by
-  /// Stop(): quick, and without a call of the session. What it throws is dropped. None: costs nothing.
+  /// Receives what passes on the link, for recorders and the like. The loop itself calls it and waits for it, and so does
+  /// Stop(): be quick, and call nothing of the session. What it throws is dropped. None: costs nothing.
   std::function<void(const Traffic&)> on_traffic;
 };
 
@@ -250,7 +250,8 @@ class VELTA_API Session {
   void Step();
   void Stop();  ///< ends everything within 50 ms; whatever waits is discarded. For good; nothing the second time.
 
-  /// Waits for the first status of a connection (without await_status for its opening); in a loop of the host's own, runs its steps meanwhile.
+  /// Waits for the first status of a connection, or without await_status for its opening; in a loop of the host's own,
+  /// runs its steps meanwhile.
   /// @param timeout  the longest wait; 0 looks only
   /// @param[out] why  if not null, one line that says why there is none
   bool WaitConnected(std::chrono::nanoseconds timeout, std::string* why = nullptr);
