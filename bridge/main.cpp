@@ -89,6 +89,9 @@ void AddOptions(CLI::App& app, Options& options) {
   app.add_flag("--no-viewer-stop", options.no_viewer_stop, "Only who holds control may stop the arm");
   app.add_option("--stop-documents", options.stop_documents, "Command documents that stop the arm, in this order")
       ->option_text("FILE");
+  app.add_option("--priority", session.priority, "SCHED_FIFO priority of the arm's loop; 0 is the ordinary scheduler")
+      ->check(CLI::Range(0, 99))
+      ->type_name("N");
 }
 
 /// Adds options of one group: (NAME, TARGET, DESCRIPTION, what the value is called).

@@ -4,12 +4,13 @@ import json
 from frames import CLOSED, OPENED, TO_CONTROLLER, TO_HOST, WALL, command, damaged, recording, status
 
 
-def arm(path):
-    """A recording of a one-joint arm."""
-    return recording(path / "run.vrec", 1, (0, OPENED), (0.25, TO_CONTROLLER, command(7, 1, {0: (17, 1.5)}, arm=3)),
-                     (1, TO_HOST, status(11, 7, 1, {0: 3}, {0: 0.1}, {0: 9})[:60]),
-                     (1.000000001, TO_HOST, status(11, 7, 1, {0: 3}, {0: 0.1}, {0: 9})[60:]),
-                     (2, TO_HOST, damaged(status(12, 7, 1)) + status(13, 7, 1)), (3, CLOSED), tail=b"R\3\0\0torn!")
+def arm(path, joints=1):
+    """A recording in which one joint is commanded and moves."""
+    state = status(11, 7, joints, {0: 3}, {0: 0.1}, {0: 9})
+    return recording(path / "run.vrec", joints, (0, OPENED),
+                     (0.25, TO_CONTROLLER, command(7, joints, {0: (17, 1.5)}, arm=3)),
+                     (1, TO_HOST, state[:60]), (1.000000001, TO_HOST, state[60:]),
+                     (2, TO_HOST, damaged(status(12, 7, joints)) + status(13, 7, joints)), (3, CLOSED), tail=b"R\3\0\0torn!")
 
 
 def test_csv_has_a_row_for_each_status(velta, tmp_path):
@@ -24,7 +25,7 @@ def test_csv_has_a_row_for_each_status(velta, tmp_path):
 
 
 def test_json_lines_have_the_librarys_documents(velta, tmp_path):
-    run = velta("convert", arm(tmp_path), "-f", "jsonl")
+    run = velta("convert", arm(tmp_path, 2), "-f", "jsonl")  # the second joint is idle
     opened, sent, state, _, closed = map(json.loads, run.stdout.splitlines())
     assert opened == {"time_s": 0, "wall_ns": str(WALL), "event": "opened"} and closed["event"] == "closed"
     assert sent["command"] == {"timeStamp": "7", "armOrder": "3", "jointCommand": [
