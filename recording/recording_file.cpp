@@ -65,6 +65,7 @@ void RecordingWriter::Sync() {
 
 RecordingReader::RecordingReader(const std::string& path) : path_(path), file_(std::fopen(path.c_str(), "rbe")) {
   if (!file_) throw RecordingError(path + ": " + Reason());
+  std::setvbuf(file_.get(), nullptr, _IOFBF, std::size_t{1} << 18);  // a system call for hundreds of records
   std::vector<char> block(sizeof(FileHead));
   FileHead head{};
   const std::size_t got = Take(block.data(), block.size());
@@ -98,32 +99,32 @@ std::size_t RecordingReader::Take(char* bytes, std::size_t size) {
 }
 
 bool RecordingReader::Next(Record& record) {
-  std::vector<char> block(sizeof(RecordHead));
-  const std::size_t got = Take(block.data(), block.size());
-  block.resize(got);
+  block_.resize(sizeof(RecordHead));
+  const std::size_t got = Take(block_.data(), block_.size());
+  block_.resize(got);
   if (got == 0) return false;
-  if (block[0] != kRecordMark) return EndOfRecords(block);
+  if (block_[0] != kRecordMark) return EndOfRecords(block_);
   if (got < sizeof(RecordHead)) {
     lost_tail_ = got;
     return false;
   }
   RecordHead head{};
-  std::memcpy(&head, block.data(), sizeof head);
+  std::memcpy(&head, block_.data(), sizeof head);
   if (head.event > static_cast<std::uint8_t>(Event::kClosed)) Damaged("there is no such event");
   if (head.length > kMaxRecordBytes) Damaged("it is longer than any record");
   const std::size_t rest = head.length + std::size_t{kCrcSize};
-  block.resize(sizeof head + rest);
-  const std::size_t more = Take(block.data() + sizeof head, rest);
+  block_.resize(sizeof head + rest);
+  const std::size_t more = Take(block_.data() + sizeof head, rest);
   if (more < rest) {
     lost_tail_ = got + more;
     return false;
   }
-  if (!CrcIsRight(block)) Damaged("its checksum is wrong");
+  if (!CrcIsRight(block_)) Damaged("its checksum is wrong");
   record.event = static_cast<Event>(head.event);
   record.monotonic_ns = head.monotonic_ns;
   record.wall_ns = head.wall_ns;
-  record.bytes.assign(block.begin() + sizeof head, block.end() - kCrcSize);
-  position_ += block.size();
+  record.bytes.assign(block_.begin() + sizeof head, block_.end() - kCrcSize);
+  position_ += block_.size();
   ++records_;
   return true;
 }

@@ -94,6 +94,7 @@ class RecordingReader {
 
   std::string path_;
   std::unique_ptr<std::FILE, CloseFile> file_;
+  std::vector<char> block_;  ///< the record that is read; its memory is used again
   RecordingHeader header_;
   std::uint64_t first_record_ = 0;  ///< offsets in the file
   std::uint64_t position_ = 0;

@@ -84,6 +84,7 @@ class Content {
       bytes += frame_size;
       size -= frame_size;
     }
+    if (size == 0) return;
     for (const RecvPacket& status : statuses_.Push(bytes, size)) states.Add(status, record_.wall_ns);
   }
 
