@@ -102,8 +102,8 @@ def recording(path, joints, *passed, link="tcp://127.0.0.1:5000", tail=b""):
 
 
 def passed(path):
-    """The records as (event, monotonic ns, wall ns, bytes)."""
-    return records(path)[2]
+    """The records as (event, monotonic ns, wall ns, bytes); none before the file stands."""
+    return records(path)[2] if path.exists() and path.stat().st_size else []
 
 
 def records(path):
@@ -113,6 +113,8 @@ def records(path):
     assert (magic, version) == (b"\x89VREC\r\n\x1a", 1)
     link, at, found = data[14:14 + size].decode(), 16 + size, []
     while at < len(data):
+        if len(data) < at + 22 or len(data) < at + 22 + struct.unpack_from("<H", data, at + 2)[0]:
+            break  # it is being written
         mark, event, length, monotonic, wall = struct.unpack_from("<BBHQQ", data, at)
         assert mark == 0x52 and sealed(data[at:at + 20 + length]) == data[at:at + 22 + length]
         found.append((event, monotonic, wall, data[at + 20:at + 20 + length]))
