@@ -180,20 +180,20 @@ void MasterControllerClient::PushSendQueue(SendPacket& packet, bool confirm_rece
   const std::lock_guard<std::mutex> lock(*mutex_);
   packet.SetConfirmReceived(confirm_received);
   send_queue_.push_back(packet);
-  parts_->commands_queued.Add(1);
+  CountQueued();
 }
 
 void MasterControllerClient::Enqueue(SendPacket&& packet) {
   const std::lock_guard<std::mutex> lock(*mutex_);
   send_queue_.push_back(std::move(packet));
-  parts_->commands_queued.Add(1);
+  CountQueued();
 }
 
 void MasterControllerClient::PushFrontSendQueue(SendPacket& packet, bool confirm_received) {
   const std::lock_guard<std::mutex> lock(*mutex_);
   packet.SetConfirmReceived(confirm_received);
   send_queue_.push_front(packet);
-  parts_->commands_queued.Add(1);
+  CountQueued();
 }
 
 bool MasterControllerClient::PushSendQueueJson(const std::string& json, bool confirm_received) {
@@ -218,7 +218,7 @@ bool MasterControllerClient::TakeFront(SendPacket& packet) {
   if (send_queue_.empty()) return false;  // another thread may have flushed it
   packet.swap(send_queue_.front());
   send_queue_.pop_front();
-  parts_->commands_queued.Set(send_queue_.size());
+  CountQueued();
   return true;
 }
 

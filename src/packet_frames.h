@@ -41,10 +41,9 @@ struct Received {
   std::size_t discarded = 0;  ///< bytes of no good frame
 };
 
-/// PacketParser's Push and Parse in one; where nothing is buffered, the bytes are cut where they lie.
-/// @param[in,out] bytes    what arrived; empty afterwards. When memory runs out they hold what the parser has not
-/// taken:
-///                         nothing of the stream is lost if they are pushed later.
+/// PacketParser's Push and Parse in one; where nothing is buffered, the bytes are cut where they lie. When memory runs
+/// out, nothing of the stream is lost if what is left in bytes is pushed later.
+/// @param[in,out] bytes    what arrived; empty afterwards, or when memory ran out, what the parser has not taken
 /// @param[out]    joined   working memory
 /// @param[in,out] packets  overwritten from the front, made longer where that is not enough
 Received ReceiveFrames(PacketParser& parser, std::vector<char>& bytes, std::vector<char>& joined,
