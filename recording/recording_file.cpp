@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstring>
 
@@ -17,12 +16,8 @@ namespace velta::recording {
 
 namespace {
 
-bool CrcIsRight(const std::vector<char>& block) {
-  std::uint16_t stored = 0;
-  std::memcpy(&stored, block.data() + block.size() - kCrcSize, sizeof stored);
-  return stored == CalcCrc16(reinterpret_cast<const unsigned char*>(block.data()),
-                             static_cast<unsigned short>(block.size() - kCrcSize));
-}
+constexpr std::size_t kBufferSize = std::size_t{1} << 18;  // a system call for hundreds of records
+static_assert(kBufferSize >= sizeof(RecordHead) + kMaxRecordBytes + kCrcSize, "a record stands in it whole");
 
 std::string Reason() { return std::strerror(errno); }
 
@@ -63,89 +58,94 @@ void RecordingWriter::Sync() {
   if (fsync(file_.Get()) != 0 && errno != EINVAL && errno != EROFS) throw RecordingError(path_ + ": " + Reason());
 }
 
-RecordingReader::RecordingReader(const std::string& path) : path_(path), file_(std::fopen(path.c_str(), "rbe")) {
-  if (!file_) throw RecordingError(path + ": " + Reason());
-  std::setvbuf(file_.get(), nullptr, _IOFBF, std::size_t{1} << 18);  // a system call for hundreds of records
-  std::vector<char> block(sizeof(FileHead));
+RecordingReader::RecordingReader(const std::string& path)
+    : path_(path), file_(open(path.c_str(), O_RDONLY | O_CLOEXEC)), buffer_(kBufferSize) {
+  if (file_.Get() < 0) throw RecordingError(path + ": " + Reason());
+  const auto cut_short = [&path] { throw RecordingError(path + ": the recording ends within its header"); };
   FileHead head{};
-  const std::size_t got = Take(block.data(), block.size());
-  std::memcpy(&head, block.data(), sizeof head);
-  if (got < kMagic.size() || !std::equal(kMagic.begin(), kMagic.end(), block.begin())) {
+  const std::size_t got = Buffer(sizeof head);
+  if (got < kMagic.size() || !std::equal(kMagic.begin(), kMagic.end(), buffer_.begin())) {
     throw RecordingError(path + ": not a recording of velta record");
   }
-  const auto cut_short = [&path] { throw RecordingError(path + ": the recording ends within its header"); };
   if (got < sizeof head) cut_short();
+  std::memcpy(&head, buffer_.data(), sizeof head);
   if (head.version != kVersion) {
     throw RecordingError(path + ": a recording of version " + std::to_string(+head.version) + ", this program reads " +
                          std::to_string(kVersion));
   }
   if (head.link_length > kMaxLinkText) throw RecordingError(path + ": the recording's header is damaged");
-  block.resize(sizeof head + head.link_length + kCrcSize);
-  const std::size_t rest = block.size() - sizeof head;
-  if (Take(block.data() + sizeof head, rest) < rest) cut_short();
-  if (!CrcIsRight(block) || head.joints < 1 || head.joints > wire::kMaxJoints) {
+  first_record_ = sizeof head + head.link_length + kCrcSize;
+  if (Buffer(first_record_) < first_record_) cut_short();
+  if (!wire::CrcIsRight(buffer_.data(), first_record_) || head.joints < 1 || head.joints > wire::kMaxJoints) {
     throw RecordingError(path + ": the recording's header is damaged");
   }
   header_.joints = head.joints;
-  header_.link.assign(block.data() + sizeof head, head.link_length);
-  first_record_ = position_ = block.size();
+  header_.link.assign(buffer_.data() + sizeof head, head.link_length);
+  begin_ = position_ = first_record_;
 }
 
-std::size_t RecordingReader::Take(char* bytes, std::size_t size) {
-  errno = 0;
-  const std::size_t count = std::fread(bytes, 1, size, file_.get());
-  if (count < size && std::ferror(file_.get()) != 0) throw RecordingError(path_ + ": " + Reason());
-  return count;
+std::size_t RecordingReader::Buffer(std::size_t size) {
+  if (end_ - begin_ < size) {
+    std::memmove(buffer_.data(), buffer_.data() + begin_, end_ - begin_);
+    end_ -= begin_;
+    begin_ = 0;
+  }
+  while (end_ - begin_ < size) {
+    const ssize_t count = read(file_.Get(), buffer_.data() + end_, buffer_.size() - end_);
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) throw RecordingError(path_ + ": " + Reason());
+    if (count == 0) break;
+    end_ += static_cast<std::size_t>(count);
+  }
+  return std::min(size, end_ - begin_);
 }
 
 bool RecordingReader::Next(Record& record) {
-  block_.resize(sizeof(RecordHead));
-  const std::size_t got = Take(block_.data(), block_.size());
-  block_.resize(got);
+  const std::size_t got = Buffer(sizeof(RecordHead));
   if (got == 0) return false;
-  if (block_[0] != kRecordMark) return EndOfRecords(block_);
+  if (buffer_[begin_] != kRecordMark) return EndOfRecords();
   if (got < sizeof(RecordHead)) {
     lost_tail_ = got;
     return false;
   }
   RecordHead head{};
-  std::memcpy(&head, block_.data(), sizeof head);
+  std::memcpy(&head, buffer_.data() + begin_, sizeof head);
   if (head.event > static_cast<std::uint8_t>(Event::kClosed)) Damaged("there is no such event");
   if (head.length > kMaxRecordBytes) Damaged("it is longer than any record");
-  const std::size_t rest = head.length + std::size_t{kCrcSize};
-  block_.resize(sizeof head + rest);
-  const std::size_t more = Take(block_.data() + sizeof head, rest);
-  if (more < rest) {
-    lost_tail_ = got + more;
+  const std::size_t size = sizeof head + head.length + kCrcSize;
+  if (const std::size_t whole = Buffer(size); whole < size) {
+    lost_tail_ = whole;
     return false;
   }
-  if (!CrcIsRight(block_)) Damaged("its checksum is wrong");
+  const char* const bytes = buffer_.data() + begin_;
+  if (!wire::CrcIsRight(bytes, size)) Damaged("its checksum is wrong");
   record.event = static_cast<Event>(head.event);
   record.monotonic_ns = head.monotonic_ns;
   record.wall_ns = head.wall_ns;
-  record.bytes.assign(block_.begin() + sizeof head, block_.end() - kCrcSize);
-  position_ += block_.size();
+  record.bytes = {bytes + sizeof head, head.length};
+  begin_ += size;
+  position_ += size;
   ++records_;
   return true;
 }
 
 /// After a power failure a file system may fill the file's last block with zeros.
-bool RecordingReader::EndOfRecords(const std::vector<char>& rest) {
-  const auto is_zero = [](char c) { return c == 0; };
-  if (!std::all_of(rest.begin(), rest.end(), is_zero)) Damaged("no record begins there");
-  lost_tail_ = rest.size();
-  std::array<char, 4096> more;
-  while (const std::size_t count = Take(more.data(), more.size())) {
-    if (!std::all_of(more.begin(), more.begin() + count, is_zero)) Damaged("no record begins there");
-    lost_tail_ += count;
+bool RecordingReader::EndOfRecords() {
+  lost_tail_ = 0;
+  while (Buffer(1) > 0) {
+    const std::string_view rest(buffer_.data() + begin_, end_ - begin_);
+    if (rest.find_first_not_of('\0') != std::string_view::npos) Damaged("no record begins there");
+    lost_tail_ += rest.size();
+    begin_ = end_;
   }
   return false;
 }
 
 void RecordingReader::Rewind() {
-  if (std::fseek(file_.get(), static_cast<long>(first_record_), SEEK_SET) != 0) {
+  if (lseek(file_.Get(), static_cast<off_t>(first_record_), SEEK_SET) < 0) {
     throw RecordingError(path_ + ": " + Reason());
   }
+  begin_ = end_ = 0;
   position_ = first_record_;
   records_ = 0;
   lost_tail_ = 0;

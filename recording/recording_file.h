@@ -4,10 +4,9 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <memory>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "fd.h"
@@ -59,7 +58,7 @@ struct Record {
   Event event = Event::kToController;
   std::uint64_t monotonic_ns = 0;
   std::uint64_t wall_ns = 0;
-  std::vector<char> bytes;
+  std::string_view bytes;  ///< what passed, 0 to kMaxRecordBytes; valid until the reader's next call
 };
 
 /// Reads a recording from front to back.
@@ -84,17 +83,15 @@ class RecordingReader {
   void Rewind();
 
  private:
-  struct CloseFile {
-    void operator()(std::FILE* file) const { std::fclose(file); }
-  };
-
-  std::size_t Take(char* bytes, std::size_t size);
-  bool EndOfRecords(const std::vector<char>& rest);
+  /// Has that many of the file's next bytes at buffer_[begin_]. @return how many there are, less only at the file's end
+  std::size_t Buffer(std::size_t size);
+  bool EndOfRecords();
   [[noreturn]] void Damaged(const std::string& what) const;
 
   std::string path_;
-  std::unique_ptr<std::FILE, CloseFile> file_;
-  std::vector<char> block_;  ///< the record that is read; its memory is used again
+  wire::Fd file_;
+  std::vector<char> buffer_;
+  std::size_t begin_ = 0, end_ = 0;  ///< of what was read and not yet taken
   RecordingHeader header_;
   std::uint64_t first_record_ = 0;  ///< offsets in the file
   std::uint64_t position_ = 0;

@@ -88,7 +88,7 @@ TEST_F(Recording, IsTheDocumentedBytesAndReadFieldByField) {
     EXPECT_EQ(record.event, Event::kToHost);
     EXPECT_EQ(record.monotonic_ns, 0x0102030405060708U);
     EXPECT_EQ(record.wall_ns, 0x1112131415161718U);
-    EXPECT_EQ(record.bytes, Bytes(kFrame, kFrame + 3));
+    EXPECT_EQ(record.bytes, std::string_view(kFrame, 3));
     EXPECT_FALSE(reader.Next(record));
     EXPECT_EQ(reader.LostTail(), 0U);
     reader.Rewind();

@@ -15,14 +15,14 @@ std::uint16_t Crc(const char* frame, std::size_t covered) {
   return CalcCrc16(reinterpret_cast<const unsigned char*>(frame), static_cast<unsigned short>(covered));
 }
 
-bool CrcIsRight(const char* frame, std::size_t size) {
+}  // namespace
+
+bool CrcIsRight(const char* block, std::size_t size) {
   const std::size_t covered = size - kCrcSize;
   std::uint16_t stored = 0;
-  std::memcpy(&stored, frame + covered, sizeof stored);
-  return stored == Crc(frame, covered);
+  std::memcpy(&stored, block + covered, sizeof stored);
+  return stored == Crc(block, covered);
 }
-
-}  // namespace
 
 template <typename Packet>
 FrameStream<Packet>::FrameStream(int joints)

@@ -14,6 +14,10 @@ namespace velta::wire {
 /// Joints that one status frame can carry in a datagram (79 n + 24 bytes).
 inline constexpr int kMaxJoints = 828;
 
+/// Whether a block's last two bytes are the CRC of all before them, as of frames and of a recording's records.
+/// @param size bytes of the block, 2 to 65,537
+bool CrcIsRight(const char* block, std::size_t size);
+
 /// Cuts whole frames out of a byte stream that arrives in pieces of any size, and accounts for every byte.
 ///
 /// Units:   a frame of n joints is S bytes: 18 n + 13 for a command, 79 n + 24 for a status.

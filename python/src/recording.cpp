@@ -18,9 +18,7 @@ namespace {
 class Content {
  public:
   explicit Content(const std::string& path)
-      : reader_(path),
-        joints(reader_.Header().joints),
-        states(joints, FileSize(path) / (commands_.FrameSize() + statuses_.FrameSize())) {}
+      : reader_(path), joints(reader_.Header().joints), states(joints, FileSize(path) / statuses_.FrameSize()) {}
 
   const recording::RecordingHeader& Header() const { return reader_.Header(); }
   std::uint64_t LostBytes() const { return commands_.Lost() + statuses_.Lost(); }
@@ -96,11 +94,7 @@ class Content {
   }
 
   static bool IsGoodFrame(const char* bytes, std::size_t size) {
-    const std::size_t covered = size - kCrcSize;
-    std::uint16_t crc = 0;
-    std::memcpy(&crc, bytes + covered, sizeof crc);
-    return std::memcmp(bytes, kStartMark, sizeof kStartMark) == 0 &&
-           crc == CalcCrc16(reinterpret_cast<const unsigned char*>(bytes), static_cast<unsigned short>(covered));
+    return std::memcmp(bytes, kStartMark, sizeof kStartMark) == 0 && wire::CrcIsRight(bytes, size);
   }
 
   recording::RecordingReader reader_;

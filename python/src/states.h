@@ -14,7 +14,7 @@ namespace velta::python {
 /// Many statuses of n joints as arrays.
 class States {
  public:
-  /// @param count  for so many memory is taken at once
+  /// @param count  the most that are expected; memory is used for those that come only
   States(int joints, std::size_t count);
 
   void Add(const RecvPacket& packet, std::uint64_t received);
@@ -31,7 +31,7 @@ class States {
   void AddHeader(const rxHeader_t& header, std::uint64_t received);
 
   int joints_;
-  std::vector<rxJoint_t> records_;
+  std::vector<rxJoint_t, LargePages<rxJoint_t>> records_;
   std::vector<std::uint64_t> time_, host_time_, received_;
   std::vector<float> duration_;
 };

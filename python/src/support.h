@@ -4,15 +4,18 @@
 
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
+#include <sys/mman.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <exception>
 #include <initializer_list>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <string>
 #include <type_traits>
@@ -135,12 +138,33 @@ py::array ViewRecords(const py::dtype& dtype, const std::vector<Record>& records
   return view;
 }
 
-/// An array of its own over what a vector holds, of any shape of that size; no copy.
+/// Takes large memory in pages of 2 MiB where the system has them: one page fault in place of 512, which together take
+/// longer than it takes to fill the memory.
 template <typename T>
-py::array Own(std::vector<T>&& values, const py::dtype& dtype, std::vector<py::ssize_t> shape) {
-  auto kept = std::make_unique<std::vector<T>>(std::move(values));
+struct LargePages {
+  using value_type = T;
+
+  T* allocate(std::size_t count) {
+    constexpr std::size_t kPage = std::size_t{1} << 21;
+    const std::size_t size = count * sizeof(T);
+    void* const memory =
+        size < kPage ? std::malloc(size) : std::aligned_alloc(kPage, (size + kPage - 1) / kPage * kPage);
+    if (memory == nullptr) throw std::bad_alloc();
+    if (size >= kPage) static_cast<void>(madvise(memory, size, MADV_HUGEPAGE));  // a wish only
+    return static_cast<T*>(memory);
+  }
+  void deallocate(T* memory, std::size_t /*count*/) { std::free(memory); }
+
+  friend bool operator==(const LargePages& /*left*/, const LargePages& /*right*/) { return true; }
+  friend bool operator!=(const LargePages& /*left*/, const LargePages& /*right*/) { return false; }
+};
+
+/// An array of its own over what a vector holds, of any shape of that size; no copy.
+template <typename T, typename Memory>
+py::array Own(std::vector<T, Memory>&& values, const py::dtype& dtype, std::vector<py::ssize_t> shape) {
+  auto kept = std::make_unique<std::vector<T, Memory>>(std::move(values));
   const void* const data = kept->data();
-  const py::capsule owner(kept.get(), [](void* vector) { delete static_cast<std::vector<T>*>(vector); });
+  const py::capsule owner(kept.get(), [](void* vector) { delete static_cast<std::vector<T, Memory>*>(vector); });
   static_cast<void>(kept.release());
   return py::array(dtype, std::move(shape), data, owner);
 }
