@@ -35,14 +35,40 @@ def command(stamp, joints, orders={}, arm=0):
     return sealed(body)
 
 
+def read_command(frame):
+    """The stamp, the arm's code, and (code, value1 to value4) of each joint."""
+    assert frame[:2] == b"\xab\xcd" and sealed(frame[:-2]) == frame
+    stamp, arm = struct.unpack_from("<QB", frame, 2)
+    return stamp, arm, [joint[1:] for joint in struct.iter_unpack("<BB4f", frame[11:-2])]
+
+
+STATUS_FIELDS = (
+    "type com_status system_mode ctrl_mode ew_status trj_status trj_via_remain ref_current ref_position ref_velocity "
+    "ref_acceleration ref_effort current position velocity out_conv_in_velocity acceleration out_conv_in_acceleration "
+    "effort temperature").split()
+
+
+def status_of(timestamp, echoed, duration, joints):
+    """joints: a dict of STATUS_FIELDS each, `general` too; what is missing is 0."""
+    body = b"\xab\xcd" + struct.pack("<QQf", timestamp, echoed, duration)
+    for joint in joints:
+        body += struct.pack("<4BIBH17f", *(joint.get(field, 0) for field in STATUS_FIELDS), *joint.get("general", (0, 0, 0, 0)))
+    return sealed(body)
+
+
 def status(timestamp, echoed, joints, modes={}, positions={}, errors={}, velocities={}, trajectory=0, control=20):
     """modes, positions, errors, velocities: joint -> value; mode 2 is servo on"""
-    body = b"\xab\xcd" + struct.pack("<QQf", timestamp, echoed, 0.5)
-    for joint in range(joints):
-        reals = [float(i) for i in range(17)]
-        reals[6], reals[7] = positions.get(joint, 0.0), velocities.get(joint, 7.0)
-        body += struct.pack("<4BIBH17f", 0, 1, modes.get(joint, 2), control, errors.get(joint, 0), trajectory, 7, *reals)
-    return sealed(body)
+    every = dict(zip(STATUS_FIELDS[7:], range(13)), com_status=1, ctrl_mode=control, trj_status=trajectory, trj_via_remain=7,
+                 general=(13, 14, 15, 16))
+    return status_of(timestamp, echoed, 0.5, [
+        {**every, "system_mode": modes.get(joint, 2), "ew_status": errors.get(joint, 0), "position": positions.get(joint, 0),
+         "velocity": velocities.get(joint, 7)} for joint in range(joints)])
+
+
+def some_joints(n):
+    """Joints whose every field has a value of its own."""
+    return [{**{field: 1 + i + 10 * k for k, field in enumerate(STATUS_FIELDS)}, "general": (i, i + 0.5, -i, 1e6)}
+            for i in range(n)]
 
 
 def damaged(frame):

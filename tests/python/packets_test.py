@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""Packets, commands and the bare client against an independent codec."""
+"""Packets, commands and the bare client against the wire format as frames.py has it."""
 
 import math
 import socket
@@ -8,11 +8,11 @@ import numpy as np
 import pytest
 import velta
 
-import codec
-from frames import command_table, crc16
+import frames
+from frames import STATUS_FIELDS, crc16, some_joints, status_of
 
 A = 1.5
-SETTERS = list(command_table())
+SETTERS = list(frames.command_table())
 IDLE = (0, 0, 0, 0, 0)
 
 
@@ -24,14 +24,14 @@ def test_the_table_has_every_setter():
 @pytest.mark.parametrize("words, of_arm, code, values", SETTERS, ids=[" ".join(words) for words, *_ in SETTERS])
 def test_setter_writes_code_and_values_of_the_named_joints_only(words, of_arm, code, values):
     name, *arguments = words[0].replace("-", "_"), *([] if of_arm else ["0/2"]), *(float(word) for word in words[1:])
-    values = tuple(values) + (0,) * (4 - len(values))
-    joints = [(0, *values), IDLE, IDLE] if of_arm else [(code, *values), IDLE, (code, *values)]
+    orders, arm = ({0: (0, *values)}, code) if of_arm else (dict.fromkeys((0, 2), (code, *values)), 0)
+    expected = frames.command(77, 3, orders, arm)
     command, packet = velta.Command(3), velta.SendPacket(3)
     assert getattr(command, name)(*arguments) is command
     getattr(packet, "set_" + name)(*arguments)
     for each in (command, packet):
         each.set_time_stamp(77)
-        assert bytes(each) == codec.command(77, joints, code if of_arm else 0)
+        assert bytes(each) == expected
 
 
 @pytest.mark.parametrize("joints, named", [
@@ -73,11 +73,11 @@ def test_the_bare_packet_skips_what_names_nothing_as_in_cpp():
 
 @pytest.mark.parametrize("n", [1, 6, 828])
 def test_a_status_is_read_field_by_field_without_a_copy(n):
-    joints = codec.some_joints(n if n < 100 else 2) + [{}] * (n - 2 if n >= 100 else 0)
+    joints = some_joints(n if n < 100 else 2) + [{}] * (n - 2 if n >= 100 else 0)
     packet = velta.RecvPacket(n)
-    assert packet.parse(codec.status(2**63 + 1, 2**64 - 1, 0.5, joints))
+    assert packet.parse(status_of(2**63 + 1, 2**64 - 1, 0.5, joints))
     assert (packet.timestamp, packet.host_timestamp, packet.duration) == (2**63 + 1, 2**64 - 1, 0.5)
-    for field in codec.STATUS_FIELDS:
+    for field in STATUS_FIELDS:
         view = getattr(packet, field)
         assert view.tolist() == [joint.get(field, 0) for joint in joints] == packet.joints[field].tolist()
         assert view.base is packet and not view.flags.writeable and not view.flags.owndata
@@ -90,7 +90,7 @@ def test_a_status_is_read_field_by_field_without_a_copy(n):
 
 
 def test_the_parser_cuts_frames_and_drops_damaged_ones():
-    frame = codec.status(1, 2, 0, codec.some_joints(2))
+    frame = status_of(1, 2, 0, some_joints(2))
     damaged = frame[:-1] + bytes([frame[-1] ^ 1])
     parser = velta.PacketParser(2)
     for byte in b"garbage" + frame + damaged + frame:
@@ -126,11 +126,11 @@ def test_the_bare_client_speaks_the_wire():
             command = velta.Command(2).ref_position(1, A)
             client.push_send_queue(command, True)
             client.send_packet_in_buffer()
-            sent = codec.read_command(host.recv(1000))
+            sent = frames.read_command(host.recv(1000))
             assert sent == (command.get_time_stamp(), 0, [IDLE, (0x11, A, 0, 0, 0)]) and command.get_confirm_received()
-            host.sendall(codec.status(9, sent.stamp, 0, codec.some_joints(2)))
+            host.sendall(status_of(9, sent[0], 0, some_joints(2)))
             while client.receive_status() == 0:
                 pass
             (packet,) = client.get_cur_state_packet()
-            assert (packet.timestamp, packet.host_timestamp) == (9, sent.stamp)
+            assert (packet.timestamp, packet.host_timestamp) == (9, sent[0])
             assert client.get_statistics()["frames_received"] == 1

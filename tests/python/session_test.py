@@ -18,15 +18,16 @@ import pytest
 import velta
 from velta import _velta
 
-import codec
+from frames import STATUS_FIELDS, command, read_command, some_joints, status_of
 
 PATIENCE = 30
+JOINTS = some_joints(2)
 
 
 class Controller:
-    """A controller of two joints over TCP, made with the codec alone. It answers each command that `answers` lets."""
+    """A controller of two joints over TCP, without the library. It answers every command, or none."""
 
-    def __init__(self, answers=lambda command: True):
+    def __init__(self, answers=True):
         self.server = socket.create_server(("127.0.0.1", 0))
         self.link = f"tcp://127.0.0.1:{self.server.getsockname()[1]}"
         self.commands = []
@@ -41,14 +42,14 @@ class Controller:
     def _answer(self):
         host, _ = self.server.accept()
         with host:
-            host.sendall(codec.status(0, 0, 0, codec.some_joints(2)))
-            size = len(codec.command(0, [(0, 0, 0, 0, 0)] * 2))
+            host.sendall(status_of(0, 0, 0, JOINTS))
+            size = len(command(0, 2))
             while frame := host.recv(size, socket.MSG_WAITALL):
-                command = codec.read_command(frame)
-                if command.arm_order or any(joint[0] for joint in command.joints):
-                    self.commands.append(command)
-                if self.answers(command):
-                    host.sendall(codec.status(len(self.commands), command.stamp, 0.5, codec.some_joints(2)))
+                stamp, arm, joints = read_command(frame)
+                if arm or any(joint[0] for joint in joints):
+                    self.commands.append((stamp, joints))
+                if self.answers:
+                    host.sendall(status_of(len(self.commands), stamp, 0.5, JOINTS))
 
 
 def wait_for(condition):
@@ -86,19 +87,19 @@ def test_a_command_is_confirmed_over_every_link(velta_sim, link):
             velta_sim(link=link, options=["--on-command"])
 
 
-def test_frames_both_ways_are_those_of_the_codec():
+def test_frames_both_ways_are_those_of_the_wire():
     controller = Controller()
     with connect(controller.link, joints=2) as arm:
         before = time.time_ns()
         assert arm.send(velta.Command(2).trajectory_pvt(1, 1.5, 2.5, 3.5), confirm=True).wait(PATIENCE)
         state = arm.latest()
         drained = wait_for(lambda: [s for s in [arm.drain()] if len(s)])[0]
-    (command,) = controller.commands
-    assert command.joints == [(0, 0, 0, 0, 0), (0x3D, 1.5, 2.5, 3.5, 0)]
-    assert state.host_time == command.stamp and state.duration == 0.5 and len(state) == 2
+    ((stamp, joints),) = controller.commands
+    assert joints == [(0, 0, 0, 0, 0), (0x3D, 1.5, 2.5, 3.5, 0)]
+    assert state.host_time == stamp and state.duration == 0.5 and len(state) == 2
     assert abs(state.received - before) < PATIENCE * 1e9
-    for field in codec.STATUS_FIELDS:
-        assert getattr(state, field).tolist() == [joint[field] for joint in codec.some_joints(2)]
+    for field in STATUS_FIELDS:
+        assert getattr(state, field).tolist() == [joint[field] for joint in JOINTS]
         assert drained[field].shape == (len(drained), 2)
     assert drained.joints.shape == drained["position"].shape and drained["position"][0, 1] == state.position[1]
     assert drained.received.dtype == drained.time.dtype == drained.host_time.dtype == np.int64
@@ -107,11 +108,11 @@ def test_frames_both_ways_are_those_of_the_codec():
     position = state.position
     del state
     gc.collect()
-    assert view() is not None and position.tolist() == [codec.some_joints(2)[i]["position"] for i in range(2)]
+    assert view() is not None and position.tolist() == [JOINTS[i]["position"] for i in range(2)]
 
 
 def test_a_silent_controller_is_told_apart(velta_sim):
-    controller = Controller(answers=lambda command: False)
+    controller = Controller(answers=False)
     with velta.connect(controller.link, joints=2, silence=0) as arm:
         waits = arm.send(velta.Command(2).servo_on("all"), confirm=True)
         behind = arm.send(velta.Command(2).servo_off("all"))
@@ -126,6 +127,17 @@ def test_a_silent_controller_is_told_apart(velta_sim):
         assert behind.outcome is velta.Outcome.DISCARDED and behind.reason == "another command gave up"
         with pytest.raises(velta.TimeoutError):
             next(arm.states(timeout=0))
+
+
+@pytest.mark.parametrize("on_loss, outcome", [("discard", velta.Outcome.DISCARDED), ("keep", velta.Outcome.PENDING)])
+def test_what_waits_is_discarded_or_kept_over_a_loss(velta_sim, on_loss, outcome):
+    simulator = velta_sim(joints=3, faults=["no-echo"])
+    with velta.connect(simulator, joints=3, timeout=PATIENCE, silence=0.3, period=0.05, on_loss=on_loss) as arm:
+        arm.send(velta.Command(3), confirm=True)  # awaits its echo
+        waits = arm.send(velta.Command(3))
+        simulator.stop()
+        wait_for(lambda: not arm.is_connected)
+        assert waits.outcome is outcome
 
 
 def test_connecting_fails_with_the_reason():
@@ -267,14 +279,18 @@ def test_log_lines_go_to_logging_and_nothing_to_standard_output(velta_sim, capfd
         wait_for(lambda: "Success to open TCP Connection to 127.0.0.1" in caplog.text)
         assert not velta.MasterControllerClient(1).init_as_tcp_client(host, 1)
         wait_for(lambda: len(caplog.records) == 2)
-    assert [record.levelname for record in caplog.records] == ["INFO", "ERROR"]
+        assert [record.levelname for record in caplog.records] == ["INFO", "ERROR"]
+        for lines in range(1002, 11_003, 1000):  # more than may wait at a time
+            for _ in range(1000):
+                velta.MasterControllerClient(1).init_as_tcp_client(host, 1)
+            wait_for(lambda: len(caplog.records) == lines)
     assert capfd.readouterr() == ("", "")
 
 
 def test_control_c_ends_every_wait(arm):
     silent = socket.create_server(("127.0.0.1", 0))
     link = f"tcp://127.0.0.1:{silent.getsockname()[1]}"
-    dead = Controller(answers=lambda command: False)
+    dead = Controller(answers=False)
     with velta.connect(dead.link, joints=2, silence=0, period=1) as slow:  # an answer is waited for minutes here
         never = slow.send(velta.Command(2), confirm=True)
         for wait in (lambda: never.wait(), lambda: next(slow.states(None)), lambda: next(slow.events()),
@@ -319,10 +335,10 @@ def test_a_flight_record_is_read_as_arrays(tmp_path):
     assert recording.joint_num == 2 and recording.link == controller.link and recording.lost_bytes == 0
     moved = recording.commands["order"][:, 1] == 0x11
     assert recording.commands["value1"][moved, 1].tolist() == [0, 1, 2, 3, 4]
-    assert recording.commands.time[moved].tolist() == [command.stamp for command in controller.commands]
+    assert recording.commands.time[moved].tolist() == [stamp for stamp, _ in controller.commands]
     assert recording.commands.sent[0] > 1e18
     assert set(recording.states.host_time.tolist()) >= set(recording.commands.time[moved][:-1].tolist())
-    assert (recording.states["position"] == [joint["position"] for joint in codec.some_joints(2)]).all()
+    assert (recording.states["position"] == [joint["position"] for joint in JOINTS]).all()
     assert [event.kind for event in recording.events] == ["opened"]
     (tmp_path / "bad.vrec").write_bytes(b"x" * 100)
     for bad in ("bad.vrec", "missing.vrec"):
