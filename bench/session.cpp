@@ -197,10 +197,10 @@ void MeasureContention() {
 constexpr std::array<double, 3> kShares = {0.5, 0.99, 0.999};
 using Quantiles = std::array<double, kShares.size()>;
 
-/// Quantiles in us by cyclictest, at the same priority; zeros where it is not installed.
-Quantiles Cyclictest(int priority, int seconds) {
-  const std::string command = "cyclictest -q -m -t1 -i1000 -h10000 -p" + std::to_string(priority) + " -D" +
-                              std::to_string(seconds) + " 2>/dev/null";
+/// Quantiles in us by cyclictest on one processor; zeros where it is not installed.
+Quantiles Cyclictest(int priority, unsigned processor, int seconds) {
+  const std::string command = "cyclictest -q -m -t1 -i1000 -h10000 -a" + std::to_string(processor) + " -p" +
+                              std::to_string(priority) + " -D" + std::to_string(seconds) + " 2>/dev/null";
   FILE* const pipe = popen(command.c_str(), "r");
   if (pipe == nullptr) return {};
   std::vector<double> samples;
@@ -243,8 +243,11 @@ class Awake {
   int fd_;
 };
 
+/// A session and cyclictest in the same seconds, on a processor each, which they exchange after each round: what the
+/// machine's host takes away comes and goes.
 void MeasureLateness(int seconds) {
   const Awake awake;
+  const unsigned processors = std::thread::hardware_concurrency();
   for (const bool loaded : {false, true}) {
     std::atomic<bool> is_over{false};
     std::vector<std::thread> load;
@@ -254,23 +257,24 @@ void MeasureLateness(int seconds) {
         }
       });
     }
-    velta::SessionOptions options = Options("sim:", 7);
-    options.priority = 80;
-    options.lock_memory = true;
     std::vector<Quantiles> session_rounds, cyclictest_rounds;
     std::string note;
-    for (int round = 0; round < 2 * kRounds + 1; ++round) {  // in turn, since other load comes and goes
-      {
-        velta::Session arm(options);
-        arm.OnEvent([&](const velta::Event& event) {
-          if (event.kind == velta::Event::Kind::kNotice) note = " (" + event.text + ")";
-        });
-        arm.Start();
-        std::this_thread::sleep_for(std::chrono::seconds(seconds));
-        const velta::Lateness lateness = arm.GetStatistics().lateness;
-        session_rounds.push_back({lateness.p50_us, lateness.p99_us, lateness.p999_us});
-      }
-      cyclictest_rounds.push_back(Cyclictest(80, seconds));
+    for (unsigned round = 0; round < 6 * processors; ++round) {
+      Peer peer;
+      velta::SessionOptions options = Options("tcp://127.0.0.1:" + std::to_string(peer.Port()), 7);
+      options.silence = std::chrono::nanoseconds(0);
+      options.priority = 80;
+      options.processor = static_cast<int>(round % processors);
+      options.lock_memory = true;
+      velta::Session arm(options);
+      arm.OnEvent([&](const velta::Event& event) {
+        if (event.kind == velta::Event::Kind::kNotice) note = " (" + event.text + ")";
+      });
+      arm.Start();
+      peer.Accept();
+      cyclictest_rounds.push_back(Cyclictest(80, (round + 1) % processors, seconds));
+      const velta::Lateness lateness = arm.GetStatistics().lateness;
+      session_rounds.push_back({lateness.p50_us, lateness.p99_us, lateness.p999_us});
     }
     is_over = true;
     for (std::thread& thread : load) thread.join();
