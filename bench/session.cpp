@@ -152,7 +152,7 @@ void MeasureSend() {
               static_cast<double>(allocations) / 5000);
 }
 
-/// The p99 of a step every ms, alone or beside threads that send. They do not sleep in between: the interrupts that end
+/// The p99 of a step every ms, by itself or beside threads that send. They do not sleep in between: the interrupts that end
 /// a sleep would be measured.
 double StepP99(int senders_count) {
   Stepped session(7);
@@ -190,7 +190,7 @@ void MeasureContention() {
     beside.push_back(StepP99(8));
   }
   const double lonely = Quantile(alone, 0.5), contended = Quantile(beside, 0.5);
-  std::printf("a step's p99: alone %.1f us, beside 8 sending threads %.1f us, ratio %.2f\n", lonely / 1e3,
+  std::printf("a step's p99: by itself %.1f us, beside 8 sending threads %.1f us, ratio %.2f\n", lonely / 1e3,
               contended / 1e3, contended / lonely);
 }
 

@@ -437,7 +437,7 @@ void FloorWithHost(State& state, int n) {
     TakeFrame(status, buffer);
   });
 }
-/// @param before  untimed, behind the peer's sending
+/// @param before  untimed, after the peer's sending
 /// @param steps   timed
 /// @param after   untimed
 template <typename Before, typename Steps, typename After>

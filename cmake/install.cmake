@@ -9,7 +9,7 @@ configure_package_config_file(cmake/veltaConfig.cmake.in veltaConfig.cmake INSTA
 write_basic_package_version_file(veltaConfigVersion.cmake COMPATIBILITY SameMajorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/veltaConfig.cmake ${PROJECT_BINARY_DIR}/veltaConfigVersion.cmake
         DESTINATION ${velta_cmake_dir} COMPONENT devel)
-# pkg-config's prefix is told relative to the .pc file.
+# pkg-config's prefix is relative to the .pc file.
 file(RELATIVE_PATH pc_to_prefix ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(cmake/velta.pc.in velta.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/velta.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT devel)

@@ -71,7 +71,7 @@ install(DIRECTORY examples/ DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/libvelt
 velta_package(tools velta-tools utils "tools for the wire to a robot arm's master controller" "${about}
 .
 This package contains the velta program: it simulates a controller, watches,
-records and plays what passes on a link, sends single commands, and tells what
+records and plays what passes on a link, sends single commands, and says what
 is wrong when nothing moves.")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libvelta2 (>= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "gnuplot-nox, velta-bridge")

@@ -153,7 +153,7 @@ int main(int argc, char** argv) {
   int joints = 6;
   int timeout_s = 15;
   CLI::App app(
-      "Drives an arm to a target pose and tells whether it arrived.\n"
+      "Drives an arm to a target pose and says whether it arrived.\n"
       "Example: drive_arm --tcp 192.168.0.10:5000 --joints 7");
   app.add_option("--tcp", tcp, "controller on TCP")->type_name("IP:PORT");
   app.add_option("--udp", udp, "controller on UDP")->type_name("IP:PORT")->excludes("--tcp");

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Closes a gripper with bounded effort, then tells the controller what the arm carries.
+// Closes a gripper with bounded effort, then sets what the arm carries.
 // usage: gripper_and_payload IP PORT
 #include <MasterControllerClient.h>
 

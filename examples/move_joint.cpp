@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Moves one joint along a trajectory of one point and tells where it is. usage: move_joint IP PORT
+// Moves one joint along a trajectory of one point and prints where it is. usage: move_joint IP PORT
 #include <MasterControllerClient.h>
 
 #include <chrono>
@@ -9,7 +9,7 @@
 #include <thread>
 
 int main(int argc, char** argv) {
-  constexpr int kJoints = 6;  // as the controller is set up; no frame tells it
+  constexpr int kJoints = 6;  // as the controller is set up; no frame says it
   constexpr float kTarget = 30;
   if (argc != 3) return std::fprintf(stderr, "usage: move_joint IP PORT\n"), 2;
   MasterControllerClient arm(kJoints);

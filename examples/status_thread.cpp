@@ -19,7 +19,7 @@ constexpr int kPerFeeder = 20;
 std::atomic<bool> running{true};
 std::atomic<bool> connected{true};
 
-/// The only thread that touches the link. IsConnected() is its own, so it tells the others.
+/// The only thread that touches the link. IsConnected() is its own, so it passes the result on.
 void RunSteps(MasterControllerClient& arm) {
   auto next = std::chrono::steady_clock::now();
   while (running && arm.IsConnected()) {

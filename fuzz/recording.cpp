@@ -38,7 +38,7 @@ File Compose(Input& in) {
   return file;
 }
 
-/// The records' bytes, again as they stand in the file; what is left behind them in lost_tail.
+/// The records' bytes, again as they stand in the file; what is left after them in lost_tail.
 std::vector<char> ReadAll(recording::RecordingReader& reader, std::size_t& count, std::uint64_t& lost_tail) {
   std::vector<char> bytes;
   recording::Record record;
@@ -84,7 +84,7 @@ void Run(Input& in) {
     Check(whole == count + 1, "every whole record is read");
     Check(std::equal(records.begin(), records.end(), file.bytes.begin() + static_cast<std::ptrdiff_t>(file.ends[0])),
           "records are the file's");
-    Check(file.ends[count] + tail == file.bytes.size(), "the rest is told");
+    Check(file.ends[count] + tail == file.bytes.size(), "the rest is counted");
   } catch (const recording::RecordingError&) {
     Check(form != Whole && (form != Cut || file.bytes.size() < file.ends[0]), "a good recording is not refused");
   }

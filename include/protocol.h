@@ -13,7 +13,7 @@
 ///
 /// Both begin with the start mark 0xAB 0xCD and end with a CRC-16, low byte first; between them stand the rest of a
 /// fixed header and one record per joint, joint 0 first. All numbers are little-endian, reals are IEEE-754 singles in
-/// the controller's own units. No frame tells its length or its joint count: both ends must be set to the same n.
+/// the controller's own units. No frame contains its length or its joint count: both ends must be set to the same n.
 ///
 ///   command frame, host to controller:  11 + 18 n + 2 bytes
 ///   status frame, controller to host:   22 + 79 n + 2 bytes
@@ -33,13 +33,13 @@ inline constexpr int kCrcSize = 2;                           ///< bytes of the C
 struct __attribute__((packed)) txHeader_t {
   std::uint8_t startMark[2];  ///< 0xAB 0xCD
   std::uint64_t timeStamp;    ///< host time, nanoseconds since the Unix epoch; echoed by the controller
-  std::uint8_t armOrder;      ///< ePacketArmOrder code; 0 commands nothing
+  std::uint8_t armOrder;      ///< ePacketArmOrder code; 0 is none
 };
 
 /// One joint of a command frame, 18 bytes.
 struct __attribute__((packed)) txJoint_t {
   std::uint8_t id;     ///< joint index, 0-based; equals the record's position (cut to 8 bits)
-  std::uint8_t order;  ///< ePacketOrder code; 0 commands nothing
+  std::uint8_t order;  ///< ePacketOrder code; 0 is none
   float value1;        ///< first argument, in the controller's units, unscaled; so are the others
   float value2;        ///< second argument
   float value3;        ///< third argument

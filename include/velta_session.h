@@ -45,7 +45,7 @@ enum class Reason : std::uint8_t {
   kLinkLost,     ///< waited, or was not confirmed yet, when the link was lost
   kOtherGaveUp,  ///< waited in the plain queue, or in a source of the frame, when another command was given up
   kDeadMan,      ///< the dead-man stopped the arm, and nothing was rearmed yet
-  kStopped,      ///< the session was stopped, or its source told to discard it
+  kStopped,      ///< the session was stopped, or its source discarded it
   kReplaced,     ///< a newer command of the same key took its place
   kBadCommand,   ///< its joint count is not the session's
   kQueueFull     ///< more commands wait than SessionOptions::queue_size

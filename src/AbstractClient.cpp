@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
 #include "AbstractClient.h"
 
-// Here, so that the library alone holds the class's virtual table.
+// Here, so that only the library holds the class's virtual table.
 AbstractClient::~AbstractClient() = default;

@@ -283,7 +283,7 @@ bool MasterControllerClient::SendOnce(SendPacket& packet, bool keep_timestamp) {
 
 bool MasterControllerClient::TakeNextPacket() {
   // The queue's size is read without the mutex, deliberately. Other threads push and flush meanwhile, so the count
-  // tells what is surely there, and taking tells what is still there.
+  // shows what is surely there, and taking shows what is still there.
   if ((parts_->commands_queued.Get() != 0 || GetSendBufferSize() != 0) && TakeFront(cur_send_packet_)) return true;
   const std::string* const key = unique_send_map_.FirstNotSentKey();
   if (key == nullptr) return false;

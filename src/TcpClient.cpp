@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "TcpClient.h"
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -31,9 +30,7 @@ TcpClient::~TcpClient() {
 }
 
 bool TcpClient::Init() {
-  server_addr_->sin_family = AF_INET;
-  server_addr_->sin_port = htons(static_cast<std::uint16_t>(port));
-  server_addr_->sin_addr.s_addr = inet_addr(ip.c_str());  // all ones for a bad text, deliberately unchecked
+  velta::detail::SetAddress(*server_addr_, ip, port);
   const bool connected = Connect();
   if (connected) is_init_ = true;
   return connected;
@@ -45,7 +42,7 @@ bool TcpClient::CreateSocket() {
 }
 
 bool TcpClient::Connect() {
-  CreateSocket();  // unchecked deliberately: without a socket the steps below fail and tell why
+  CreateSocket();  // unchecked deliberately: without a socket the steps below fail and say why
   if (!ConnectSocket(kKind, sockfd_, *server_addr_, ip)) return false;
   int no_delay = 0;
   socklen_t size = sizeof no_delay;

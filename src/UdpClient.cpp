@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "UdpClient.h"
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -29,9 +28,7 @@ UdpClient::~UdpClient() {
 }
 
 bool UdpClient::Init() {
-  server_addr_->sin_family = AF_INET;
-  server_addr_->sin_port = htons(static_cast<std::uint16_t>(port));
-  server_addr_->sin_addr.s_addr = inet_addr(ip.c_str());  // all ones for a bad text, deliberately unchecked
+  velta::detail::SetAddress(*server_addr_, ip, port);
   const bool connected = Connect();
   if (connected) is_init_ = true;
   return connected;
@@ -43,7 +40,7 @@ bool UdpClient::CreateSocket() {
 }
 
 bool UdpClient::Connect() {
-  CreateSocket();  // unchecked deliberately: without a socket the steps below fail and tell why
+  CreateSocket();  // unchecked deliberately: without a socket the steps below fail and say why
   return ConnectSocket(kKind, sockfd_, *server_addr_, ip);
 }
 

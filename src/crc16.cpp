@@ -141,7 +141,7 @@ __attribute__((target("avx,pclmul"))) unsigned short Crc16Folded(const unsigned 
   }
   for (; length > 0; data += 16, length -= 16) value = Fold(value, by128, Load(data));
 
-  // 16 bytes to 10: the first eight move behind the last eight; then eight bytes by table, and two are left.
+  // 16 bytes to 10: the first eight move after the last eight; then eight bytes by table, and two are left.
   constexpr std::uint64_t kBy80 = PowerOfX(79);
   const __m128i head = _mm_clmulepi64_si128(value, _mm_cvtsi64_si128(static_cast<long long>(kBy80)), 0x00);
   const auto low = static_cast<std::uint64_t>(_mm_cvtsi128_si64(head));

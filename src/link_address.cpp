@@ -59,7 +59,7 @@ bool IsNameCharacter(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '_';
 }
 
-/// Parts of letters, digits, '-' and '_' between dots, also one dot at the end; not digits alone in the last part,
+/// Parts of letters, digits, '-' and '_' between dots, also one dot at the end; not only digits in the last part,
 /// which is what a mistyped address has.
 bool IsHostName(std::string_view host) {
   if (!host.empty() && host.back() == '.') host.remove_suffix(1);

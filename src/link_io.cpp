@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "link_io.h"
 
+#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/ioctl.h>
@@ -52,6 +53,12 @@ void ReportFailure(const SocketKind& kind, const char* operation, int error, con
   errno = error;
 }
 
+void SetAddress(sockaddr_in& address, const std::string& ip, int port) {
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<std::uint16_t>(port));
+  address.sin_addr.s_addr = inet_addr(ip.c_str());
+}
+
 int OpenSocket(const SocketKind& kind) {
   const int fd = socket(AF_INET, kind.type, 0);
   if (fd == -1) ReportFailure(kind, "CreateSocket", errno, "socket failed");
@@ -62,7 +69,7 @@ bool ConnectSocket(const SocketKind& kind, int fd, const sockaddr_in& address, c
   const std::string connection = std::string("open ") + kind.link + " Connection to " + ip;
   int on = 1;
   ioctl(fd, FIONBIO, &on);
-  // The result is ignored deliberately: in non-blocking mode it is the wait below that tells.
+  // The result is ignored deliberately: in non-blocking mode the wait below has the outcome.
   static_cast<void>(connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address));
 
   const int answer = WaitUntilReady(fd, true, kind.connect_timeout_s * 1000);

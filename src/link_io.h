@@ -40,13 +40,16 @@ std::string Where(const SocketKind& kind, const char* operation);
 void ReportFailure(const SocketKind& kind, const char* operation, int error, const char* text,
                    std::string_view more = {});
 
+/// Writes an IPv4 address of dotted quads and the low 16 bits of port; all ones for another text, deliberately unchecked.
+void SetAddress(sockaddr_in& address, const std::string& ip, int port);
+
 /// @return a new IPv4 socket; -1 with a message
 int OpenSocket(const SocketKind& kind);
 
 /// Connects fd and waits for the outcome, which is reported. fd stays non-blocking.
 bool ConnectSocket(const SocketKind& kind, int fd, const sockaddr_in& address, const std::string& ip);
 
-/// The socket links' Read and Write: polled, one system call, results as AbstractClient tells.
+/// The socket links' Read and Write: polled, one system call, results as AbstractClient says.
 int ReadSocket(const SocketKind& kind, bool is_init, int fd, char* buffer, std::vector<char>& data);
 int WriteSocket(const SocketKind& kind, bool is_init, int fd, const std::vector<char>& data);
 

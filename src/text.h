@@ -9,7 +9,7 @@
 /// Numbers as text. Nothing here depends on the host's locale.
 namespace velta::detail {
 
-/// Leading white space, an optional sign and the longest run of decimal digits; anything behind them is ignored.
+/// Leading white space, an optional sign and the longest run of decimal digits; anything after them is ignored.
 /// @return nothing without digits or outside the signed 32-bit range
 std::optional<int> ParseInt32(std::string_view text);
 

@@ -169,7 +169,7 @@ TEST(Explanations, NameTheCauseOfEachError) {
   EXPECT_EQ(ExplainLoss(link, ETIMEDOUT, "").text,
             "the controller takes no more bytes: it is stuck, or this is another service");
   link.device = "/dev/ttyUSB0";
-  EXPECT_EQ(ExplainOpening(link, EBUSY, "").text, "/dev/ttyUSB0 is busy: another process opened it for itself alone");
+  EXPECT_EQ(ExplainOpening(link, EBUSY, "").text, "/dev/ttyUSB0 is busy: another process opened it exclusively");
 }
 
 }  // namespace

@@ -5,11 +5,11 @@
 #
 #   cpp    a program is built, and run when it needs no arm; anything else compiles as a part of a function that has
 #          a client named `arm`
-#   text, json  behind a program that ran: its output (json without white space); other json is a command document
+#   text, json  after a program that ran: its output (json without white space); other json is a command document
 #   sh     runs, with what needs root, a network or an arm replaced: a controller is simulated if `velta` was built
 #   cmake  builds the last program with the installed library
 #   python compiles
-#   none   a look at a terminal: the velta commands behind "$ " are ones that the program takes
+#   none   a look at a terminal: the velta commands after "$ " are ones that the program takes
 set -euo pipefail
 source_dir=$(realpath "$1") build_dir=$(realpath "$2")
 shift 2

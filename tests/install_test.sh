@@ -38,7 +38,7 @@ done
 runs "$work/plain" "$library_dir"
 
 export PKG_CONFIG_PATH=$library_dir/pkgconfig PKG_CONFIG_ALLOW_SYSTEM_CFLAGS=1 PKG_CONFIG_ALLOW_SYSTEM_LIBS=1
-[ "$(pkg-config --modversion velta)" = 2.1.0 ] || fail "pkg-config tells another version"
+[ "$(pkg-config --modversion velta)" = 2.1.0 ] || fail "pkg-config has another version"
 read -ra found <<<"$(pkg-config --cflags --libs velta)"
 "$@" "${flags[@]}" "$stranger/main.cpp" -o "$work/by_pkg_config" "${found[@]}"
 runs "$work/by_pkg_config" "$library_dir"

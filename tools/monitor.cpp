@@ -146,7 +146,7 @@ class Screen {
     attrset(A_NORMAL);
   }
 
-  /// @return the columns that are not hidden; on a narrow screen the ones that tell least give way
+  /// @return the columns that are not hidden; on a narrow screen the ones that matter least give way
   Columns Fitting() const {
     auto hidden = hidden_;
     const auto width = [&hidden] {

@@ -54,7 +54,7 @@ class Channel {
   /// Whether both talk to the same address over UDP.
   bool HasPeerOf(const Channel& other) const;
 
-  /// Tells the peer that no more bytes follow; it may still send. Links without such a notion ignore it.
+  /// Lets the peer know that no more bytes follow; it may still send. Links without such a notion ignore it.
   void EndWriting();
 
   /// Makes the close, when this object goes, one that the peer sees as a broken connection (TCP).

@@ -17,7 +17,7 @@
 namespace velta::detail {
 
 /// One command that was given to a session, and what became of it: shared by its tickets and by the session. Its joint
-/// records lie behind it, so that giving a command is one allocation.
+/// records lie after it, so that giving a command is one allocation.
 class Command {
  public:
   /// A command that waits; two references, for the ticket and for the session.
@@ -222,7 +222,7 @@ class Stream {
   std::atomic<std::size_t> waiting_{0};
   std::atomic<std::uint64_t> sequence_{0}, discard_before_{0};
 
-  // The loop's alone.
+  // Only the loop's.
   CommandList commands_;
   std::uint64_t swept_barrier_ = 0, swept_discard_ = 0;
 };
@@ -304,7 +304,7 @@ class Keys {
   std::unordered_map<std::string, std::unique_ptr<Slot>> slots_;
   std::atomic<Slot*> ready_{nullptr};  ///< newest first
 
-  // The loop's alone.
+  // Only the loop's.
   Slot* head_ = nullptr;
   Slot* tail_ = nullptr;
   std::uint64_t swept_barrier_ = 0;

@@ -225,7 +225,7 @@ class SocketLink : public SessionLink {
 
   long WriteSome(const char* bytes, std::size_t size) override {
     ssize_t count = send(fd_, bytes, size, MSG_DONTWAIT | MSG_NOSIGNAL);
-    // The error is an earlier datagram's that nobody took; it is told once.
+    // The error is an earlier datagram's that nobody took; it is reported once.
     if (count < 0 && errno == ECONNREFUSED && !is_tcp_) count = send(fd_, bytes, size, MSG_DONTWAIT | MSG_NOSIGNAL);
     if (count >= 0) return count;
     if (IsTransient(errno) || errno == ENOBUFS) return 0;

@@ -41,7 +41,7 @@ class Notifier {
   void RequestRecord();
 
   void Start();  ///< the thread. Throws std::system_error.
-  /// What is left is called back, but for statuses, and but for what comes after a second in such callbacks. Returns at
+  /// Calls back the rest, except statuses and what comes after a second in such callbacks. Returns at
   /// once.
   void Stop();
   void Join();     ///< waits for the callback that runs

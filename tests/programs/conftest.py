@@ -150,7 +150,7 @@ def tshark(tmp_path):
 
 @pytest.fixture
 def sim(velta_sim):
-    """sim("-n", joints, options..., endpoint=...) starts a simulated controller, of 3 joints unless told otherwise."""
+    """sim("-n", joints, options..., endpoint=...) starts a simulated controller, of 3 joints by default."""
 
     def start(*options, endpoint="tcp://127.0.0.1:0"):
         joints, options = (options[1], options[2:]) if options[:1] == ("-n",) else (3, options)

@@ -87,7 +87,7 @@ def connect(link, **options):
 
 
 class Capture:
-    """A capture file, one packet after the other, of IP packets without a link layer unless told otherwise."""
+    """A capture file, one packet after the other, of IP packets by default without a link layer."""
 
     def __init__(self, link_type=101):
         self.bytes = struct.pack("<IHHiIII", 0xA1B23C4D, 2, 4, 0, 0, 1 << 18, link_type)  # times in ns

@@ -115,7 +115,7 @@ def test_a_silent_controller_is_told_apart(velta_sim):
     controller = Controller(answers=False)
     with velta.connect(controller.link, joints=2, silence=0) as arm:
         waits = arm.send(velta.Command(2).servo_on("all"), confirm=True)
-        behind = arm.send(velta.Command(2).servo_off("all"))
+        after = arm.send(velta.Command(2).servo_off("all"))
         with pytest.raises(velta.TimeoutError) as caught:
             waits.wait(datetime.timedelta(milliseconds=20))
         assert isinstance(caught.value, TimeoutError) and isinstance(caught.value, velta.Error)
@@ -123,8 +123,8 @@ def test_a_silent_controller_is_told_apart(velta_sim):
             waits.wait()
         assert waits.outcome is velta.Outcome.GAVE_UP
         with pytest.raises(velta.DiscardedError, match="another command gave up"):
-            behind.wait()
-        assert behind.outcome is velta.Outcome.DISCARDED and behind.reason == "another command gave up"
+            after.wait()
+        assert after.outcome is velta.Outcome.DISCARDED and after.reason == "another command gave up"
         with pytest.raises(velta.TimeoutError):
             next(arm.states(timeout=0))
 

@@ -196,7 +196,7 @@ Finding ExplainOpening(const LinkAddress& link, int error, const std::string& wh
     case EHOSTDOWN:
       return {Kind::kFailure, "cannot reach " + link.host + ": check power, cable, address, netmask and firewall"};
     case EBUSY:
-      return {Kind::kFailure, link.device + " is busy: another process opened it for itself alone"};
+      return {Kind::kFailure, link.device + " is busy: another process opened it exclusively"};
     case EINVAL:
       return {Kind::kFailure, fmt::format("{} cannot be set to {} baud: try a standard rate", link.device, link.baud)};
     default:
