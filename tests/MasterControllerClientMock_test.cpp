@@ -238,6 +238,8 @@ TEST_F(SimulatedJoint, QueuesPointsAndShowsParameters) {
     EXPECT_EQ(sim.Queued(1), ++queued);
   }
   EXPECT_EQ(sim.Joint(1).trjStatus, 109);  // but for the way home
+  sim.Do({{Codes::TrajectoryPVT0, 1, 2, 3, 4, 1}});
+  EXPECT_EQ(sim.Queued(1), queued) << "the forms with a clear flag do nothing";
   EXPECT_EQ(sim.Queued(0), 0u);
   sim.Do({{Codes::ParamKp, 1}, {Codes::ParamKi, 2}, {Codes::ParamKd, 3}, {Codes::ParamWindupLimit, 4}});
   const rxJoint_t joint = sim.Joint();
@@ -248,16 +250,6 @@ TEST_F(SimulatedJoint, QueuesPointsAndShowsParameters) {
     EXPECT_EQ(sim.Joint(1).trjStatus, after);
     EXPECT_EQ(sim.Queued(1), 0u);
   }
-}
-
-TEST_F(SimulatedJoint, MovesLinearlyAndFinishes) {
-  sim.Do({{Codes::ServoOn}, {Codes::RefPosition, 9}});  // takes 0.5 s
-  EXPECT_EQ(sim.After(0), (Shot{0, 0, 1, 0, 1, 0}));
-  EXPECT_EQ(sim.After(1), (Shot{0, 0, 2, 1, 0, 0}));
-  EXPECT_EQ(sim.After(1), (Shot{2.25f, 0, 2, 0, 0, 0.125f}));
-  EXPECT_EQ(+sim.Joint().refPosition, 2.25f);
-  EXPECT_EQ(sim.After(3), (Shot{9, 0, 3, 0, 0, 0.5f}));
-  EXPECT_EQ(sim.After(6), (Shot{9, 0, 4, 0, 0, 0.5f}));  // the clock rests
 }
 
 TEST_F(SimulatedJoint, PlaysItsPointsOnOneClock) {
@@ -285,22 +277,6 @@ TEST_F(SimulatedJoint, AStartOnOneJointResetsTheClockOfAll) {
   sim.Do({{Codes::TrajectoryControlStart, 0, 0, 0, 0, 1}});
   EXPECT_EQ(sim.After(2).position, 6.25f);
   EXPECT_EQ(sim.After(0, 1).position, 6.25f);
-}
-
-TEST_F(SimulatedJoint, ANewStartBeginsHereAtTimeZero) {
-  sim.Do({{Codes::ControlMode, 20},
-          {Codes::RefVelocity, 4},
-          {Codes::ControlMode, 0},
-          {Codes::ServoOn},
-          {Codes::TrajectoryPVT1, 10, 2, 1},
-          {Codes::TrajectoryControlStart}});
-  EXPECT_EQ(sim.After(5), (Shot{5, 3, 2, 0, 0, 0.5f}));  // half way from a velocity of 4 to 2
-  sim.Do({{Codes::TrajectoryPT_LinSpline1, 0, 1}, {Codes::TrajectoryControlStart}});
-  EXPECT_EQ(sim.After(1).clock, 0);
-  EXPECT_EQ(sim.After(4).position, 2.5f);
-  EXPECT_EQ(sim.After(6).status, 4);
-  sim.Do({{Codes::TrajectoryPT_LinSpline1, 10, 1}, {Codes::TrajectoryControlStart}});
-  EXPECT_EQ(sim.After(5).position, 5);  // the time counts from this start, not from the last segment
 }
 
 TEST_F(SimulatedJoint, RefusesStartsWithoutServoOrPoints) {

@@ -59,20 +59,12 @@ TEST(Messages, AreReadStrictly) {
     Kind kind;
     const char* id;
     bool confirm;
-  } cases[] = {{R"({"control":"take"})", Kind::kTake, "", false},
-               {R"({"control":"keep"})", Kind::kKeep, "", false},
-               {R"({"control":"give"})", Kind::kGive, "", false},
-               {R"({"control":"grab"})", Kind::kUnknown, "", false},
-               {R"({"rearm":true})", Kind::kRearm, "", false},
+  } cases[] = {{R"({"control":"grab"})", Kind::kUnknown, "", false},
                {R"({"rearm":"true"})", Kind::kUnknown, "", false},
-               {R"({"stop":true})", Kind::kStop, "", false},
                {R"({"stop":true,"command":{}})", Kind::kStop, "", false},
                {"{\"stop\":true,\"a\":\"\\\"" + deep + "\"}", Kind::kStop, "", false},  // which are no arrays
                {R"({"stop":false})", Kind::kUnknown, "", false},
-               {R"({"token":"x"})", Kind::kToken, "", false},
-               {document, Kind::kCommand, "", false},
                {R"({"id":"7","confirm":true,"command":)" + document + "}", Kind::kCommand, "\"7\"", true},
-               {R"({"id":7,"command":)" + document + "}", Kind::kCommand, "7", false},
                {R"({"id":"7","command":"x"})", Kind::kUnknown, "\"7\"", false},
                {R"({"id":"7","confirm":1,"command":{}})", Kind::kUnknown, "\"7\"", false},
                {R"({"id":[7],"command":{}})", Kind::kUnknown, "", false},
@@ -80,7 +72,6 @@ TEST(Messages, AreReadStrictly) {
                {document + "x", Kind::kUnknown, "", false},
                {"{\"stop\":true,\"a\":" + deep + "}", Kind::kUnknown, "", false},
                {"{\"stop\":true,\"a\":\"" + std::string(kMaxMessage, 'x') + "\"}", Kind::kUnknown, "", false},
-               {"[]", Kind::kUnknown, "", false},
                {"", Kind::kUnknown, "", false}};
   for (const auto& row : cases) {
     SCOPED_TRACE(row.text.substr(0, 80));

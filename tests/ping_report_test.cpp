@@ -23,7 +23,10 @@ PingReport GoodRun() {
   return report;
 }
 
-std::string FirstVerdict(const PingReport& report) { return Verdict(report).front(); }
+/// The verdict of that number begins so.
+void Expect(const PingReport& report, const std::string& beginning, std::size_t number = 0) {
+  EXPECT_EQ(Verdict(report).at(number).substr(0, beginning.size()), beginning);
+}
 
 TEST(PingVerdict, IsGoodWhenNothingStandsOut) {
   PingReport report = GoodRun();
@@ -34,14 +37,13 @@ TEST(PingVerdict, IsGoodWhenNothingStandsOut) {
 TEST(PingVerdict, SaysWhatIsMissingWithoutAnyEcho) {
   PingReport report = GoodRun();
   report.confirmed = 0;
-  EXPECT_EQ(FirstVerdict(report),
-            "the controller sends statuses, but echoes no command: look at the controller with velta doctor");
+  Expect(report, "the controller sends statuses, but echoes no command");
   report.good = 0;
-  EXPECT_EQ(FirstVerdict(report), "bytes arrive, but no status of this joint count: check -n with velta doctor");
+  Expect(report, "bytes arrive, but no status of this joint count");
   report.received = 0;
-  EXPECT_EQ(FirstVerdict(report), "no answer at all: look at the link and the controller with velta doctor");
+  Expect(report, "no answer at all");
   report.sent = 0;
-  EXPECT_EQ(FirstVerdict(report), "nothing was measured");
+  Expect(report, "nothing was measured");
 }
 
 TEST(PingVerdict, CountsBytesOfNoFrameAndResends) {
@@ -49,34 +51,28 @@ TEST(PingVerdict, CountsBytesOfNoFrameAndResends) {
   report.received += 182;
   report.resends = 7;
   report.confirmed = 98;
-  const std::vector<std::string> verdict = Verdict(report);
-  ASSERT_EQ(verdict.size(), 2U);
-  EXPECT_EQ(verdict[0], "look at the link: 182 bytes outside good frames (noise, cut frames, or another joint count)");
-  EXPECT_EQ(verdict[1], "look at the link or the controller: some commands were never echoed");
+  Expect(report, "look at the link: 182 bytes outside good frames");
+  Expect(report, "look at the link or the controller: some commands were never echoed", 1);
   report.confirmed = 100;
-  EXPECT_EQ(Verdict(report)[1], "look at the link or the controller: some commands were echoed only after a resend");
+  Expect(report, "look at the link or the controller: some commands were echoed only after a resend", 1);
 }
 
 TEST(PingVerdict, TellsThisMachinesLatenessFromASlowEcho) {
   PingReport report = GoodRun();
-  report.round_trips.back() = 6 * kMs;
-  EXPECT_EQ(FirstVerdict(report),
-            "look at the controller or the link: this machine wakes in time, but the slowest echo took 6.00 ms, 60 "
-            "times the median");
   report.round_trips.back() = 5 * kMs;  // neither often nor long enough
-  EXPECT_EQ(FirstVerdict(report).substr(0, 5), "good:");
+  Expect(report, "good:");
   report.round_trips.back() = 6 * kMs;
+  Expect(report,
+         "look at the controller or the link: this machine wakes in time, but the slowest echo took 6.00 ms, 60 t");
   report.wakeups.assign(100, 2 * kMs);
-  EXPECT_EQ(FirstVerdict(report),
-            "look at this machine: 1 % of its wake-ups are more than 2.00 ms late (busy processors, power saving, no "
-            "real-time priority)");
+  Expect(report, "look at this machine: 1 % of its wake-ups are more than 2.00 ms late");
 }
 
 TEST(PingVerdict, SeesStatusesThatComeIrregularly) {
   PingReport report = GoodRun();
   report.statuses = Arrivals(true);
   for (int i = 0; i < 20; ++i) report.statuses.Add((i + i / 10 * 100) * kMs);
-  EXPECT_EQ(FirstVerdict(report).substr(0, 57), "look at the controller: its statuses come every 6.26 ms, ");
+  Expect(report, "look at the controller: its statuses come every 6.26 ms, ");
 }
 
 TEST(PingJson, HasRoundedNumbersAndNullWithoutAnEcho) {

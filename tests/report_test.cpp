@@ -16,9 +16,3 @@ TEST(Report, HasOnlyThoseWordsOfTheKernelsCommandLineThatAreAboutTime) {
   fs::remove_all(root);
   EXPECT_NE(text.find("\nkernel's command line: isolcpus=2 nosmt\n"), std::string::npos) << text;
 }
-
-TEST(Report, HasAddressesButNoHostNames) {
-  EXPECT_EQ(WithoutHost("opened tcp://arm.local:5000, arm.local", "arm.local"),
-            "opened tcp://(host name):5000, (host name)");
-  EXPECT_EQ(WithoutHost("opened tcp://10.0.0.7:5000", "10.0.0.7"), "opened tcp://10.0.0.7:5000");
-}

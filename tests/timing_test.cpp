@@ -3,25 +3,11 @@
 
 #include <gtest/gtest.h>
 
-#include <utility>
-
 using namespace velta::analysis;
 
 namespace {
 
 constexpr std::int64_t kMs = 1'000'000;
-
-TEST(Percentile, IsTheSmallestValueThatCoversTheShare) {
-  constexpr std::pair<double, std::int64_t> kRanks[] = {{0, 1}, {0.5, 5}, {0.9, 9}, {0.99, 10}, {1, 10}};
-  for (const auto& [rank, value] : kRanks) EXPECT_EQ(Percentile({1, 2, 3, 4, 5, 6, 7, 8, 9, 10}, rank), value);
-  EXPECT_EQ(Percentile({}, 0.5), 0);
-}
-
-TEST(RoundedDuration, HasThreeDigitsInTheUnitThatSuits) {
-  constexpr std::pair<double, const char*> kDurations[] = {
-      {850, "850 ns"}, {1000, "1.00 us"}, {12'340, "12.3 us"}, {999e6, "999 ms"}, {1.5e9, "1.50 s"}};
-  for (const auto& [ns, text] : kDurations) EXPECT_EQ(RoundedDuration(ns), text);
-}
 
 TEST(Histogram, HasALinePerDoubling) {
   EXPECT_TRUE(Histogram({}, 4).empty());

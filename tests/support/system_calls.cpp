@@ -36,28 +36,21 @@ using velta::test::Scripted;
 // NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
 extern "C" {
 
-#define VELTA_TEST_WRAP(name, parameters, arguments)                     \
-  int __real_##name parameters;                                          \
-  int __wrap_##name parameters {                                         \
-    const auto answer = Scripted(#name);                                 \
-    return answer ? static_cast<int>(*answer) : __real_##name arguments; \
+#define VELTA_TEST_WRAP(type, name, parameters, arguments)                \
+  type __real_##name parameters;                                          \
+  type __wrap_##name parameters {                                         \
+    const auto answer = Scripted(#name);                                  \
+    return answer ? static_cast<type>(*answer) : __real_##name arguments; \
   }
-VELTA_TEST_WRAP(socket, (int domain, int type, int protocol), (domain, type, protocol))
-VELTA_TEST_WRAP(getsockopt, (int fd, int level, int name, void* value, socklen_t* size), (fd, level, name, value, size))
-VELTA_TEST_WRAP(setsockopt, (int fd, int level, int name, const void* value, socklen_t size),
+VELTA_TEST_WRAP(int, socket, (int domain, int type, int protocol), (domain, type, protocol))
+VELTA_TEST_WRAP(int, getsockopt, (int fd, int level, int name, void* value, socklen_t* size),
                 (fd, level, name, value, size))
+VELTA_TEST_WRAP(int, setsockopt, (int fd, int level, int name, const void* value, socklen_t size),
+                (fd, level, name, value, size))
+VELTA_TEST_WRAP(ssize_t, send, (int fd, const void* data, size_t size, int flags), (fd, data, size, flags))
+VELTA_TEST_WRAP(ssize_t, recv, (int fd, void* data, size_t size, int flags), (fd, data, size, flags))
+VELTA_TEST_WRAP(ssize_t, read, (int fd, void* data, size_t size), (fd, data, size))
 #undef VELTA_TEST_WRAP
-
-#define VELTA_TEST_WRAP_MOVING(name, parameters, arguments)     \
-  ssize_t __real_##name parameters;                             \
-  ssize_t __wrap_##name parameters {                            \
-    const auto answer = Scripted(#name);                        \
-    return answer ? ssize_t{*answer} : __real_##name arguments; \
-  }
-VELTA_TEST_WRAP_MOVING(send, (int fd, const void* data, size_t size, int flags), (fd, data, size, flags))
-VELTA_TEST_WRAP_MOVING(recv, (int fd, void* data, size_t size, int flags), (fd, data, size, flags))
-VELTA_TEST_WRAP_MOVING(read, (int fd, void* data, size_t size), (fd, data, size))
-#undef VELTA_TEST_WRAP_MOVING
 
 int __real_poll(pollfd*, nfds_t, int);
 int __wrap_poll(pollfd* fds, nfds_t count, int timeout) {
