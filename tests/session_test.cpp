@@ -244,6 +244,12 @@ TEST_F(SessionTest, MergesSourcesAndKeepsTheOrderOfEach) {
   const Held next = Send(*b, Command(1));
   Cycles(510);
   EXPECT_EQ(next.Became(), Discarded(velta::Reason::kOtherGaveUp));
+  Sent();
+  for (int first = 0; first < 3; ++first) {  // whichever begins, a source that collides does not hold up the others
+    const Held a3 = Send(*a, Command(0)), b3 = Send(*b, Command(0)), c3 = Send(*c, Command(1));
+    Cycles(2);
+    EXPECT_EQ(Sent(), (Texts{"A2 A2 00", "A2 00 00"}));
+  }
 }
 
 TEST_F(SessionTest, NeitherQueueNorSourcesNorKeysStarve) {
