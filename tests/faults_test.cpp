@@ -8,6 +8,8 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "damage.h"
+
 namespace velta::sim {
 namespace {
 
@@ -127,6 +129,16 @@ TEST(Faults, StrikeAtTheirRateWhateverElseStrikes) {
   const std::vector<bool> strikes = run(false);
   EXPECT_EQ(run(true), strikes);
   EXPECT_NEAR(static_cast<double>(std::count(strikes.begin(), strikes.end(), true)), 1000, 150);
+}
+
+TEST(Damage, IsOneBitOrAnEndThatIsMissing) {
+  Generator random(1);
+  for (int i = 0; i < 100; ++i) {
+    const std::vector<char> flipped = FlipBit({0}, 0, random), part = CutShort({'a', 'b'}, 0, random);
+    const auto bits = static_cast<unsigned char>(flipped[0]);
+    EXPECT_TRUE(bits != 0 && (bits & (bits - 1)) == 0) << int{bits};
+    EXPECT_EQ(part, std::vector<char>{'a'});
+  }
 }
 
 }  // namespace

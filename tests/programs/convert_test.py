@@ -7,7 +7,7 @@ from frames import CLOSED, OPENED, TO_CONTROLLER, TO_HOST, WALL, command, damage
 def arm(path, joints=1):
     """A recording in which one joint is commanded and moves."""
     state = status(11, 7, joints, {0: 3}, {0: 0.1}, {0: 9})
-    return recording(path / "run.vrec", joints, (0, OPENED),
+    return recording(path / "run.vrec", joints, (0, OPENED), (0.1, TO_HOST, state[:40]), (0.1, CLOSED), (0.2, OPENED),
                      (0.25, TO_CONTROLLER, command(7, joints, {0: (17, 1.5)}, arm=3)),
                      (1, TO_HOST, state[:60]), (1.000000001, TO_HOST, state[60:]),
                      (2, TO_HOST, damaged(status(12, 7, joints)) + status(13, 7, joints)), (3, CLOSED), tail=b"R\3\0\0torn!")
@@ -26,7 +26,7 @@ def test_csv_has_a_row_for_each_status(velta, tmp_path):
 
 def test_json_lines_have_the_librarys_documents(velta, tmp_path):
     run = velta("convert", arm(tmp_path, 2), "-f", "jsonl")  # the second joint is idle
-    opened, sent, state, _, closed = map(json.loads, run.stdout.splitlines())
+    opened, _, _, sent, state, _, closed = map(json.loads, run.stdout.splitlines())
     assert opened == {"time_s": 0, "wall_ns": str(WALL), "event": "opened"} and closed["event"] == "closed"
     assert sent["command"] == {"timeStamp": "7", "armOrder": "3", "jointCommand": [
         {"jointName": "1", "jointOrder": "17", "value1": "1.5", "value2": "0", "value3": "0", "value4": "0"}]}

@@ -6,6 +6,7 @@ import os
 import random
 import socket
 import struct
+import time
 import tty
 
 import frames
@@ -110,6 +111,8 @@ def test_datagrams_pass_whole_from_and_to_the_last_host(relay):
         assert controller.recv(9) == b"z"
     assert [len(block) for event, *_, block in program.records() if event == TO_HOST] == [121, 1, 0, 65507] * 2
     assert program.events() == [frames.OPENED]
+    _, monotonic, wall, _ = program.records()[-1]
+    assert 0 <= time.monotonic_ns() - monotonic < 60e9 and 0 <= time.time_ns() - wall < 60e9
 
 
 def test_a_one_sided_close_is_passed_on(stand, listener):
