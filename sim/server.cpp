@@ -35,7 +35,8 @@ Server::Server(ServerConfig config)
       faults_(config_.faults, config_.seed) {
   for (const LinkAddress& link : config_.listen) {
     const milliseconds cycle = config_.cycle_ms > 0 ? milliseconds(config_.cycle_ms) : DefaultCycle(link.kind);
-    places_.push_back({std::make_unique<wire::ControllerEnd>(link), cycle, now_});
+    auto end = std::make_unique<wire::ControllerEnd>(link);
+    places_.push_back({std::move(end), cycle, now_});
   }
   OpenAndClose();  // a host that comes before the first turn is refused, too
 }
