@@ -2,9 +2,6 @@
 // Whatever packets a capture holds, what is read of them is in order, and connections are opened and closed in turn.
 #include "capture.h"
 
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include "support/bytes.h"
 #include "target.h"
 
@@ -24,11 +21,7 @@ void Run(Input& in) {
       packet[in.Below(static_cast<unsigned>(packet.size()))] = static_cast<char>(in.Byte());
     file.U32(in.Byte()).U32(0).U32(packet.size()).U32(packet.size()).Add(packet);
   }
-  const std::vector<char>& bytes = file;
-  static const int fd = memfd_create("capture", 0);
-  Check(ftruncate(fd, 0) == 0, "the file is empty");
-  Check(pwrite(fd, bytes.data(), bytes.size(), 0) == static_cast<ssize_t>(bytes.size()), "the file is written");
-  recording::CaptureReader reader("/proc/self/fd/" + std::to_string(fd), 5000);
+  recording::CaptureReader reader(FileOf(file), 5000);
   bool open = false;
   std::uint64_t last = 0;
   for (recording::Captured captured; reader.Next(captured); last = captured.wall_ns) {

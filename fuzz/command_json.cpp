@@ -26,12 +26,7 @@ std::string Compose(Input& in, SendPacket& expected) {
     }
     text += i > 1 ? "}," : "}";
     if (name < 1 || name > expected.jointNum) continue;
-    expected.joints[static_cast<std::size_t>(name - 1)] = {static_cast<std::uint8_t>(name - 1),
-                                                           static_cast<std::uint8_t>(order),
-                                                           values[0],
-                                                           values[1],
-                                                           values[2],
-                                                           values[3]};
+    expected.SetCommonCommand(std::to_string(name - 1), order, values[0], values[1], values[2], values[3]);
   }
   return text + "]}";
 }

@@ -1,9 +1,6 @@
 // SPDX-License-Identifier: MIT
 // Any file is read to its end or refused by a typed error; a whole one gives its records, a cut one those before the
 // cut.
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include "recording_file.h"
 #include "support/bytes.h"
 #include "target.h"
@@ -67,12 +64,8 @@ void Run(Input& in) {
     byte = static_cast<char>(static_cast<unsigned char>(byte) ^ change);
   }
 
-  static const int fd = memfd_create("recording", 0);
-  Check(ftruncate(fd, 0) == 0 &&
-            pwrite(fd, file.bytes.data(), file.bytes.size(), 0) == static_cast<ssize_t>(file.bytes.size()),
-        "the file is written");
   try {
-    recording::RecordingReader reader("/proc/self/fd/" + std::to_string(fd));
+    recording::RecordingReader reader(FileOf(file.bytes));
     std::size_t count = 0, again = 0;
     std::uint64_t tail = 0;
     const std::vector<char> records = ReadAll(reader, count, tail);

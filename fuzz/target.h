@@ -2,6 +2,9 @@
 #ifndef VELTA_FUZZ_TARGET_H_
 #define VELTA_FUZZ_TARGET_H_
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -41,6 +44,14 @@ inline void Check(bool holds, const char* promise) {
   if (holds) return;
   std::fprintf(stderr, "broken: %s\n", promise);
   std::abort();
+}
+
+/// The one file of the process, with these bytes. @return its path
+inline std::string FileOf(const std::vector<char>& bytes) {
+  static const int fd = memfd_create("input", 0);
+  Check(ftruncate(fd, 0) == 0, "the file is empty");
+  Check(pwrite(fd, bytes.data(), bytes.size(), 0) == static_cast<ssize_t>(bytes.size()), "the file is written");
+  return "/proc/self/fd/" + std::to_string(fd);
 }
 
 struct Target {

@@ -12,6 +12,7 @@
 
 #include "MasterControllerClientMock.h"
 #include "support/bytes.h"
+#include "support/scripted_link.h"
 #include "velta_log.h"
 
 namespace {
@@ -26,10 +27,7 @@ void Check(bool holds, const char* promise) {
 }
 
 /// Always readable, always writable; its Read and Write share nothing.
-struct BusyLink : AbstractClient {
-  bool Init() override { return true; }
-  bool Connect() override { return true; }
-  int Disconnect() override { return 0; }
+struct BusyLink : velta::test::ScriptedLink {
   int Write(const std::vector<char>& data) override {
     Check(data[12] != 0 || data[30] != 0, "a frame leaves only if a command was queued");
     return static_cast<int>(data.size());
@@ -81,8 +79,6 @@ int main(int argc, char** argv) {
   SendPacket step_packet(kJoints), keyed(kJoints), source(kJoints), feeder_packet(kJoints), other_packet(kJoints);
   for (SendPacket* packet : {&step_packet, &keyed, &source, &feeder_packet, &other_packet}) packet->SetServoOn("all");
   keyed.SetUniqueKey("key");
-  const std::string document = R"({"armOrder":"0","jointCommand":[{"jointName":"1","jointOrder":"17",)"
-                               R"("value1":"8","value2":"0","value3":"0","value4":"0"}]})";
   std::unordered_map<std::string, SendPacket> unique;
   std::vector<SendPacket> ordinary;
   const Call calls[] = {
@@ -107,7 +103,7 @@ int main(int argc, char** argv) {
       {1, [&] { client.FlushRecvBuffer(); }},
       {1, [&] { simulator.GetCurStatePacket(); }},
       // Feeding threads.
-      {2, [&] { client.PushSendQueueJson(document, false); }},
+      {2, [&] { client.PushSendQueueJson(velta::test::kDocument, false); }},
       {2,
        [&] {
          for (int i = 0; i < 50; ++i) {

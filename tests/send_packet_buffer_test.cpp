@@ -9,7 +9,6 @@ namespace {
 
 struct Buffer : SendPacketBuffer {
   using SendPacketBuffer::index_;
-  using SendPacketBuffer::packet_map_;
 
   void Push(unsigned long stamp, const char* key = nullptr) {
     SendPacket packet(1);
@@ -38,16 +37,12 @@ TEST(SendPacketBuffer, KeepsArrivalOrderAndTheNewestOfEachKey) {
   buffer.Push(3);
   buffer.Push(4, "y");
   buffer.Push(5, "x");
-  EXPECT_EQ(buffer.index_, 5);
-  EXPECT_EQ(buffer.packet_map_.size(), 4u);
-  EXPECT_EQ(buffer.packet_map_.rbegin()->second.GetTimeStamp(), 5u);  // at the place of the newest arrival
 
   buffer.popAllPackets(unique, ordinary);
   EXPECT_EQ(Stamps(ordinary), (std::vector<unsigned long>{9, 1, 3}));
   EXPECT_EQ(unique.at("x").GetTimeStamp(), 5u);
   EXPECT_EQ(unique.at("y").GetTimeStamp(), 9u);
   EXPECT_TRUE(buffer.empty());
-  EXPECT_EQ(buffer.index_, 0);
   unique.clear();
   buffer.Push(6, "x");  // no stale key
   buffer.popAllPackets(unique, ordinary);

@@ -27,22 +27,15 @@ class UniqueMap : public testing::Test {
 
 TEST_F(UniqueMap, KeepsTheNewestPacketPerKeyAndRearmsIt) {
   using Keys = std::set<std::string>;
-  EXPECT_EQ(Waiting(), Keys{});
-  File("k", 1);
-  File("k", 2);
-  File("", 3);
-  EXPECT_EQ(Waiting(), (Keys{"", "k"}));
-  for (int i = 0; i < 2; ++i) {  // sent packets stay
-    EXPECT_EQ(Take("k"), 2u);
+  for (const unsigned long stamp : {2u, 4u}) {
+    File("k", 1);
+    File("k", stamp);
+    File("", 3);
+    EXPECT_EQ(Waiting(), (Keys{"", "k"}));
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(Take("k"), stamp);  // sent packets stay
     EXPECT_EQ(Waiting(), Keys{""});
+    EXPECT_EQ(map.GetSendPacket("x").jointNum, 0);  // of an unknown key, a packet without joints
   }
-  File("k", 4);
-  EXPECT_EQ(Waiting(), (Keys{"", "k"}));
-  EXPECT_EQ(map.GetSendPacket("x").jointNum, 0);  // of an unknown key, a packet without joints
-  EXPECT_EQ(Waiting(), (Keys{"", "k"}));
-  EXPECT_EQ(Take(""), 3u);
-  EXPECT_EQ(Take("k"), 4u);
-  EXPECT_EQ(Waiting(), Keys{});
 }
 
 TEST_F(UniqueMap, TheFirstWaitingKeyIsTheLists) {

@@ -61,6 +61,11 @@ inline std::vector<char> StatusFrame(int n, std::uint64_t timestamp, std::uint64
   return frame.Crc();
 }
 
+/// A command document: 8 to the position of joint 0.
+inline constexpr const char* kDocument =
+    R"({"armOrder":"0","jointCommand":[{"jointName":"1","jointOrder":"17","value1":"8",)"
+    R"("value2":"0","value3":"0","value4":"0"}]})";
+
 inline std::uint64_t ReadU64(const std::vector<char>& bytes, std::size_t offset) {
   std::uint64_t v = 0;
   for (std::size_t i = 8; i-- > 0;) v = v << 8 | static_cast<unsigned char>(bytes.at(offset + i));
