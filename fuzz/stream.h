@@ -49,10 +49,8 @@ inline std::vector<std::vector<char>> FramesOf(const std::vector<char>& stream, 
       continue;
     }
     const std::vector<char> frame(&stream[at], &stream[at] + size);
-    const unsigned crc = test::BitwiseCrc16(frame, size - 2);
-    if (frame[size - 2] == static_cast<char>(crc & 0xFF) && frame[size - 1] == static_cast<char>(crc >> 8)) {
-      frames.push_back(frame);
-    }
+    const std::vector<char> good = test::Bytes().Add({frame.begin(), frame.end() - 2}).Crc();
+    if (frame == good) frames.push_back(frame);
     at += size;
   }
   return frames;

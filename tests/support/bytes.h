@@ -66,12 +66,6 @@ inline constexpr const char* kDocument =
     R"({"armOrder":"0","jointCommand":[{"jointName":"1","jointOrder":"17","value1":"8",)"
     R"("value2":"0","value3":"0","value4":"0"}]})";
 
-inline std::uint64_t ReadU64(const std::vector<char>& bytes, std::size_t offset) {
-  std::uint64_t v = 0;
-  for (std::size_t i = 8; i-- > 0;) v = v << 8 | static_cast<unsigned char>(bytes.at(offset + i));
-  return v;
-}
-
 }  // namespace velta::test
 
 #endif  // VELTA_TESTS_SUPPORT_BYTES_H_
