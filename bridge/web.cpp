@@ -132,6 +132,7 @@ class WebSocket final : public Viewer, public std::enable_shared_from_this<WebSo
     websocket::stream_base::timeout timeout{kHeadTime, kIdleTime, true};
     ws_.set_option(timeout);
     ws_.read_message_max(kMaxMessage);
+    ws_.auto_fragment(false);  // a state in one piece: every piece is a turn of its own for the viewer's program
     ws_.control_callback([this](websocket::frame_type, beast::string_view) { CountMessage(); });
     ws_.async_accept(request, [self = this->shared_from_this()](error_code error) {
       if (error) return;

@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: MIT
-// When control ends, what the bridge's messages say, and how often it complains.
+// When control ends, and what the bridge's messages say.
 #include <gtest/gtest.h>
 
 #include <string>
 
 #include "control.h"
-#include "gate.h"
 #include "messages.h"
 #include "support/bytes.h"
 
@@ -38,13 +37,6 @@ TEST(ControlTest, AHolderThatSpeaksTooLateHasLostControlAndStopsTheArm) {
   const Control::Effects effects = control.Command("a", Control::Time() + kTimeout + milliseconds(1));
   EXPECT_EQ(effects.refusal, Refusal::kNotHeld);
   EXPECT_TRUE(effects.stop && effects.changed && !effects.keep_alive);
-}
-
-TEST(ExecutedIdsTest, ForgetsTheOldest) {
-  ExecutedIds ids(2);
-  for (const char* id : {"1", "2", "2", "3"}) ids.Add("a", id);
-  EXPECT_FALSE(ids.Contains("a", "1"));
-  EXPECT_TRUE(ids.Contains("a", "2"));
 }
 
 TEST(Messages, AreReadStrictly) {
@@ -83,16 +75,6 @@ TEST(Messages, TimesOfEventsHaveThreeDigitsOfMilliseconds) {
   Event event;
   event.time = std::chrono::system_clock::time_point(milliseconds(7));
   EXPECT_NE(EventText(event).find("\"1970-01-01T00:00:00.007Z\""), std::string::npos);
-}
-
-TEST(RefusalsTest, AreCountedAlwaysAndLoggedOncePerPeerAndMinute) {
-  Refusals refusals;
-  const Refusals::Time start{};
-  EXPECT_TRUE(refusals.Count("host", "a", start));
-  EXPECT_FALSE(refusals.Count("origin", "a", start + std::chrono::seconds(59)));
-  EXPECT_TRUE(refusals.Count("host", "b", start));
-  EXPECT_TRUE(refusals.Count("host", "a", start + std::chrono::seconds(60)));
-  EXPECT_EQ(refusals.ByReason().at("host"), 3U);
 }
 
 }  // namespace

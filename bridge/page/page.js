@@ -178,7 +178,7 @@ function showHealth() {
   setText($('health'), words);
   $('health').classList.toggle('good', there);
   document.body.classList.toggle('stale', !there);
-  setText($('age'), !Number.isFinite(age) ? '–' : age < 1 ? `${Math.round(age * 100) * 10} ms` : `${age.toFixed(0)} s`);
+  setText($('age'), !Number.isFinite(age) ? '–' : age < 0.1 ? '< 0.1 s' : age < 1 ? `${age.toFixed(1)} s` : `${age.toFixed(0)} s`);
   const old = Number.isFinite(age) ? ` The numbers are ${age.toFixed(0)} s old.` : '';
   const banner = !isOpen ? `The bridge is gone; trying again.${old}` :
       !there ? `The arm is away; the bridge tries again.${old}` :
@@ -218,10 +218,17 @@ function makeRows(joints) {
     go.addEventListener('click', begin);
     goal.addEventListener('keydown', (event) => { if (event.key === 'Enter') begin(); });
     cells[10].append(goal, ' ', go);
-    return {row, cells, texts: [], lit: []};
+    const values = cells.slice(1, 9).map((cell) => {  // each in a box of its own, so that a change lays out no more
+      const box = document.createElement('div');
+      box.append('');
+      cell.append(box);
+      return box.firstChild;
+    });
+    return {row, cells, values, texts: [], lit: []};
   });
   history = new History(joints, FIELDS, WEB_HZ);
   showControl();
+  showJoints();
 }
 
 const fixed = (text) => Number(text).toFixed(3);
@@ -229,7 +236,7 @@ const fixed = (text) => Number(text).toFixed(3);
 function showJoints() {
   const now = seconds();
   state.jointState.forEach((joint, i) => {
-    const {row, cells, texts, lit} = rows[i];
+    const {row, cells, values, texts, lit} = rows[i];
     const faults = Number(joint.ewStatus);
     const shown = [fixed(joint.position), fixed(joint.velocity), fixed(joint.effort), Number(joint.temperature).toFixed(1),
                    MODES[joint.ctrlMode] ?? joint.ctrlMode, SERVO[joint.systemMode] ?? joint.systemMode,
@@ -238,7 +245,7 @@ function showJoints() {
     shown.forEach((text, k) => {
       const cell = cells[k + 1];
       if (texts[k] !== text) {
-        cell.textContent = text;
+        values[k].data = text;
         if (texts[k] !== undefined && !lit[k]) cell.classList.add('lit');
         if (texts[k] !== undefined) lit[k] = now + 0.4;
         texts[k] = text;
@@ -436,7 +443,7 @@ new Worker('/worker.js').onmessage = () => {
   if (document.hidden || ticks % 2 !== 0) return;
   showHealth();
   if (!isArmThere()) return;
-  for (const plot of plots) plot.draw(history, seconds());  // first: they ask for their size, which new texts would delay
-  showJoints();
+  for (const plot of plots) plot.draw(history, seconds());
+  if (ticks % 4 === 0) showJoints();  // faster than anybody reads
 };
 connect();

@@ -36,57 +36,39 @@ class History {
   }
 }
 
-/** One field of all joints over the last seconds, on a canvas. */
+/**
+ * One field of all joints over the last seconds, on a canvas that scrolls: what is drawn is shifted to the left, and only
+ * what is new is drawn. All is drawn anew when the scale changes, which therefore keeps to round numbers.
+ */
 class Plot {
   constructor(figure, field) {
     this.figure = figure;
     this.canvas = figure.querySelector('canvas');
     this.range = figure.querySelector('.range');
-    this.context = this.canvas.getContext('2d');
+    this.context = this.canvas.getContext('2d', {alpha: false});  // opaque: nothing has to be blended with the page
     this.select = figure.querySelector('select');
     this.field = field;
+    this.low = this.high = NaN;  // of the scale
+    this.last = null;            // what was drawn last
+    this.reset();
+    new ResizeObserver(() => this.reset()).observe(this.canvas);
+    matchMedia('(prefers-color-scheme: dark)').addEventListener('change', () => this.reset());
   }
 
-  /** Gives the canvas the pixels that it has on the screen. @return [width, height] in CSS pixels */
-  fit() {
-    const width = this.canvas.clientWidth, height = this.canvas.clientHeight, ratio = window.devicePixelRatio || 1;
-    if (this.canvas.width !== Math.round(width * ratio) || this.canvas.height !== Math.round(height * ratio)) {
-      this.canvas.width = Math.round(width * ratio);
-      this.canvas.height = Math.round(height * ratio);
-    }
-    this.context.setTransform(ratio, 0, 0, ratio, 0, 0);
-    return [width, height];
+  /** Gives the canvas the pixels that it has on the screen, and the colour of the page. */
+  reset() {
+    const {canvas, context, last} = this;
+    this.ratio = window.devicePixelRatio || 1;
+    canvas.width = Math.round(canvas.clientWidth * this.ratio);
+    canvas.height = Math.round(canvas.clientHeight * this.ratio);
+    context.fillStyle = this.background = getComputedStyle(this.figure).backgroundColor;
+    context.fillRect(0, 0, canvas.width, canvas.height);
+    this.last = null;
+    if (last) this.draw(last.history, last.now);
   }
 
-  /** One joint's line; what keeps within half a pixel of a straight stretch is drawn as one, which costs far less. */
-  trace(history, first, across, ring, down) {
-    const {context} = this;
-    let fromX = NaN, fromY = NaN, lastX = NaN, lastY = NaN, least = -Infinity, most = Infinity;  // slopes of the stretch
-    context.beginPath();
-    for (let i = first; i < history.count; ++i) {
-      const x = across(history.times[i % history.size]), y = down(ring[i % history.size]);
-      if (isNaN(y)) continue;
-      if (isNaN(fromX)) context.moveTo(fromX = x, fromY = y);
-      const slope = (y - fromY) / Math.max(x - fromX, 1e-6);
-      if (slope < least || slope > most) {
-        context.lineTo(fromX = lastX, fromY = lastY);
-        least = -Infinity;
-        most = Infinity;
-      }
-      const way = Math.max(x - fromX, 1e-6);
-      least = Math.max(least, (y - 0.5 - fromY) / way);
-      most = Math.min(most, (y + 0.5 - fromY) / way);
-      lastX = x;
-      lastY = y;
-    }
-    context.lineTo(lastX, lastY);
-    context.stroke();
-  }
-
-  draw(history, now) {
-    const [width, height] = this.fit();
-    if (width === 0) return;
-    const {context} = this, rings = history.rings[this.field], first = history.first(now);
+  /** Fits the scale to what is shown, unless it fits well enough already. @return whether there is anything */
+  fit(history, first, rings) {
     let low = Infinity, high = -Infinity;
     for (const ring of rings) {
       for (let i = first; i < history.count; ++i) {
@@ -95,30 +77,62 @@ class Plot {
         if (value > high) high = value;
       }
     }
-    context.clearRect(0, 0, width, height);
-    if (low > high) return;
+    if (low > high) return false;
     if (high - low < 1e-3) { low -= 0.5; high += 0.5; }
-    const margin = 0.06 * (high - low), top = high + margin, scale = height / (high - low + 2 * margin);
-    context.strokeStyle = '#8884';
-    context.lineWidth = 1;  // wider lines cost several times as much to draw
+    if (low >= this.low && high <= this.high && high - low > 0.6 * (this.high - this.low)) return true;
+    const power = 10 ** Math.floor(Math.log10(high - low)), span = (high - low) / power;
+    const step = span < 2 ? power / 5 : span < 5 ? power / 2 : power;
+    this.low = Math.floor(low / step) * step;
+    this.high = Math.ceil(high / step) * step;
+    const digits = Math.max(0, -Math.floor(Math.log10(step) + 1e-9));
+    const shown = `${this.low.toFixed(digits)} … ${this.high.toFixed(digits)}`;
+    if (this.range.textContent !== shown) this.range.textContent = shown;
+    return true;
+  }
+
+  draw(history, now) {
+    const {canvas, context, field, last} = this, {width, height} = canvas, rings = history.rings[field];
+    if (width === 0 || !this.fit(history, history.first(now), rings)) return;
+    const {low, high} = this, margin = 0.04 * height, scale = (height - 2 * margin) / (high - low);
+    const pixels = width / PLOT_SECONDS, begin = Math.floor(now * pixels) - width;  // whole columns, for a clean shift
+    const across = (time) => time * pixels - begin, down = (value) => margin + (high - value) * scale;
+    const isShifted = last && last.history === history && last.field === field && last.low === low && last.high === high;
+    let from = 0;
+    if (isShifted && begin - last.begin < width) {
+      if (begin > last.begin) context.drawImage(canvas, last.begin - begin, 0);
+      from = Math.max(0, Math.floor(across(last.time)) - 4);  // some old columns too, so that the lines have no seams
+    }
+    let first = history.count - 1;
+    while (first > 0 && history.count - first < history.size && across(history.times[first % history.size]) > from - 4) --first;
+
+    context.save();
     context.beginPath();
-    for (let s = 0; s <= PLOT_SECONDS; s += 2) {
-      const x = Math.round(width * s / PLOT_SECONDS) + 0.5;
-      context.moveTo(x, 0);
-      context.lineTo(x, height);
+    context.rect(from, 0, width - from, height);
+    context.clip();
+    context.fillStyle = this.background;
+    context.fillRect(from, 0, width - from, height);
+    context.strokeStyle = '#8884';
+    context.lineWidth = this.ratio;  // wider lines cost several times as much to draw
+    context.beginPath();
+    for (let time = 2 * Math.floor((begin + from) / pixels / 2); across(time) <= width; time += 2) {
+      context.moveTo(Math.floor(across(time)) + 0.5, 0);
+      context.lineTo(Math.floor(across(time)) + 0.5, height);
     }
     if (low < 0 && high > 0) {
-      context.moveTo(0, Math.round(top * scale) + 0.5);
-      context.lineTo(width, Math.round(top * scale) + 0.5);
+      context.moveTo(from, Math.round(down(0)) + 0.5);
+      context.lineTo(width, Math.round(down(0)) + 0.5);
     }
     context.stroke();
-    const pixels = width / PLOT_SECONDS, begin = now - PLOT_SECONDS;
     for (let joint = 0; joint < rings.length; ++joint) {
       context.strokeStyle = jointColour(joint, rings.length);
-      this.trace(history, first, (time) => (time - begin) * pixels, rings[joint], (value) => (top - value) * scale);
+      context.beginPath();
+      for (let i = first; i < history.count; ++i) {
+        const value = rings[joint][i % history.size];
+        if (!isNaN(value)) context.lineTo(across(history.times[i % history.size]), down(value));
+      }
+      context.stroke();
     }
-    const digits = high - low < 10 ? 2 : 1;
-    const shown = `${low.toFixed(digits)} … ${high.toFixed(digits)}`;
-    if (this.range.textContent !== shown) this.range.textContent = shown;
+    context.restore();
+    this.last = {history, now, field, low, high, begin, time: history.times[(history.count - 1) % history.size]};
   }
 }

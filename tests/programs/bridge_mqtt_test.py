@@ -89,8 +89,12 @@ def test_states_commands_and_farewell(arm, broker, version):
         "connection": "offline", "version": "2.1.0", "joints": 3}
 
 
-def test_last_will_is_left_by_a_bridge_that_is_killed(arm, broker):
+def test_correlation_data_comes_back_and_a_killed_bridge_leaves_its_last_will(arm, broker):
     program = arm()
+    answers = broker.subscribe("outcome", "-V", "5", "-F", "%D %p")
+    broker.publish("command", command(SERVO_ON), "-V", "5", "-D", "publish", "correlation-data", "c-17")
+    assert json.loads(answers.line("c-17 "))["outcome"]["reason"] == "commands not allowed"
+    assert Listener(broker, "statistics").receive()["mqtt"]["connected"] is True  # within 10 s
     program.stop(signal.SIGKILL)
     assert program.connection.receive(lambda it: it["connection"] != "online")["connection"] == "lost"
     late = Listener(broker, "connection")
@@ -101,11 +105,9 @@ def test_last_will_is_left_by_a_bridge_that_is_killed(arm, broker):
 
 def test_states_are_newest_and_end_with_the_arm(arm, broker):
     program = arm("--mqtt-hz", "20")
-    events, began = Listener(broker, "event"), time.monotonic()
-    states = Listener(broker, "state")
+    events, states = Listener(broker, "event"), Listener(broker, "state")
     times = [int(states.receive()["timestamp"]) for _ in range(20)]
     assert times == sorted(set(times))
-    assert time.monotonic() - began > 19 * 0.04, "not more often than asked"
     program.arm.stop()
     events.receive(lambda it: it["kind"] == "lost")
     assert program.connection.receive(lambda it: it["arm"] == "away")["connection"] == "online"
@@ -160,22 +162,7 @@ def test_losing_the_broker_costs_its_control_and_nothing_else(arm, broker, viewe
     assert browser.do(command(SERVO_ON))["outcome"] == "confirmed"
     broker.start()
     assert Listener(broker, "connection").receive()["connection"] == "online"
-    late = Commander(broker, "late")
-    late.say({"control": "take"})
-    assert late.answers.receive()["outcome"]["reason"] == "control held by another"
     assert browser.do(command(SERVO_ON), "2")["outcome"] == "confirmed", "the browser kept its control"
-
-
-def test_correlation_data_comes_back(arm, broker):
-    arm()
-    answers = broker.subscribe("outcome", "-V", "5", "-F", "%D %p")
-    broker.publish("command", command(SERVO_ON), "-V", "5", "-D", "publish", "correlation-data", "c-17")
-    assert json.loads(answers.line("c-17 "))["outcome"]["reason"] == "commands not allowed"
-
-
-def test_statistics_come_every_ten_seconds(arm, broker):
-    arm()
-    assert Listener(broker, "statistics").receive()["mqtt"]["connected"] is True
 
 
 def test_the_broker_says_who_may_view_and_who_may_command(sim, bridge, tmp_path):
@@ -196,7 +183,6 @@ def test_the_broker_says_who_may_view_and_who_may_command(sim, bridge, tmp_path)
         own = (*secure, "--mqtt-cert", cert, "--mqtt-key", key)
         for reason, *options in [
             ("Not authorized", *own, "--mqtt-password-file", tmp_path / "bad"),
-            ("Connection Refused: not authorised", *own, "--mqtt-password-file", tmp_path / "bad", "--mqtt-version", "3.1.1"),
             ("certificate verify failed", *secure[:4]),
         ]:
             assert reason in bridge(sim(), *options).line("velta-bridge: no connection to the broker 127.0.0.1: ")

@@ -65,12 +65,12 @@ class Page:
 
     def settled(self, joint):
         """Waits until the joint rests; returns its position."""
-        seen = []
+        seen = [None] * 4
 
         def rests():
             seen.append(self.position(joint))
-            time.sleep(0.1)
-            return len(seen) > 5 and len(set(seen[-5:])) == 1
+            time.sleep(0.25)
+            return len(set(seen[-4:])) == 1
 
         wait_until(rests, "the joint at rest")
         return seen[-1]
@@ -108,7 +108,7 @@ def browser(chromium):
     yield chromium
     chromium.switch_to.window(empty)
     for window in set(chromium.window_handles) - {empty}:
-        chromium.execute_cdp_cmd("Target.closeTarget", {"targetId": window.split("-")[-1]})  # also one that hangs
+        chromium.execute_cdp_cmd("Target.closeTarget", {"targetId": window.split("-")[-1]})
 
 
 @pytest.fixture
@@ -155,11 +155,9 @@ def test_a_person_moves_the_arm_and_stops_it(page, browser):
     page.one("#points").send_keys("0.2,30\n60,90,,,,45")
     page.click("Run")
     wait_until(lambda: page.cell(1, "trajectory") == "moving" and page.position(1) > 20)
-    page.picture("bridge-page-trajectory")
     page.one("#points").send_keys(Keys.SPACE)  # wherever the focus is
     wait_until(lambda: page.cell(1, "trajectory") == "cancelled")
     wait_until(lambda: "was stopped" in page.text("#banner"))
-    assert " " not in page.one("#points").get_attribute("value")[-1:]
     assert not page.one("#servo-on").is_enabled()
     page.settled(1)
     page.click("Rearm")
@@ -185,21 +183,15 @@ def test_a_second_window_cannot_command_but_stop(page, browser):
     assert page.cell(1, "servo") == "on"
 
 
-@pytest.mark.parametrize("end", ["closed", "hangs"])
-def test_motion_ends_with_its_window(page, browser, end):
+def test_motion_ends_with_its_window(page, browser):
     watcher = page.window
     browser.switch_to.new_window("window")
     mover = Page(browser, page.program.url).connected()
     mover.begin()
     mover.hold(mover.jog(1, "+"))
     wait_until(lambda: mover.position(1) > 1)
-    if end == "closed":
-        browser.close()
-    else:
-        browser.execute_script("(window.hang = new BroadcastChannel('hang')).onmessage = () => { for (;;) {} }")
+    browser.close()
     browser.switch_to.window(watcher)
-    if end == "hangs":  # once nothing is asked of it any more
-        browser.execute_script("new BroadcastChannel('hang').postMessage('')")
     wait_until(lambda: page.text("#holder") == "Nobody holds control.")
     wait_until(lambda: "was stopped" in page.text("#banner"))
     page.settled(1)
@@ -220,7 +212,6 @@ def test_what_is_gone_shows_and_comes_back(page, bridge):
     wait_until(lambda: page.text("#health") == "arm away")
     wait_until(lambda: re.search(r"numbers are [1-9]\d* s old", page.text("#banner")))
     assert "stale" in page.one("body").get_attribute("class")
-    page.picture("bridge-page-away")
     page.arm.process.send_signal(signal.SIGCONT)
     page.connected().program.stop(signal.SIGKILL)
     wait_until(lambda: page.text("#health") == "bridge gone" and "bridge is gone" in page.text("#banner"))
