@@ -126,9 +126,7 @@ def test_nothing_is_executed_twice_or_from_the_past(arm, broker):
     assert other.answers.outcome("a")["reason"] == "repeated or retained"
 
 
-@pytest.mark.parametrize("first_byte, reason", [
-    (0x32, "commands not allowed"), (0x3A, "repeated or retained")])
-def test_flags_of_a_delivery_are_seen(sim, bridge, first_byte, reason):
+def test_a_duplicate_is_seen(sim, bridge):
     """A broker of this test's own, since a real one sets the duplicate flag only after losses."""
     with socket.create_server(("127.0.0.1", 0)) as server:
         server.settimeout(30)
@@ -140,11 +138,11 @@ def test_flags_of_a_delivery_are_seen(sim, bridge, first_byte, reason):
             connection.send(b"\x20\x02\0\0")  # connected
             topic, payload = b"p/command", json.dumps({"id": "d", "command": command(SERVO_ON)}).encode()
             rest = len(topic).to_bytes(2, "big") + topic + b"\0\x07" + payload
-            connection.send(bytes([first_byte, len(rest) & 0x7F | 0x80, len(rest) >> 7]) + rest)
+            connection.send(bytes([0x3A, len(rest) & 0x7F | 0x80, len(rest) >> 7]) + rest)
             heard = b""
             while b"}}" not in heard.partition(b'"reason"')[2]:
                 heard += connection.recv(10_000)
-            assert f'"reason":"{reason}"'.encode() in heard
+            assert b'"reason":"repeated or retained"' in heard
 
 
 def test_losing_the_broker_costs_its_control_and_nothing_else(arm, broker, viewer, velta):

@@ -14,7 +14,7 @@ import urllib.parse
 import pytest
 import websockets
 
-from bridge import BRIDGE, MODE, POSITION, REF_POSITION, SERVO_ON, Viewer, bridge, command, free_port, self_signed, viewer
+from bridge import BRIDGE, MODE, POSITION, REF_POSITION, SERVO_ON, bridge, command, free_port, self_signed, viewer
 from conftest import SANITIZED, wait_until
 
 
@@ -83,6 +83,7 @@ def test_one_commander_at_a_time(sim, bridge, viewer):
     assert one.do(command(SERVO_ON)) == {"id": "1", "outcome": "refused", "reason": "control not held"}
     assert other.receive("control") == {"held": False, "yours": False}
     one.take()
+    assert one.ask({"control": "keep"}, "control") == {"held": True, "yours": True}
     assert other.receive("control") == {"held": True, "yours": False}
     assert other.ask({"control": "take"}) == {"outcome": "refused", "reason": "control held by another"}
     for message in {"control": "keep"}, {"control": "give"}, {"rearm": True}, command(SERVO_ON):
@@ -110,6 +111,8 @@ def test_arm_stops_without_its_commander(sim, bridge, viewer, how):
     if how == "bridge ended":
         assert program.stop(signal.SIGTERM).status == 0
         program = bridge(link, "--allow-commands", "--control-timeout", "30s")
+    if how == "silent":
+        commander.receive("control", lambda control: not control["held"])
     other = viewer(program.url)
     if how == "stopped by a viewer":
         other.send({"stop": True})
@@ -174,7 +177,7 @@ def test_requests_are_let_in_by_host_origin_and_token(sim, bridge, viewer, tmp_p
     assert "sesame" not in program.stderr and program.stderr.count("refused 127.0.0.1") == 1
 
 
-def test_other_addresses_need_token_and_tls(sim, bridge, run, tmp_path):
+def test_other_addresses_need_token_and_tls(sim, bridge, viewer, run, tmp_path):
     link = sim()
     assert "0.0.0.0:0 can be reached from other machines" in run(BRIDGE, "-n", 3, link, "--web", "0.0.0.0:0").stderr
     assert bridge(link, "--web", "0.0.0.0:0", "--insecure").url
@@ -185,9 +188,7 @@ def test_other_addresses_need_token_and_tls(sim, bridge, run, tmp_path):
     url = program.url.replace("0.0.0.0", "127.0.0.1")
     assert url.startswith("https://")
     assert get(url, "/api/state", {"Authorization": "Bearer t"}, context=trust)[0] == 200
-    secure = Viewer(url, ssl=trust)
-    assert secure.ask({"token": "t"}, "control") == {"held": False, "yours": False}
-    secure.close()
+    assert viewer(url, ssl=trust).ask({"token": "t"}, "control") == {"held": False, "yours": False}
 
 
 @pytest.mark.parametrize("messages, code, reason", [
@@ -208,8 +209,7 @@ def test_messages_beyond_the_limits_close_the_connection(sim, bridge, viewer, me
 
 
 def resident(program):
-    status = pathlib.Path(f"/proc/{program.process.pid}/status").read_text()
-    return int(status.split("VmRSS:")[1].split()[0])
+    return int(pathlib.Path(f"/proc/{program.process.pid}/status").read_text().split("VmRSS:")[1].split()[0])
 
 
 def test_strangers_cost_neither_memory_nor_the_loop(sim, bridge, viewer):
