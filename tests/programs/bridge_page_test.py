@@ -177,6 +177,7 @@ def test_a_second_window_cannot_command_but_stop(page, browser):
     browser.execute_script("command(everyJoint(ORDER.servoOff))")
     wait_until(lambda: "refused: control not held" in second.text("#log"))
     second.click("STOP")
+    wait_until(lambda: "was stopped" in second.text("#banner"))
     browser.switch_to.window(page.window)
     browser.refresh()
     wait_until(lambda: "was stopped" in page.connected().text("#banner"))
