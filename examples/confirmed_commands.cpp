@@ -32,7 +32,10 @@ bool Confirmed(MasterControllerClient& arm, SendPacket packet) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 3) return std::fprintf(stderr, "usage: confirmed_commands IP PORT\n"), 2;
+  if (argc != 3) {
+    std::fprintf(stderr, "usage: confirmed_commands IP PORT\n");
+    return 2;
+  }
   MasterControllerClient arm(kJoints);
   if (!arm.InitAsTcpClient(argv[1], std::atoi(argv[2]))) return 1;
 

@@ -11,7 +11,10 @@
 
 int main(int argc, char** argv) {
   constexpr int kJoints = 7;  // six joints and the gripper
-  if (argc != 3) return std::fprintf(stderr, "usage: gripper_and_payload IP PORT\n"), 2;
+  if (argc != 3) {
+    std::fprintf(stderr, "usage: gripper_and_payload IP PORT\n");
+    return 2;
+  }
   MasterControllerClient arm(kJoints);
   if (!arm.InitAsTcpClient(argv[1], std::atoi(argv[2]))) return 1;
 

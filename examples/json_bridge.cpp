@@ -30,7 +30,10 @@ std::string NextEcho(MasterControllerClient& arm) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 3) return std::fprintf(stderr, "usage: json_bridge IP PORT\n"), 2;
+  if (argc != 3) {
+    std::fprintf(stderr, "usage: json_bridge IP PORT\n");
+    return 2;
+  }
   MasterControllerClient arm(kJoints);
   if (!arm.InitAsTcpClient(argv[1], std::atoi(argv[2]))) return 1;
   int bad = 0;
@@ -41,7 +44,10 @@ int main(int argc, char** argv) {
       continue;
     }
     const std::string status = NextEcho(arm);
-    if (status.empty()) return std::fprintf(stderr, "json_bridge: not confirmed\n"), 1;
+    if (status.empty()) {
+      std::fprintf(stderr, "json_bridge: not confirmed\n");
+      return 1;
+    }
     std::printf("%s\n", status.c_str());
     std::fflush(stdout);
   }

@@ -11,7 +11,10 @@
 int main(int argc, char** argv) {
   constexpr int kJoints = 6;  // as the controller is set up; no frame says it
   constexpr float kTarget = 30;
-  if (argc != 3) return std::fprintf(stderr, "usage: move_joint IP PORT\n"), 2;
+  if (argc != 3) {
+    std::fprintf(stderr, "usage: move_joint IP PORT\n");
+    return 2;
+  }
   MasterControllerClient arm(kJoints);
   if (!arm.InitAsTcpClient(argv[1], std::atoi(argv[2]))) return 1;  // it has printed why
 

@@ -40,7 +40,10 @@ int Discarded(const std::vector<velta::Ticket>& tickets) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 3) return std::fprintf(stderr, "usage: reconnect IP PORT\n"), 2;
+  if (argc != 3) {
+    std::fprintf(stderr, "usage: reconnect IP PORT\n");
+    return 2;
+  }
   velta::SessionOptions options;
   options.link = std::string("tcp://") + argv[1] + ":" + argv[2];
   options.joints = kJoints;
@@ -58,7 +61,8 @@ int main(int argc, char** argv) {
       const auto status = arm.Latest();
       if (status && std::fabs(status->joints[0].position - kTarget) < 0.01f &&
           move.back().Outcome() == velta::Outcome::kConfirmed) {
-        return std::printf("arrived\n"), 0;
+        std::printf("arrived\n");
+        return 0;
       }
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }

@@ -9,7 +9,10 @@
 
 int main(int argc, char** argv) {
   constexpr int kJoints = 2;
-  if (argc != 3) return std::fprintf(stderr, "usage: serial_line DEVICE BAUD\n"), 2;
+  if (argc != 3) {
+    std::fprintf(stderr, "usage: serial_line DEVICE BAUD\n");
+    return 2;
+  }
   MasterControllerClient arm(kJoints);
   if (!arm.InitAsSerialClient(argv[1], static_cast<unsigned>(std::atoi(argv[2])))) {
     std::fprintf(stderr, "serial_line: cannot open %s\n", argv[1]);  // a serial link does not say why

@@ -20,7 +20,10 @@ int main(int argc, char** argv) {
   });
   arm.Start();
   std::string why;
-  if (!arm.WaitConnected(3s, &why)) return std::fprintf(stderr, "session_dead_man: %s\n", why.c_str()), 1;
+  if (!arm.WaitConnected(3s, &why)) {
+    std::fprintf(stderr, "session_dead_man: %s\n", why.c_str());
+    return 1;
+  }
 
   SendPacket servo(6), move(6);
   servo.SetServoOn("all");

@@ -18,7 +18,10 @@ int main(int argc, char** argv) {
   velta::Session arm(options);
   arm.Start();
   std::string why;
-  if (!arm.WaitConnected(3s, &why)) return std::fprintf(stderr, "session_flight_record: %s\n", why.c_str()), 1;
+  if (!arm.WaitConnected(3s, &why)) {
+    std::fprintf(stderr, "session_flight_record: %s\n", why.c_str());
+    return 1;
+  }
 
   SendPacket servo(6), move(6);
   servo.SetServoOn("all");
@@ -27,7 +30,10 @@ int main(int argc, char** argv) {
   arm.Send(move, velta::Confirm::kYes).Wait(1s);
   std::this_thread::sleep_for(500ms);
 
-  if (!arm.WriteFlightRecord(path, &why)) return std::fprintf(stderr, "session_flight_record: %s\n", why.c_str()), 1;
+  if (!arm.WriteFlightRecord(path, &why)) {
+    std::fprintf(stderr, "session_flight_record: %s\n", why.c_str());
+    return 1;
+  }
   std::printf("%s: see velta convert %s, velta plot %s, velta play %s LINK\n", path.c_str(), path.c_str(), path.c_str(),
               path.c_str());
 }

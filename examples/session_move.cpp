@@ -15,7 +15,10 @@ int main(int argc, char** argv) {
   velta::Session arm(options);
   arm.Start();
   std::string why;
-  if (!arm.WaitConnected(3s, &why)) return std::fprintf(stderr, "session_move: %s\n", why.c_str()), 1;
+  if (!arm.WaitConnected(3s, &why)) {
+    std::fprintf(stderr, "session_move: %s\n", why.c_str());
+    return 1;
+  }
 
   SendPacket servo(6), mode(6), move(6);
   servo.SetServoOn("2");  // joint 2, counted from 0
@@ -24,7 +27,8 @@ int main(int argc, char** argv) {
   for (const SendPacket& command : {servo, mode, move}) {
     const velta::Ticket ticket = arm.Send(command, velta::Confirm::kYes);
     if (ticket.Wait(1s) == velta::Outcome::kConfirmed) continue;
-    return std::fprintf(stderr, "session_move: %s %s\n", ToString(ticket.Outcome()), ToString(ticket.Reason())), 1;
+    std::fprintf(stderr, "session_move: %s %s\n", ToString(ticket.Outcome()), ToString(ticket.Reason()));
+    return 1;
   }
   float position = 0;
   for (int i = 0; i < 100 && std::fabs(position - 30) > 0.01f; ++i) {

@@ -46,7 +46,10 @@ bool Drive(MasterControllerClient& arm, float target) {
 
 int main(int argc, char** argv) {
   const auto arm = Open(argc, argv);
-  if (arm == nullptr) return std::fprintf(stderr, "usage: simulator_swap [IP PORT]\n"), 2;
+  if (arm == nullptr) {
+    std::fprintf(stderr, "usage: simulator_swap [IP PORT]\n");
+    return 2;
+  }
   const bool there = Drive(*arm, 15);
   std::printf("%s\n", there ? "arrived" : "not there");
   return there ? 0 : 1;

@@ -43,7 +43,10 @@ void Feed(MasterControllerClient& arm, int joint) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 3) return std::fprintf(stderr, "usage: status_thread IP PORT\n"), 2;
+  if (argc != 3) {
+    std::fprintf(stderr, "usage: status_thread IP PORT\n");
+    return 2;
+  }
   MasterControllerClient arm(kJoints);
   if (!arm.InitAsTcpClient(argv[1], std::atoi(argv[2]))) return 1;
 

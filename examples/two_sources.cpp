@@ -32,7 +32,10 @@ void Track(MasterControllerClient& arm, const std::string& source, const std::st
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 3) return std::fprintf(stderr, "usage: two_sources IP PORT\n"), 2;
+  if (argc != 3) {
+    std::fprintf(stderr, "usage: two_sources IP PORT\n");
+    return 2;
+  }
   MasterControllerClient arm(kJoints);
   if (!arm.InitAsTcpClient(argv[1], std::atoi(argv[2]))) return 1;
   arm.CreateIndependentSendPacketBuffer("shoulder");  // before the first push, which would only create it

@@ -37,7 +37,10 @@ class MemoryLink : public SessionLink {
     return progress;
   }
   void Abort() override { Closed(), to_host.clear(), to_controller.clear(); }
-  int Disconnect() override { return Closed(), 0; }
+  int Disconnect() override {
+    Closed();
+    return 0;
+  }
   bool MustBeAsked() const override { return must_be_asked; }
 
   Progress progress = Progress::kOpen;
