@@ -61,25 +61,6 @@ def test_a_fault_lasts_as_long_as_it_is_told(velta, sim, tmp_path):
     assert link.stop()["faults"]["corrupt"] == 1
 
 
-def test_odd_faults_are_refused_before_anything_begins(velta, sim, tmp_path):
-    link, endpoint = controlled(sim, f"unix:{tmp_path}/control")
-    for odd in ("corrupt=2", "nonsense"):
-        run = velta("fault", endpoint, "no-echo", odd)
-        assert run.status == 2 and run.stderr.startswith(f"velta: bad fault '{odd}': ")
-    assert link.stop()["faults"] == {}
-
-
-@pytest.mark.parametrize("endpoint, error", [
-    ("unix:{0}/missing", "No such file or directory"),
-    ("tcp://192.0.2.1:5000", "only unix:PATH and tcp://127.0.0.1:PORT are for control lines"),
-    ("unix:{0}/" + "x" * 200, "the path is too long for a socket"),
-])
-def test_says_why_an_endpoint_cannot_be_used(velta, tmp_path, endpoint, error):
-    endpoint = endpoint.format(tmp_path)
-    run = velta("fault", endpoint, "corrupt")
-    assert (run.status, run.stderr) == (1, f"velta: {endpoint}: {error}\n")
-
-
 def test_takes_the_place_of_a_dead_program_only(velta, sim, tmp_path):
     path = tmp_path / "control"
     endpoint = f"unix:{path}"

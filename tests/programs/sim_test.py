@@ -316,25 +316,6 @@ def test_executed_counts_what_the_joints_obeyed(velta):
                                     "frames_received": commands, "frames_sent": counts["status_frames"]}
 
 
-@pytest.mark.parametrize("words, status, complaint", [
-    ("", 2, "give an endpoint"),
-    ("serial:///dev/ttyS0", 2, "pty:"),
-    ("HERE --script FOLDER/script", 1, "script:2: there is no fault 'corrput'"),
-    ("HERE --script FOLDER/none", 1, "No such file"),
-    ("HERE pty:FOLDER/script", 1, "does not lead to a pty"),
-    ("HERE pty:FOLDER/mine", 1, "does not lead to a pty"),
-    ("tcp://192.0.2.1:0", 1, "cannot listen on tcp://192.0.2.1:0"),
-])
-def test_refuses_what_it_cannot_serve(velta, tmp_path, words, status, complaint):
-    (tmp_path / "script").write_text('{"at_ms": 1, "fault": "corrupt"}\n{"at_ms": 1, "fault": "corrput"}')
-    (tmp_path / "mine").symlink_to("script")
-    words = words.replace("HERE", "tcp://127.0.0.1:0").replace("FOLDER", str(tmp_path))
-    run = velta("sim", "-n", 2, *words.split(" ") if words else [])
-    assert (run.status, run.stdout) == (status, "")
-    assert run.stderr.startswith("velta: ") and complaint in run.stderr and run.stderr.count("\n") == 1
-    assert sorted(path.name for path in tmp_path.iterdir()) == ["mine", "script"] and (tmp_path / "mine").is_file()
-
-
 def test_says_that_it_cannot_print(velta):
     with open("/dev/full", "w") as full:
         program = velta.start("sim", "-n", 2, "tcp://127.0.0.1:0", stdout=full)

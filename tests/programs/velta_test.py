@@ -49,7 +49,20 @@ def a_recording(folder):
 
 
 @pytest.mark.parametrize("line, status, complaint", [
+    ("sim -n 3", 2, "give an endpoint"),
+    ("sim -n 3 serial:///dev/ttyS0", 2, "pty:"),
+    ("sim -n 3 HERE --script FOLDER/note", 1, "note:1: not a JSON object"),
+    ("sim -n 3 HERE --script FOLDER/none", 1, "No such file"),
+    ("sim -n 3 HERE pty:FOLDER/note", 1, "does not lead to a pty"),
+    ("sim -n 3 HERE pty:FOLDER/mine", 1, "does not lead to a pty"),
+    ("sim -n 3 tcp://192.0.2.1:0", 1, "cannot listen on tcp://192.0.2.1:0"),
+    ("fault unix:FOLDER/none no-echo corrupt=2", 2, "bad fault 'corrupt=2': "),
+    ("fault unix:FOLDER/none corrupt", 1, "none: No such file or directory"),
+    (f"fault unix:FOLDER/{200 * 'x'} corrupt", 1, "the path is too long for a socket"),
+    ("fault tcp://192.0.2.1:5000 corrupt", 1, "only unix:PATH and tcp://127.0.0.1:PORT are for control lines"),
     ("record -n 3 NOWHERE", 2, "FILE is required"),
+    ("record -n 3 NOWHERE FOLDER/new", 1, "tcp://127.0.0.1:1: Connection refused"),
+    ("record -n 3 udp://127.0.0.1:9 /dev/full --force", 1, "/dev/full: No space left on device"),
     ("record -n 3 NOWHERE FOLDER/new --via udp://127.0.0.1:0", 2, "udp:// goes with udp://"),
     ("record -n 3 udp://127.0.0.1:9 TAPE", 1, "there is such a file already"),
     ("record -n 3 NOWHERE FOLDER/no/file --via HERE", 1, "No such file"),
@@ -72,6 +85,7 @@ def a_recording(folder):
 def test_refuses_in_one_line_and_changes_nothing(velta, tmp_path, line, status, complaint):
     tape = a_recording(tmp_path)
     (tmp_path / "note").write_text("precious")
+    (tmp_path / "mine").symlink_to("note")
     before = {path.name: path.read_bytes() for path in tmp_path.iterdir()}
     for name, meaning in (("FOLDER", tmp_path), ("TAPE", tape), ("NOWHERE", "tcp://127.0.0.1:1"),
                           ("HERE", "tcp://127.0.0.1:0")):
