@@ -131,13 +131,15 @@ TEST(Faults, StrikeAtTheirRateWhateverElseStrikes) {
   EXPECT_NEAR(static_cast<double>(std::count(strikes.begin(), strikes.end(), true)), 1000, 150);
 }
 
-TEST(Damage, IsOneBitOrAnEndThatIsMissing) {
+TEST(Damage, IsOneBitAnEndThatIsMissingOrBytesInFront) {
   Generator random(1);
   for (int i = 0; i < 100; ++i) {
     const std::vector<char> flipped = FlipBit({0}, 0, random), part = CutShort({'a', 'b'}, 0, random);
     const auto bits = static_cast<unsigned char>(flipped[0]);
     EXPECT_TRUE(bits != 0 && (bits & (bits - 1)) == 0) << int{bits};
     EXPECT_EQ(part, std::vector<char>{'a'});
+    const std::vector<char> longer = PrependGarbage({'a'}, 9, random);
+    EXPECT_TRUE(longer.size() > 1 && longer.size() <= 10 && longer.back() == 'a');
   }
 }
 

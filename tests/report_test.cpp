@@ -2,6 +2,7 @@
 #include "report.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <fstream>
 
@@ -9,7 +10,7 @@ using namespace velta::tools;
 namespace fs = std::filesystem;
 
 TEST(Report, HasOnlyThoseWordsOfTheKernelsCommandLineThatAreAboutTime) {
-  const fs::path root = testing::TempDir() + "velta_report";
+  const fs::path root = testing::TempDir() + "velta_report_" + std::to_string(getpid());
   fs::create_directories(root / "proc");
   std::ofstream(root / "proc/cmdline") << "root=/dev/mapper/private isolcpus=2 nosmt quiet\n";
   const std::string text = RealtimeText(root);

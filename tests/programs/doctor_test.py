@@ -38,7 +38,7 @@ def test_names_the_cause(velta, sim, endpoint, options, finding, verdict):
         assert run.stdout.endswith(f"\nverdict: {verdict}\n"), run.stdout
 
 
-def test_is_content_with_a_healthy_arm(velta, sim):
+def test_is_content_with_a_healthy_arm_of_one_host(velta, sim):
     link = sim()
     assert velta("send", link, "-n", 3, "servo-on", "--select", "all", "--confirm").status == 0
     run = velta("doctor", "-n", 3, link, "--json")
@@ -46,6 +46,8 @@ def test_is_content_with_a_healthy_arm(velta, sim):
     assert (run.status, report["verdict"]) == (0, "healthy")
     assert {finding["kind"] for finding in report["findings"]} == {"ok"}
     assert report["findings"][0]["text"] == f"opened {link}"
+    velta.start("ping", "-n", 3, link, "--count", 1_000_000)
+    assert "another host drives it" in velta("doctor", "-n", 3, link).stdout
 
 
 def test_looks_host_names_up(velta, sim):

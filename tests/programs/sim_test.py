@@ -103,14 +103,6 @@ def test_one_byte_per_datagram(answers):
     assert {len(datagram) for datagram in datagrams} == {1} and is_good(b"".join(datagrams))
 
 
-def test_damaged_statuses(answers):
-    for frame in answers("corrupt", 4):
-        assert len(frame) == SIZE and not is_good(frame)
-    assert all(0 < len(frame) < SIZE for frame in answers("truncate", 4))
-    for datagram in answers("garbage=1:9", 4):
-        assert SIZE < len(datagram) <= SIZE + 9 and is_good(datagram[-SIZE:])
-
-
 def test_only_the_host_that_commands_is_answered(sim):
     link = sim("-n", 2, "--on-command")
     quiet, host = Host(link), Host(link)
