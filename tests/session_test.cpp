@@ -248,8 +248,10 @@ TEST_F(SessionTest, MergesSourcesAndKeepsTheOrderOfEach) {
   Cycles(510);
   EXPECT_EQ(next.Became(), Discarded(velta::Reason::kOtherGaveUp));
   Sent();
-  for (int first = 0; first < 3; ++first) {  // whichever begins, a source that collides does not hold up the others
-    const Held a3 = Send(*a, Command(0)), b3 = Send(*b, Command(0)), c3 = Send(*c, Command(1));
+  Stream* const sources[] = {a.get(), b.get(), c.get(), a.get(), b.get()};
+  for (int i = 0; i < 3; ++i) {  // whichever begins, a source that collides does not hold up the others
+    const Held one = Send(*sources[i], Command(0)), two = Send(*sources[i + 1], Command(0)),
+               third = Send(*sources[i + 2], Command(1));
     Cycles(2);
     EXPECT_EQ(Sent(), (Texts{"A2 A2 00", "A2 00 00"}));
   }
