@@ -7,7 +7,6 @@
 #include <chrono>
 #include <cmath>
 #include <functional>
-#include <limits>
 #include <thread>
 #include <tuple>
 
@@ -160,13 +159,10 @@ TEST(Simulator, SetsJointTypesByNumberAndName) {
   Stepped sim(3);
   sim.SetJointType(3, 9);
   sim.SetJointType(0, 9);
-  EXPECT_EQ(sim.Joint(0).type, 9);
-  const std::pair<const char*, int> rows[] = {
-      {"gripper_revolute", 2}, {"gripper_Revolute", 2}, {"gripper_prismatic", 1}, {"revolute", 0}};
-  for (const auto& [name, type] : rows) {
-    sim.SetJointType(2, name);
-    EXPECT_EQ(sim.Joint(2).type, type) << name;
-  }
+  sim.SetJointType(1, "gripper_revolute");
+  sim.SetJointType(2, "gripper_prismatic");
+  sim.SetJointType(2, "gripper_Revolute");
+  EXPECT_EQ((std::array<int, 3>{sim.Joint(0).type, sim.Joint(1).type, sim.Joint(2).type}), (std::array{9, 2, 1}));
 }
 
 TEST_F(SimulatedJoint, TakesReferencesAsItsControlModeSays) {
@@ -194,7 +190,6 @@ TEST_F(SimulatedJoint, TakesReferencesAsItsControlModeSays) {
 }
 
 TEST_F(SimulatedJoint, TruncatesNumbersAndTakesWhatNoIntegerHoldsForZero) {
-  constexpr float kInfinity = std::numeric_limits<float>::infinity();
   const std::pair<float, int> modes[] = {{7.9f, 7}, {-1, 255}, {300, 44}};
   for (const auto& [value, mode] : modes) {
     sim.Do({{Codes::ControlMode, value}});
@@ -202,7 +197,7 @@ TEST_F(SimulatedJoint, TruncatesNumbersAndTakesWhatNoIntegerHoldsForZero) {
   }
   sim.Do({{Codes::FaultInjection, 4294967808.0f}});
   EXPECT_EQ((std::pair<int, unsigned>(sim.Joint().systemMode, +sim.Joint().ewStatus)), std::pair(3, 512u));
-  for (const float none : {NAN, kInfinity, -kInfinity, 1e30f, 1e19f, -1e19f}) {
+  for (const float none : {NAN, INFINITY, -INFINITY, 1e30f, 1e19f, -1e19f}) {
     sim.Do({{Codes::ControlMode, 9},
             {Codes::ControlMode, none},
             {Codes::FaultInjection, 5},

@@ -98,7 +98,6 @@ TEST(ClientInit, OpensTheLinkAtOnceAndNeverReleasesAnEarlierOne) {
 TEST_F(Client, ReConnectPrintsItsAttemptsAndKeepsTheConnectedFlag) {
   const std::vector<std::tuple<int, std::deque<bool>, int, std::string>> rows = {
       {0, {}, 0, ""},
-      {-3, {}, 0, ""},
       {3, {false, true, true}, 2, "[VELTA] Try: 0...failed.\n[VELTA] Try: 1...succeeded!\n"},
       {3, {false, false, false}, 3, "[VELTA] Try: 0...failed.\n[VELTA] Try: 1...failed.\n[VELTA] Try: 2...failed.\n"}};
   for (const auto& [tries, results, attempts, printed] : rows) {

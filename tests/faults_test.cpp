@@ -44,11 +44,9 @@ TEST(FaultScript, IsReadLineByLineAndRefusedWithItsLine) {
                                  R"({"fault": "corrupt"})",
                                  R"({"at_ms": 1})",
                                  R"({"at_ms": 1.5, "fault": "corrupt"})",
-                                 R"({"at_ms": 1e999, "fault": "corrupt"})",
                                  R"({"at_ms": 1, "at_frame": 1, "fault": "corrupt"})",
                                  R"({"at_ms": 1, "fault": "corrupt", "rate": 2})",
                                  R"({"at_ms": 1, "fault": "corrupt", "value": 2})",
-                                 R"({"at_ms": 1, "fault": "no-echo", "rate": 1})",
                                  R"({"at_ms": 1, "fault": "corrupt", "for_ms": 1, "for_frames": 1})",
                                  R"({"at_ms": 1, "fault": "close", "a\nb": 1})"};
   for (const char* line : refused) {
