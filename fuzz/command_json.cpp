@@ -17,7 +17,7 @@ std::string Compose(Input& in, SendPacket& expected) {
   expected.header.armOrder = static_cast<unsigned char>(arm);
   for (unsigned i = in.Below(64); i > 0; --i) {
     const int name = static_cast<int>(in.Below(8)) - 1;
-    const unsigned order = in.Byte() * 3;
+    const int order = 3 * static_cast<int>(in.Byte());
     text += "{\"jointName\":\"" + std::to_string(name) + "\",\"jointOrder\":\"" + std::to_string(order) + "\"";
     float values[4];
     for (int v = 0; v < 4; ++v) {

@@ -81,8 +81,14 @@ class SocketLink : public testing::Test {
   int port_ = 0;
 };
 
+struct LinkName {
+  template <typename Link>
+  static std::string GetName(int) {
+    return std::is_same_v<Link, TcpClient> ? "TCP" : "UDP";
+  }
+};
 using Links = testing::Types<TcpClient, UdpClient>;
-TYPED_TEST_SUITE(SocketLink, Links);
+TYPED_TEST_SUITE(SocketLink, Links, LinkName);
 
 TYPED_TEST(SocketLink, CarriesBytesBothWaysWithoutWaiting) {
   auto link = this->Open();
