@@ -31,6 +31,8 @@ const char* ToString(Refusal refusal) {
       return "not a command document";
     case Refusal::kRepeated:
       return "repeated or retained";
+    case Refusal::kExpired:
+      return "expired";
   }
   return "";
 }

@@ -23,11 +23,12 @@ enum class Refusal {
   kDeadMan,        ///< the arm was stopped, and nobody has rearmed it
   kNoStop,         ///< viewers may not stop the arm here
   kNotCommand,     ///< the text is no message, or its command is no command document
-  kRepeated        ///< a message that was delivered before, or may have been
+  kRepeated,       ///< a message that was delivered before, or may have been
+  kExpired         ///< its sender allowed it less time than it took
 };
 
 /// "commands not allowed", "control not held", "control held by another", "dead-man", "stop not allowed",
-/// "not a command document", "repeated or retained"; "" for kNone
+/// "not a command document", "repeated or retained", "expired"; "" for kNone
 const char* ToString(Refusal refusal);
 
 struct ControlOptions {

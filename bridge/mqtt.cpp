@@ -3,6 +3,7 @@
 
 #include <mosquitto.h>
 #include <mqtt_protocol.h>
+#include <poll.h>
 
 #include <algorithm>
 #include <atomic>
@@ -14,6 +15,7 @@
 #include <iostream>
 #include <mutex>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <random>
 #include <set>
 #include <stdexcept>
@@ -30,8 +32,10 @@ namespace {
 namespace asio = boost::asio;
 using nlohmann::json;
 using std::chrono::milliseconds;
+using std::chrono::steady_clock;
 
 constexpr int kKeepAlive = 10;  // s, between this bridge and the broker
+constexpr int kTurn = 100;      // ms, the longest turn of the connection's thread
 constexpr double kStatisticsHz = 0.1;
 constexpr milliseconds kBackOff(250), kBackOffLimit(8000);
 constexpr milliseconds kFarewell(500);
@@ -44,6 +48,7 @@ struct Arrived {
   std::string payload;
   std::string correlation;
   bool is_repeated = false;  ///< retained by the broker, or delivered before
+  std::optional<steady_clock::time_point> expiry;
 };
 
 std::string RandomName() {
@@ -51,6 +56,11 @@ std::string RandomName() {
   std::string name = "velta-";
   for (int i = 0; i < 16; ++i) name += "0123456789abcdef"[random() % 16];
   return name;
+}
+
+bool IsReadable(int socket) {
+  pollfd descriptor{socket, POLLIN, 0};
+  return poll(&descriptor, 1, 0) > 0;
 }
 
 std::string Correlation(const mosquitto_property* properties) {
@@ -158,8 +168,9 @@ struct Mqtt::Parts {
 
   // The connection's thread:
   bool was_connected = false;
-  std::string complaint;      ///< why the broker, or the TLS library, ends a connection
-  bool is_duplicate = false;  ///< the message that comes next
+  std::string complaint;                       ///< why the broker, or the TLS library, ends a connection
+  bool is_duplicate = false;                   ///< the message that comes next
+  steady_clock::time_point nothing_waited_at;  ///< what comes next has come since
 
   // Both:
   std::atomic<int> on_the_way{0};
@@ -211,7 +222,11 @@ void Mqtt::Parts::Run() {
     was_connected = false;
     complaint.clear();
     int result = mosquitto_connect_bind_v5(client, options.host.c_str(), options.port, kKeepAlive, nullptr, nullptr);
-    while (result == MOSQ_ERR_SUCCESS) result = mosquitto_loop(client, 1000, 1);
+    while (result == MOSQ_ERR_SUCCESS) {
+      const auto now = steady_clock::now();
+      if (!IsReadable(mosquitto_socket(client))) nothing_waited_at = now;
+      result = mosquitto_loop(client, kTurn, 1);
+    }
     std::string why = result == MOSQ_ERR_ERRNO ? std::strerror(errno) : mosquitto_strerror(result);
     if (!complaint.empty()) why = complaint;
     if (!why.empty() && why.back() == '.') why.pop_back();
@@ -326,6 +341,8 @@ void Mqtt::Parts::Take(const Arrived& arrived) {
     ++repeated;
     return Hub::Refuse(message, Refusal::kRepeated, reply);
   }
+  const bool is_late = arrived.expiry && steady_clock::now() > *arrived.expiry;
+  if (is_late && message.kind != Message::Kind::kStop) return Hub::Refuse(message, Refusal::kExpired, reply);
   sender = name;
   if (hub.Handle(name, message, reply) && !message.id.empty()) executed.Add(name, message.id);
   sender.clear();
@@ -360,6 +377,10 @@ void Mqtt::Parts::OnMessage(mosquitto*, void* self, const mosquitto_message* mes
   const auto size = static_cast<std::size_t>(message->payloadlen);
   if (size > 0 && size <= kMaxMessage) arrived.payload.assign(static_cast<const char*>(message->payload), size);
   arrived.correlation = Correlation(properties);
+  std::uint32_t lifetime = 0;  // in seconds; the broker counts until it sends the message, the bridge from there
+  if (mosquitto_property_read_int32(properties, MQTT_PROP_MESSAGE_EXPIRY_INTERVAL, &lifetime, false) != nullptr) {
+    arrived.expiry = parts.nothing_waited_at + std::chrono::seconds(lifetime);
+  }
   if (parts.on_the_way.fetch_add(1) >= kMaxOnTheWay) {
     parts.on_the_way.fetch_sub(1);
     return;
