@@ -118,6 +118,7 @@ TEST_F(Client, ReConnectPrintsItsAttemptsAndKeepsTheConnectedFlag) {
   EXPECT_FALSE(client.IsConnected());
   EXPECT_TRUE(client.Connect() && client.IsConnected());
   EXPECT_TRUE(client.Disconnect() && client.IsConnected());
+  EXPECT_EQ(client.link->disconnects, 5);
   EXPECT_FALSE(client.Connect() || client.IsConnected());
   EXPECT_EQ(client.GetStatistics().reconnections, 3u);
 }

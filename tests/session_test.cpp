@@ -16,6 +16,7 @@
 
 #include "session_loop.h"
 #include "support/bytes.h"
+#include "support/capture.h"
 
 namespace velta::detail {
 namespace {
@@ -284,7 +285,7 @@ TEST_F(SessionTest, ALossDiscardsAllAndNothingOldIsSentOrConfirmed) {
   link->to_host.push_back({'\xAB', '\xCD', 0});  // half a status
   Cycles(1);
   link->is_broken = true;
-  Cycles(1);
+  EXPECT_EQ(test::Printed([&] { Cycles(1); }), "");  // events say it
   for (const Held* held : {&awaited, &queued, &from_source, &keyed}) {
     EXPECT_EQ(held->Became(), Discarded(velta::Reason::kLinkLost));
   }
@@ -456,6 +457,7 @@ TEST_F(SessionTest, AsksASilentControllerAndLosesOneThatStaysSilent) {
   link->must_be_asked = true;
   Cycles(1);
   EXPECT_EQ(Sent(), Texts{"00 00 00"});  // at once: nothing comes before
+  EXPECT_FALSE(shared->situation.IsConnected());
   Hear(0);
   Cycles(40);
   EXPECT_EQ(Sent(), Texts{});
@@ -480,9 +482,12 @@ TEST_F(SessionTest, AsksASilentControllerAndLosesOneThatStaysSilent) {
 
 TEST_F(SessionTest, TriesAgainLaterEachTime) {
   Build();
-  link->progress = SessionLink::Progress::kFailed;
   std::vector<double> pauses;
   shared->notifier.OnEvent([&](const Event& event) { pauses.push_back(event.value); });
+  link->progress = SessionLink::Progress::kConnecting;
+  Cycles(1);
+  EXPECT_FALSE(shared->situation.IsConnected());
+  link->progress = SessionLink::Progress::kFailed;
   Cycles(30000);
   ASSERT_GE(pauses.size(), 8U);
   const double expected[] = {0, 0.1, 0.2, 0.4, 0.8, 1.6, 3.2, 5, 5};
