@@ -82,7 +82,6 @@ TEST(Faults, HoldFromTheTriggerAsLongAsTheyLast) {
       {R"({"fault": "corrupt", "at_frame": 3, "for_frames": 2})", {3, 4}},
       {R"({"fault": "corrupt", "at_ms": 25, "for_frames": 2})", {3, 4}},
       {R"({"fault": "corrupt", "at_ms": 30, "for_ms": 30})", {3, 4, 5}},
-      {R"({"fault": "corrupt", "at_frame": 3, "for_ms": 20})", {3, 4}},
       {R"({"fault": "corrupt", "at_command": 11, "for_commands": 5})", {11, 12}},
       {R"({"fault": "corrupt", "at_frame": 3, "for_frames": 0})", {}},
       {R"({"fault": "freeze", "at_frame": 10})", {10, 11, 12}},

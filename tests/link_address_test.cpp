@@ -25,7 +25,6 @@ TEST(LinkAddressTest, IsReadAndWrittenBack) {
       {"serial:///dev/ttyS0?baud=100000000", {Kind::kSerial, "", 0, "/dev/ttyS0", 100000000, 1}, nullptr},
       {"sim:", {Kind::kSimulator, "", 0, "", 115200, 1}, nullptr},
       {"sim:?cycle=10", {Kind::kSimulator, "", 0, "", 115200, 10}, nullptr},
-      {"pty:", {Kind::kPty, "", 0, "", 115200, 1}, nullptr},
       {"pty:/tmp/a link", {Kind::kPty, "", 0, "/tmp/a link", 115200, 1}, nullptr}};
   for (const auto& [text, link, written] : cases) {
     SCOPED_TRACE(text);
@@ -54,7 +53,7 @@ TEST(LinkAddressTest, IsRefusedWithOneLine) {
                {"udp://:5000", "the host is missing"},
                {"tcp://1.2.3.4:65536", "the port must be 0 to 65535"},
                {"tcp://1.2.3.256:5", "'1.2.3.256" + host},
-               {"tcp://1.2.3.4.5:5", "'1.2.3.4.5" + host},
+               {"tcp://ar m:5", "'ar m" + host},
                {"tcp://-arm:5", "'-arm" + host},
                {"tcp://arm..local:5", "'arm..local" + host},
                {"serial://dev/ttyS0", "a serial link names a device: serial:///dev/ttyX"},

@@ -612,6 +612,20 @@ TEST_F(SessionTest, KeepsTheNewestEventsAndCountsTheRest) {
   EXPECT_EQ(values.size(), 257U) << "the callback before was gone";
 }
 
+TEST_F(SessionTest, WritesFlightRecordsByItselfAndNumbersThem) {
+  const std::string stem = testing::TempDir() + "velta-" + std::to_string(getpid());
+  options.flight_recorder = std::chrono::seconds(1);
+  options.flight_record_path = stem + ".vrec";
+  Connect();
+  const Held unconfirmed = Send(0, kConfirm);
+  Cycles(510);
+  shared->admission->Trip();
+  Cycles(1);
+  link->is_broken = true;
+  Cycles(1);
+  for (const char* number : {"", "-2", "-3"}) EXPECT_EQ(std::remove((stem + number + ".vrec").c_str()), 0) << number;
+}
+
 TEST(SessionRecorderTest, LeavesOutWhatIsOlderThanItsLength) {
   const std::string path = testing::TempDir() + "velta-" + std::to_string(getpid()) + ".vrec";
   for (const Nanos length : {Nanos{0}, 3'600'000 * kMs}) {
