@@ -299,6 +299,7 @@ TEST(SessionProof, NothingWaitsForALinkThatIsNotThere) {
   } cases[] = {{silent.link, "no status for"},
                {hanging.link, "Connection timed out"},
                {"tcp://127.0.0.1:1", "Connection refused"},
+               {"tcp://255.255.255.255:1", "Network is unreachable"},  // at once, by this machine
                {"udp://127.0.0.1:1", "no status"},
                {"serial:///dev/null", "/dev/null: "},
                {"serial:///dev/none", "/dev/none: No such file or directory"},
