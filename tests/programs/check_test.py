@@ -29,7 +29,6 @@ def since(first, **values):
 CASES = {  # what is special, and (seconds, kind, joint) of what is found
     "gap": (dict(missing=range(41, 60)), [(0.41, "gap", None)]),
     "jitter": (dict(late=lambda i: 0.0105 * (i >= 50)), [(0.5205, "jitter", None)]),
-    "several in one read": (dict(late=lambda i: {40: 0.02, 41: 0.01}.get(i, 0)), [(0.43, "jitter", None)]),
     "bad frames": (dict(extra=[(0.5051, TO_HOST, damaged(status(0, 0, 3)) * 2), (0.6052, TO_CONTROLLER, damaged(command(STAMP, 3)))]),
                    [(0.5051, "bad_frame", None), (0.6052, "bad_frame", None)]),
     "garbage": (dict(extra=[(0.5051, TO_HOST, b"xyz")]), [(0.51, "garbage", None)]),
@@ -37,7 +36,6 @@ CASES = {  # what is special, and (seconds, kind, joint) of what is found
                [(0.2, "resend", None), (0.3, "resend", None)]),
     "unconfirmed": (dict(sent=[(0.102, 0), (0.132, 10)], echoes={14: STAMP + 10}), [(0.102, "unconfirmed", None)]),
     "late echo": (dict(sent=[(0.102, 0), (0.142, 10)], echoes={15: STAMP, 16: STAMP + 10}), []),
-    "overtaken": (dict(sent=[(0.102, 0), (0.122, 10)], echoes={13: STAMP + 10}), []),
     "unconfirmed last": (dict(sent=[(0.95, 0)]), [(0.95, "unconfirmed", None)]),
     "new connection": (dict(missing=range(41, 60), values=since(60, positions={1: 9.0}), extra=[(0.45, CLOSED), (0.6, OPENED)]), []),
     "jump": (dict(values=since(50, positions={1: 0.25}, velocities={1: 10.0})), [(0.51, "jump", 1)]),

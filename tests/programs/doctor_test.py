@@ -21,7 +21,6 @@ REPORT = ["doctor.txt", "versions.txt", "realtime.txt", "recording.vrec"]
     ("pty:", "", " of 30 commands", WORKS),
     ("pty:", "--fault drop-status", "[FAIL] the device is open, but silent", FAILS),
     ("tcp://127.0.0.1:0", "--fault refuse", "refuses: the machine is there, but nothing listens on port ", FAILS),
-    ("tcp://127.0.0.1:0", "--fault wrong-joints=5 --on-command", "the controller is set to 5 joints; use -n 5", FAILS),
     ("tcp://127.0.0.1:0", "--fault no-echo --fault freeze", "[FAIL] statuses arrive, but the echo never comes",
      "begin with the first failure"),
     ("tcp://127.0.0.1:0", "--fault reset=100", "[FAIL] the controller closed the link", "begin with the first failure"),
@@ -50,11 +49,6 @@ def test_is_content_with_a_healthy_arm_of_one_host(velta, sim):
     assert "another host drives it" in velta("doctor", "-n", 3, link).stdout
 
 
-def test_looks_host_names_up(velta, sim):
-    run = velta("doctor", "-n", 3, sim().replace("127.0.0.1", "localhost"))
-    assert run.status == 0 and run.stdout.startswith("[ ok ] 'localhost' is 127.0.0.1\n[ ok ] opened tcp://127.0.0.1:")
-
-
 def test_waits_its_timeout_for_a_connection(velta):
     with socket.create_server(("127.0.0.1", 0), backlog=0) as full:
         waiting = [socket.socket() for _ in range(4)]
@@ -62,8 +56,6 @@ def test_waits_its_timeout_for_a_connection(velta):
             each.setblocking(False)
             each.connect_ex(full.getsockname())
         run = velta("doctor", "-n", 3, "tcp://127.0.0.1:%d" % full.getsockname()[1], "--timeout", "600ms")
-        for each in waiting:
-            each.close()
     assert (run.status, run.stdout.splitlines()[0]) == (
         1, "[FAIL] cannot reach 127.0.0.1: check power, cable, address, netmask and firewall")
     assert 0.6 <= run.seconds < 4.5  # 5 s is usual
@@ -114,15 +106,3 @@ def test_a_report_holds_what_it_lists(velta, sim, tmp_path):
     assert [event for event, *_ in passed][::len(passed) - 1] == [2, 3]
     assert 0.1 < (passed[-1][2] - passed[0][2]) / 1e9
     assert velta("check", tmp_path / "run.vrec", "--jitter", 0, "--gap", 0).status == 0
-
-
-def test_a_report_is_written_for_a_link_that_fails_too(velta, tmp_path):
-    file = tmp_path / "case.tar.gz"
-    run = velta("doctor", "-n", 2, "tcp://localhost:1", "--report", file)
-    assert run.status == 1
-    with tarfile.open(file) as archive:
-        assert archive.getnames() == [f"case/{name}" for name in REPORT[:3]]
-        said = archive.extractfile("case/doctor.txt").read().decode()
-    run = velta("doctor", "-n", 2, "tcp://127.0.0.1:1", "--report", tmp_path / "missing/case.tar.gz")
-    assert run.status == 1 and run.stderr.startswith(f"velta: {tmp_path}/missing/case.tar.gz: ")
-    assert "localhost" not in said and "(host name)" in said and "refuses" in said

@@ -10,12 +10,6 @@ SERVO_ON = ('{"armOrder":"0","jointCommand":[{"jointName":"3","jointOrder":"162"
             '"value4":"0"}]}')
 
 
-@pytest.fixture
-def play(run):
-    """play("move_joint", arguments...)"""
-    return lambda name, *arguments, **options: run(BUILD / "examples" / name, *arguments, **options)
-
-
 def positions(velta, link, joints):
     documents = velta("monitor", link, "-n", joints, "--json", "--count", 1).stdout
     return [float(joint["position"]) for joint in json.loads(documents)["jointState"]]
@@ -35,27 +29,28 @@ def positions(velta, link, joints):
     ("simulator_swap HOST PORT", "tcp", "", [15] * 6, "arrived\n"),
     ("serial_line @ 115200", "pty", "", [0, 0], "the controller answers, joint 1 has servo on\n"),
 ])
-def test_does_what_its_page_says(play, velta, sim, command, endpoint, options, pose, output):
+def test_does_what_its_page_says(run, velta, sim, command, endpoint, options, pose, output):
     joints = 6 if pose is None else len(pose)
     link = sim("-n", joints, *options.split(), endpoint="pty:" if endpoint == "pty" else f"{endpoint}://127.0.0.1:0")
     host, _, port = link.address.rpartition(":")
-    run = play(*command.replace("@", link.address).replace("HOST", host).replace("PORT", port).split())
-    assert run.status == 0, run.stdout + run.stderr
-    assert output in run.stdout
+    name, *arguments = command.replace("@", link.address).replace("HOST", host).replace("PORT", port).split()
+    example = run(BUILD / "examples" / name, *arguments)
+    assert example.status == 0, example.stdout + example.stderr
+    assert output in example.stdout
     if pose is not None:
         assert positions(velta, link, joints) == pytest.approx(pose, abs=0.01)
     counts = link.stop()
     assert (counts["bad_crc"], counts["garbage_bytes"]) == (0, 0)
 
 
-def test_json_bridge_confirms_documents_and_refuses_others(play, sim):
-    run = play("json_bridge", *sim("-n", 6).address.split(":"), input=f"{SERVO_ON}\nnonsense\n")
-    assert (run.status, run.stderr) == (1, "json_bridge: not a command document: nonsense\n")
-    third, fourth = (run.stdout.index(f'"joint_id":"{joint}"') for joint in (3, 4))
-    assert '"systemMode":"2"' in run.stdout[third:fourth]
+def test_json_bridge_confirms_documents_and_refuses_others(run, sim):
+    example = run(BUILD / "examples/json_bridge", *sim("-n", 6).address.split(":"), input=f"{SERVO_ON}\nnonsense\n")
+    assert (example.status, example.stderr) == (1, "json_bridge: not a command document: nonsense\n")
+    third, fourth = (example.stdout.index(f'"joint_id":"{joint}"') for joint in (3, 4))
+    assert '"systemMode":"2"' in example.stdout[third:fourth]
 
 
-def test_reconnect_sends_nothing_old_over_the_new_link(play, run, velta, sim):
+def test_reconnect_sends_nothing_old_over_the_new_link(run, velta, sim):
     deaf = sim("-n", 6, "--fault", "drop-command")  # confirms nothing, so commands stay queued
     example = run.start(BUILD / "examples/reconnect", *deaf.address.split(":"))
     example.line("connected, joint 0 is at 0.00")

@@ -1,11 +1,8 @@
 # SPDX-License-Identifier: MIT
 import json
-import pathlib
 import re
 
-import frames
 import pytest
-from conftest import wait_until
 
 
 def send(velta, link, *words):
@@ -53,15 +50,6 @@ def test_screen_shows_the_arm_and_obeys_keys_and_resizing(velta, sim, terminal):
     assert "watched for " in screen and "q quit" not in screen
 
 
-@pytest.mark.parametrize("endpoint", ["tcp://127.0.0.1:0", "udp://127.0.0.1:0", "pty:"])
-def test_lines_come_from_a_controller_that_only_answers(velta, sim, endpoint):
-    monitor = velta.start("monitor", "-n", 3, sim("--on-command", endpoint=endpoint), "--poll", "20ms")
-    assert monitor.line().endswith(" | J0 0.0000 servo off | J1 0.0000 servo off | J2 0.0000 servo off")
-    # One question in 20 ms, neither in 100 ms nor all the time; a busy machine may bring some lines' answers in a burst.
-    wait_until(lambda: 11 < float(monitor.line().split(" Hz")[0]) < 51, "a rate of one question in 20 ms")
-    assert monitor.stop().status == 0
-
-
 @pytest.mark.parametrize("silent, asked, options", [
     (True, False, ["--poll", "0", "--for", "300ms"]),
     (True, True, ["--poll", "10ms", "--count", 5]),
@@ -78,10 +66,11 @@ def test_asks_only_a_silent_controller_and_never_without_a_poll(velta, sim, sile
 
 
 def test_ends_when_the_link_is_lost(velta, sim):
-    link = sim("--fault", "close=50")
+    link = sim("--fault", "close=1500")
     run = velta("monitor", "-n", 3, link)
     assert (run.status, run.stderr) == (1, f"velta: {link}: the other end closed the link\n")
-    assert "statuses 50 " in run.stdout
+    assert "statuses 1500 " in run.stdout
+    assert run.stdout.splitlines()[0].endswith(" | J0 0.0000 servo off | J1 0.0000 servo off | J2 0.0000 servo off")
     run = velta("monitor", "-n", 3, sim("--fault", "close=50", endpoint="pty:"))
     assert run.status == 1 and run.stderr.endswith(": the other end closed the link\n")
     nobody = "udp://127.0.0.1:1"
@@ -96,25 +85,3 @@ def test_via_shows_what_passes_between_host_and_controller(velta, sim):
     monitor.stop()
     assert monitor.status == 0 and "statuses 21  discarded 0 bytes  bad CRC 0" in monitor.stderr
     assert json.loads(monitor.stdout.splitlines()[0])["jointState"][0]["systemMode"] == "2"
-
-
-def test_words_are_those_of_the_table(listener, terminal):
-    text = pathlib.Path(__file__).parents[2].joinpath("docs/codes.md").read_text()
-    states = re.findall(r"\| `(systemMode|ctrlMode|trjStatus)` \| (\d+) \| ([^|]+) \|", text)
-    offsets = {"systemMode": 2, "ctrlMode": 3, "trjStatus": 8}
-    joints = max(sum(field == name for field, *_ in states) for name in offsets) + 1
-    body = bytearray(frames.status(1, 0, joints)[:-2])
-    expected = [[] for _ in range(joints)]
-    for name, offset in offsets.items():
-        for joint, (_, code, word) in enumerate(state for state in states if state[0] == name):
-            body[22 + 79 * joint + offset] = int(code)
-            expected[joint].append(word)
-        body[22 + 79 * (joints - 1) + offset] = 99  # without a word
-    expected[-1] = ["99", "99", "99"]
-    shown = terminal("monitor", "-n", joints, listener.link)
-    listener.read(18 * joints + 13)
-    listener.send(frames.sealed(bytes(body)))
-    screen = shown.wait_for("interrupted")
-    for joint, words in enumerate(expected):
-        row = next(line for line in screen.splitlines() if re.match(rf"[ >]{joint}!? ", line))
-        assert re.search(".* ".join(map(re.escape, words)), row), row

@@ -20,15 +20,13 @@ def test_measures_every_kind_of_link(velta, sim, endpoint, options):
     assert report["status"]["count"] >= 10
 
 
-@pytest.mark.parametrize("fault, status, first, verdict", [
-    ("late-echo=20", 0, "12 commands, 12 echoed, 0.0 % lost, 0 resends", ""),
-    ("no-echo", 1, "10 commands, 0 echoed, 100.0 % lost, 40 resends", "the controller sends statuses, but echoes no command"),
-    ("close=5", 1, "", "look at the link: it was lost"),
+@pytest.mark.parametrize("fault, first, verdict", [
+    ("no-echo", "10 commands, 0 echoed, 100.0 % lost, 40 resends", "the controller sends statuses, but echoes no command"),
+    ("close=5", "", "look at the link: it was lost"),
 ])
-def test_says_where_to_look(velta, sim, fault, status, first, verdict):
-    run = velta("ping", "-n", 3, sim("--fault", fault), "--count", 12, "--timeout", "100ms" if status == 0 else "10ms")
-    assert run.status == status
-    assert run.stdout.startswith(first) and "\nverdict     " + verdict in run.stdout
+def test_says_where_to_look(velta, sim, fault, first, verdict):
+    run = velta("ping", "-n", 3, sim("--fault", fault), "--count", 12, "--timeout", "10ms")
+    assert run.status == 1 and run.stdout.startswith(first) and "\nverdict     " + verdict in run.stdout
 
 
 def test_waits_its_timeout_for_each_of_five_attempts(velta, sim):

@@ -14,15 +14,13 @@ def test_a_frame_cut_by_the_connections_end_costs_the_next_one_nothing(velta, li
     tap = velta.start("record", "-n", 1, listener.link, tmp_path / "run.vrec", "--via", "tcp://localhost:0")
     link = tap.line("listening on ")
     for half in (40, 103):
-        host = connect(link)
-        host.sendall(b"x")
-        listener.read(1)
-        listener.send(STATUS[:half])
-        assert host.recv(half, socket.MSG_WAITALL) == STATUS[:half]
-        listener.host.close()
-        listener.host = None
-        assert host.recv(1) == b""
-        host.close()
+        with connect(link) as host:
+            host.sendall(b"x")
+            listener.read(1)
+            listener.send(STATUS[:half])
+            listener.host.close()
+            listener.host = None
+            assert host.recv(104, socket.MSG_WAITALL) == STATUS[:half]
     assert "1 status frame, 0 commands, 2 connections" in tap.stop().stdout
 
 

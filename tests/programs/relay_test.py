@@ -40,23 +40,6 @@ def stand(relay, listener):
     return program
 
 
-def open_host(link):
-    """A descriptor that never waits."""
-    host = os.open(link.split("://")[1].split("?")[0], os.O_RDWR | os.O_NOCTTY) if link.startswith("serial") else connect(link).detach()
-    os.set_blocking(host, False)
-    return host
-
-
-def is_left(host):
-    """Whether the other end has closed the descriptor's connection, or reset it."""
-    try:
-        return os.read(host, 1) == b""
-    except BlockingIOError:
-        return False
-    except OSError:
-        return True
-
-
 @pytest.mark.parametrize("host_kind", ["tcp", "pty"])
 @pytest.mark.parametrize("controller_kind", ["tcp", "serial"])
 def test_every_byte_passes_in_both_directions(relay, listener, host_kind, controller_kind):
@@ -64,11 +47,13 @@ def test_every_byte_passes_in_both_directions(relay, listener, host_kind, contro
     master, slave = os.openpty()
     tty.setraw(slave)
     program = relay(host_kind, listener.link if controller_kind == "tcp" else f"serial://{os.ttyname(slave)}")
-    host = open_host(program.link)
+    device = program.link.split("://")[1].split("?")[0]
+    host = os.open(device, os.O_RDWR | os.O_NOCTTY) if host_kind == "pty" else connect(program.link).detach()
     controller = master if controller_kind == "serial" else listener.listening.accept()[0].detach()
     noise = random.Random(1)
     ways = [(host, controller, noise.randbytes(100_000), bytearray()), (controller, host, noise.randbytes(80_000), bytearray())]
     sent = [0, 0]
+    os.set_blocking(host, False)
     os.set_blocking(controller, False)
 
     def step():
@@ -100,15 +85,9 @@ def test_datagrams_pass_whole_from_and_to_the_last_host(relay):
                 got, relay_address = controller.recvfrom(1 << 16)
                 controller.sendto(datagram, relay_address)
                 assert got == host.recv(1 << 16) == datagram
-        port = controller.getsockname()[1]
     for i in range(20):  # an absent controller is no end
         host.send(b"y")
     wait_until(lambda: sum(block == b"y" for *_, block in program.records()) == 20)
-    with socket.socket(type=socket.SOCK_DGRAM) as controller:
-        controller.bind(("127.0.0.1", port))
-        controller.settimeout(30)
-        host.send(b"z")
-        assert controller.recv(9) == b"z"
     assert [len(block) for event, *_, block in program.records() if event == TO_HOST] == [121, 1, 0, 65507] * 2
     assert program.events() == [frames.OPENED]
     _, monotonic, wall, _ = program.records()[-1]
@@ -135,38 +114,10 @@ def test_a_reset_is_passed_on(stand, listener, by_host):
     wait_until(lambda: stand.events() == [frames.OPENED, frames.CLOSED])
 
 
-def test_sending_to_a_host_that_has_gone_is_a_reset(stand, listener):
-    stand.host.close()
-    assert listener.read(1) == b""
-
-    def is_reset():
-        try:
-            listener.send(b"x")
-        except OSError:
-            return True
-
-    wait_until(is_reset)  # as without a relay
-
-
 def test_a_host_that_is_back_need_not_wait_for_the_controllers_close(stand, listener):
     stand.host.close()
     connect(stand.link)
     wait_until(lambda: stand.events() == [frames.OPENED, frames.CLOSED, frames.OPENED])
-
-
-@pytest.mark.parametrize("kind", ["tcp", "pty"])
-def test_a_host_is_turned_away_when_the_controller_leaves_or_is_away(relay, listener, kind):
-    program, link = relay(kind, listener.link), listener.link
-    host = open_host(program.link)
-    listener.listening.accept()[0].close()
-    wait_until(lambda: is_left(host))
-    os.close(host)
-    wait_until(lambda: program.events() == [frames.OPENED, frames.CLOSED])
-    listener.listening.close()
-    host = open_host(program.link)
-    assert program.line("velta: ") == f"{link}: Connection refused"
-    wait_until(lambda: is_left(host))
-    assert program.events() == [frames.OPENED, frames.CLOSED]
 
 
 def test_a_controller_has_its_time_to_answer(relay):
@@ -181,5 +132,3 @@ def test_a_controller_has_its_time_to_answer(relay):
         assert program.line("velta: ") == f"{link}: no answer within 5000 ms"
         with pytest.raises(ConnectionResetError):
             host.recv(1)
-        for each in waiting:
-            each.close()
