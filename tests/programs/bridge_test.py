@@ -5,6 +5,7 @@ import contextlib
 import http.client
 import json
 import pathlib
+import random
 import signal
 import socket
 import ssl
@@ -226,6 +227,12 @@ def test_strangers_cost_neither_memory_nor_the_loop(sim, bridge, viewer):
     deaf.connect(host)
     deaf.send(b"GET /ws HTTP/1.1\r\nHost: localhost\r\nConnection: Upgrade\r\nUpgrade: websocket\r\n"
               b"Sec-WebSocket-Version: 13\r\nSec-WebSocket-Key: AAAAAAAAAAAAAAAAAAAAAA==\r\n\r\n")
+    choose = random.Random(7)
+    pieces = ['{"control":', '"take"', '"keep"', "}", "[", "{", '"id":', "1e999", '"stop"', "\\u0000", '"command":', "null", ","]
+    for _ in range(50):
+        with contextlib.closing(viewer(program.url)) as noisy:
+            for _ in range(200):  # 10,000 messages
+                noisy.send("".join(choose.choices(pieces, k=choose.randrange(12))))
     wait_until(lambda: statistics(program)["web"]["slow_viewers"] > 0, "the deaf viewer's end")
     wait_until(lambda: refused(program, "slow request") >= 20, "the slow requests' end")
     assert SANITIZED or resident(program) - before < 4 * 1024

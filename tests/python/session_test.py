@@ -288,6 +288,7 @@ def test_log_lines_go_to_logging_and_nothing_to_standard_output(velta_sim, capfd
 
 
 def test_control_c_ends_every_wait(arm):
+    signal.signal(signal.SIGINT, signal.default_int_handler)  # ignored in the background of a shell
     silent = socket.create_server(("127.0.0.1", 0))
     link = f"tcp://127.0.0.1:{silent.getsockname()[1]}"
     dead = Controller(answers=False)
