@@ -602,6 +602,7 @@ TEST_F(SessionTest, KeepsTheNewestEventsAndCountsTheRest) {
   for (int i = 0; i < 300; ++i) shared->notifier.Post(Event::Kind::kNotice, "", i);
   shared->notifier.Deliver();
   ASSERT_EQ(values.size(), 257U);
+  EXPECT_EQ(shared->notifier.EventsLeftOut(), 44U);
   EXPECT_EQ(values[0], 44);
   EXPECT_EQ(values[1], 44);
   EXPECT_EQ(values[256], 299);
@@ -624,6 +625,13 @@ TEST_F(SessionTest, WritesFlightRecordsByItselfAndNumbersThem) {
   link->is_broken = true;
   Cycles(1);
   for (const char* number : {"", "-2", "-3"}) EXPECT_EQ(std::remove((stem + number + ".vrec").c_str()), 0) << number;
+  for (int i = 0; i < 100; ++i) {
+    shared->notifier.RequestRecord();
+    shared->notifier.Deliver();
+  }
+  int number = 4;
+  while (std::remove((stem + "-" + std::to_string(number) + ".vrec").c_str()) == 0) ++number;
+  EXPECT_EQ(number - 1, 100) << "no more than that, whatever happens";
 }
 
 TEST(SessionRecorderTest, LeavesOutWhatIsOlderThanItsLength) {
