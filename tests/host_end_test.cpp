@@ -2,6 +2,7 @@
 #include "host_end.h"
 
 #include <gtest/gtest.h>
+#include <netinet/tcp.h>
 
 #include <optional>
 
@@ -22,6 +23,16 @@ TEST(HostEnd, SendsTheDatagramAfterARefusedOne) {
   char byte = 0;
   EXPECT_EQ(controller->Take().Read(&byte, 1).size, 1U);
   EXPECT_EQ(byte, 'z');
+}
+
+TEST(ControllerEnd, SendsEachFrameAtOnce) {
+  ControllerEnd controller(ParseLink("tcp://127.0.0.1:0"));
+  const HostEnd host(controller.Address(), 0);
+  const Channel channel = controller.Take();
+  int is_set = 0;
+  socklen_t size = sizeof is_set;
+  EXPECT_EQ(getsockopt(channel.Descriptor(), IPPROTO_TCP, TCP_NODELAY, &is_set, &size), 0);
+  EXPECT_NE(is_set, 0);
 }
 
 }  // namespace
