@@ -66,8 +66,7 @@ async def watch(url, until):
 
 
 def viewers(count):
-    bridge = subprocess.Popen([BRIDGE, "-n", "6", "sim:", "--web", "127.0.0.1:0", "--priority", "40"],
-                              stdout=subprocess.PIPE, text=True)
+    bridge = subprocess.Popen([BRIDGE, "-n", "6", "sim:", "--web", "127.0.0.1:0"], stdout=subprocess.PIPE, text=True)
     url = bridge.stdout.readline().split()[-1]
     time.sleep(1)
     before, began = cpu(bridge), time.monotonic()

@@ -1,4 +1,7 @@
 // SPDX-License-Identifier: MIT
+#include <pthread.h>
+#include <sched.h>
+
 #include <CLI/CLI.hpp>
 #include <boost/asio/signal_set.hpp>
 #include <csignal>
@@ -6,6 +9,7 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -30,12 +34,15 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 using tools::UsageError;
 
+constexpr int kPriority = 40;  // of the arm's loop, where the system allows it
+
 struct Options {
   HubOptions hub;
   WebOptions web;
   MqttOptions mqtt;
   std::string web_address, mqtt_address, mqtt_version = "5";
   std::string token_file, password_file, stop_documents;
+  std::optional<int> priority;
   bool no_viewer_stop = false;
 };
 
@@ -89,7 +96,8 @@ void AddOptions(CLI::App& app, Options& options) {
   app.add_flag("--no-viewer-stop", options.no_viewer_stop, "Only who holds control may stop the arm");
   app.add_option("--stop-documents", options.stop_documents, "Command documents that stop the arm, in this order")
       ->option_text("FILE");
-  app.add_option("--priority", session.priority, "SCHED_FIFO priority of the arm's loop; 0 is the ordinary scheduler")
+  app.add_option("--priority", options.priority,
+                 "SCHED_FIFO priority of the arm's loop; 0 is the ordinary scheduler (40 where the system allows it)")
       ->check(CLI::Range(0, 99))
       ->type_name("N");
 }
@@ -141,6 +149,15 @@ void AddMqttOptions(CLI::App& app, Options& options) {
   AddCertificate(add, "--mqtt-", "Certificate of this bridge, PEM", mqtt.certificate, mqtt.key);
 }
 
+/// Whether the system gives this process that SCHED_FIFO priority.
+bool MayHavePriority(int priority) {
+  sched_param parameters{};
+  parameters.sched_priority = priority;
+  if (pthread_setschedparam(pthread_self(), SCHED_FIFO, &parameters) != 0) return false;
+  parameters.sched_priority = 0;
+  return pthread_setschedparam(pthread_self(), SCHED_OTHER, &parameters) == 0;
+}
+
 /// What the options mean together. Files are read here.
 void Complete(Options& options) {
   if (options.web_address.empty() && options.mqtt_address.empty()) throw UsageError("give --web, --mqtt or both");
@@ -168,6 +185,7 @@ void Complete(Options& options) {
   if (!options.token_file.empty()) options.web.token = ReadSecret(options.token_file);
   if (!options.password_file.empty()) options.mqtt.password = ReadSecret(options.password_file);
   if (!options.stop_documents.empty()) session.stop = ReadStopDocuments(options.stop_documents, session.joints);
+  session.priority = options.priority.value_or(MayHavePriority(kPriority) ? kPriority : 0);
   session.status_buffer = 64;  // nobody asks for more than the newest
   if (options.hub.control.allow_commands) session.dead_man = options.hub.control.timeout;
 }

@@ -4,6 +4,7 @@
 import contextlib
 import http.client
 import json
+import os
 import pathlib
 import random
 import signal
@@ -247,6 +248,15 @@ def test_strangers_cost_neither_memory_nor_the_loop(sim, bridge, viewer):
     wait_until(lambda: refused(program, "too many connections") >= 12)
 
 
+def may_have_priority():
+    try:
+        os.sched_setscheduler(0, os.SCHED_FIFO, os.sched_param(40))
+    except PermissionError:
+        return False
+    os.sched_setscheduler(0, os.SCHED_OTHER, os.sched_param(0))
+    return True
+
+
 def test_service_manager_hears_that_it_is_ready_and_alive(sim, run, tmp_path):
     manager = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
     manager.settimeout(30)
@@ -254,6 +264,8 @@ def test_service_manager_hears_that_it_is_ready_and_alive(sim, run, tmp_path):
     environment = {"NOTIFY_SOCKET": str(tmp_path / "notify"), "WATCHDOG_USEC": "200000"}
     program = run.start(BRIDGE, "-n", 3, sim(), "--web", "127.0.0.1:0", env=environment)
     assert [manager.recv(100) for _ in range(3)] == [b"READY=1", b"WATCHDOG=1", b"WATCHDOG=1"]
+    threads = os.listdir(f"/proc/{program.process.pid}/task")
+    assert (os.SCHED_FIFO in map(os.sched_getscheduler, map(int, threads))) == may_have_priority(), "the arm's loop comes first"
     assert program.stop().status == 0
     while (said := manager.recv(100)) == b"WATCHDOG=1":
         pass
