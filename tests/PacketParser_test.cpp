@@ -32,4 +32,13 @@ TEST(PacketParser, SearchHeaderStopsAtTheMarkOrBelowTwoBytes) {
   }
 }
 
+TEST(PacketParser, CopiesKeepTheBytesThatWait) {
+  PacketParser parser(1);
+  parser.Push(Bytes().Fill(5, 7));
+  const PacketParser copy(parser);
+  PacketParser assigned(2);
+  assigned = copy;
+  EXPECT_EQ(assigned.buffer, parser.buffer);
+}
+
 }  // namespace
