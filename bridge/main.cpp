@@ -149,13 +149,14 @@ void AddMqttOptions(CLI::App& app, Options& options) {
   AddCertificate(add, "--mqtt-", "Certificate of this bridge, PEM", mqtt.certificate, mqtt.key);
 }
 
-/// Whether the system gives this process that SCHED_FIFO priority.
+/// Whether the system gives this process that SCHED_FIFO priority. The calling thread keeps its own.
 bool MayHavePriority(int priority) {
-  sched_param parameters{};
-  parameters.sched_priority = priority;
-  if (pthread_setschedparam(pthread_self(), SCHED_FIFO, &parameters) != 0) return false;
-  parameters.sched_priority = 0;
-  return pthread_setschedparam(pthread_self(), SCHED_OTHER, &parameters) == 0;
+  int policy = SCHED_OTHER;
+  sched_param own{}, wanted{};
+  wanted.sched_priority = priority;
+  if (pthread_getschedparam(pthread_self(), &policy, &own) != 0) return false;
+  if (pthread_setschedparam(pthread_self(), SCHED_FIFO, &wanted) != 0) return false;
+  return pthread_setschedparam(pthread_self(), policy, &own) == 0;
 }
 
 /// What the options mean together. Files are read here.
